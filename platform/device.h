@@ -1,0 +1,37 @@
+// Facts and services of the phone's device library. On the host, facts come from
+// $PROVISOR_ROOT/host/device.ini, section "device": mac (12 lower-case hexadecimal digits), ip,
+// network_state (default 2), network_type (default 0), time_trusted (default 1). A missing mac or
+// ip comes from the host's first non-loopback interface, else 000000000000 and 127.0.0.1.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+constexpr const char* kHostDeviceIni = "/host/device.ini";
+
+int32_t netGetNetworkSta();
+int32_t netGetNetworkType();
+std::string netGetMACText();
+std::string netGetLocalIP();
+// Resolves a host name to an address text ("" when it fails). `family`: 2 IPv4 only, 10 IPv6 only,
+// anything else: the first address of either family.
+std::string netGetHostIPString(const std::string& host, int family);
+bool IsValidIPV6(const std::string& text);
+// Local calendar time (seconds, service clock) and whether it was set from a trusted source.
+int32_t netGetLocalTime();
+bool netIsTrustedLocalTime();
+
+// Boot-loader environment, kept in $PROVISOR_ROOT/host/bootenv.ini on the host. 0 on success.
+constexpr const char* kHostBootEnv = "/host/bootenv.ini";
+int userenv_set(const std::string& name, const std::string& value);
+std::string userenv_get(const std::string& name);
+
+// The platform's protection of stored passwords. On the host: AES-128-CBC with a fixed device key
+// and a random IV, written as "ENC:" + base64(IV || cipher). 0 on success.
+int pw_data_encrypt(const std::string& plain, std::string& out);
+int pw_data_decrypt(const std::string& protectedText, std::string& out);
+
+// The platform trace (level 1..5); goes to the log with the "./platform" module path.
+void brisaTrace(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+// Text of the current errno.
+std::string brisaTransLastError();
