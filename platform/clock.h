@@ -33,6 +33,9 @@ class RealClock : public Clock {
 class FakeClock : public Clock {
  public:
   explicit FakeClock(int32_t startSeconds = 1700000000);
+  ~FakeClock() override;
+  FakeClock(const FakeClock&) = delete;
+  FakeClock& operator=(const FakeClock&) = delete;
   uint32_t tickMs() override;
   int32_t nowSeconds() override;
   void sleepMs(uint32_t ms) override;

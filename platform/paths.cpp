@@ -1,0 +1,143 @@
+#define LOG_MODULE "./platform/paths"
+#include "paths.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <atomic>
+#include <cstdlib>
+#include <mutex>
+
+#include "log.h"
+
+namespace {
+
+std::mutex& rootMutex() {
+  static std::mutex m;
+  return m;
+}
+
+std::string normalisedRoot(const char* value) {
+  std::string root = value ? value : "";
+  while (!root.empty() && root.back() == '/') root.pop_back();
+  return root;
+}
+
+std::string& rootStorage() {
+  static std::string root = normalisedRoot(getenv("PROVISOR_ROOT"));
+  return root;
+}
+
+bool makeParentDirs(const std::string& hostFile) {
+  size_t pos = 0;
+  while ((pos = hostFile.find('/', pos + 1)) != std::string::npos) {
+    std::string dir = hostFile.substr(0, pos);
+    if (mkdir(dir.c_str(), 0775) != 0 && errno != EEXIST) return false;
+  }
+  return true;
+}
+
+// Closes a descriptor on scope exit.
+struct FdGuard {
+  int fd;
+  ~FdGuard() {
+    if (fd >= 0) close(fd);
+  }
+};
+
+bool writeAll(int fd, const std::string& data) {
+  size_t done = 0;
+  while (done < data.size()) {
+    ssize_t n = write(fd, data.data() + done, data.size() - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+const std::string& platformRoot() {
+  std::lock_guard<std::mutex> lock(rootMutex());
+  return rootStorage();
+}
+
+void platformSetRoot(const std::string& root) {
+  std::lock_guard<std::mutex> lock(rootMutex());
+  rootStorage() = normalisedRoot(root.c_str());
+}
+
+std::string hostPath(const std::string& logicalPath) {
+  const std::string& root = platformRoot();
+  if (root.empty() || logicalPath.empty() || logicalPath[0] != '/') return logicalPath;
+  if (logicalPath.compare(0, root.size(), root) == 0 &&
+      (logicalPath.size() == root.size() || logicalPath[root.size()] == '/'))
+    return logicalPath;
+  return root + logicalPath;
+}
+
+FilePtr openFile(const std::string& logicalPath, const char* mode) {
+  return FilePtr(fopen(hostPath(logicalPath).c_str(), mode));
+}
+
+bool pathFileExist(const std::string& logicalPath) {
+  struct stat st;
+  return stat(hostPath(logicalPath).c_str(), &st) == 0;
+}
+
+bool pathIsDirectory(const std::string& logicalPath) {
+  struct stat st;
+  return stat(hostPath(logicalPath).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool readTextFile(const std::string& logicalPath, std::string& out) {
+  FilePtr f = openFile(logicalPath, "rb");
+  if (!f) return false;
+  out.clear();
+  char buffer[8192];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof(buffer), f.get())) > 0) out.append(buffer, n);
+  return !ferror(f.get());
+}
+
+bool writeFileAtomic(const std::string& logicalPath, const std::string& contents) {
+  const std::string target = hostPath(logicalPath);
+  if (!makeParentDirs(target)) return false;
+  static std::atomic<unsigned> sequence{0};
+  const std::string temporary =
+      target + ".tmp" + std::to_string(getpid()) + "." + std::to_string(sequence.fetch_add(1));
+  {
+    FdGuard fd{open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)};
+    if (fd.fd < 0) return false;
+    if (!writeAll(fd.fd, contents) || fsync(fd.fd) != 0) {
+      unlink(temporary.c_str());
+      return false;
+    }
+  }
+  if (rename(temporary.c_str(), target.c_str()) != 0) {
+    unlink(temporary.c_str());
+    return false;
+  }
+  // The rename itself must reach the disk before we call the new contents written.
+  size_t slash = target.rfind('/');
+  FdGuard dir{open(slash == std::string::npos || slash == 0 ? "/" : target.substr(0, slash).c_str(),
+                   O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+  if (dir.fd >= 0) fsync(dir.fd);
+  return true;
+}
+
+std::string pathAppend(const std::string& dir, const std::string& name) {
+  if (dir.empty()) return name;
+  if (dir.back() == '/') return name.empty() || name[0] != '/' ? dir + name : dir + name.substr(1);
+  return name.empty() || name[0] != '/' ? dir + "/" + name : dir + name;
+}
+
+size_t pathGetFileNamePos(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? 0 : slash + 1;
+}

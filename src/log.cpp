@@ -1,0 +1,145 @@
+// The process-wide logger. One record is formatted into a zeroed 512-byte buffer on the caller's
+// stack (at most 510 characters; longer text is cut), written to the output stream with one write
+// and a flush, and sent to the system log. No lock: the stream is in append mode, so records of
+// different threads do not interleave within a line.
+#define LOG_MODULE "./src/log"
+#include "log.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "baseMethod.h"
+#include "paths.h"
+
+namespace {
+
+constexpr size_t kRecordBuffer = 512;
+constexpr int kRecordMaxChars = 510;
+
+struct Logger {
+  FILE* stream = stdout;
+  int fd = -1;
+  int level = kLogLevelDefault;
+  std::atomic<bool> syslogOpen{false};
+  std::atomic<LogSink> sink{nullptr};
+
+  Logger() {
+    fd = fileno(stdout);
+    // Writes of this process and of children sharing the file must land at the end and never
+    // block the service when the reader of standard output stalls.
+    if (fd > 0) {
+      int fdFlags = fcntl(fd, F_GETFD);
+      if (fdFlags >= 0) fcntl(fd, F_SETFD, fdFlags & ~FD_CLOEXEC);
+      int flags = fcntl(fd, F_GETFL);
+      if (flags >= 0) fcntl(fd, F_SETFL, flags | O_APPEND | O_NONBLOCK);
+    }
+  }
+  ~Logger() {
+    if (stream && stream != stdout) fclose(stream);
+    stream = nullptr;
+    fd = -1;
+    if (syslogOpen) closelog();
+  }
+};
+
+Logger& logger() {
+  static Logger instance;
+  return instance;
+}
+
+void writeRecord(Logger& lg, const char* text, size_t length) {
+  if (lg.stream) {
+    fwrite(text, 1, length, lg.stream);
+    fflush(lg.stream);
+  }
+  if (lg.stream != stdout) {
+    fwrite(text, 1, length, stdout);
+    fflush(stdout);
+  }
+}
+
+int fixedLevelV(int level, const char* word, const char* format, va_list args) {
+  std::string withWord = std::string(word) + format;
+  return logV(level, withWord.c_str(), args);
+}
+
+}  // namespace
+
+int logSyslogPriority(int level) {
+  switch (level) {
+    case 1: return LOG_CRIT;
+    case 2: return LOG_ERR;
+    case 3: return LOG_WARNING;
+    case 4: return LOG_INFO;
+    default: return LOG_DEBUG;
+  }
+}
+
+void logSetTestSink(LogSink sink) { logger().sink = sink; }
+
+int logV(int level, const char* format, va_list args) {
+  Logger& lg = logger();
+  if (level > lg.level || format == nullptr) return 0;
+
+  std::string effective(format);
+  effective += '\n';
+  char record[kRecordBuffer];
+  memset(record, 0, sizeof(record));
+  int written = vsnprintf(record, kRecordMaxChars + 1, effective.c_str(), args);
+  record[kRecordBuffer - 1] = '\0';
+  size_t length = strnlen(record, kRecordMaxChars);
+  (void)written;
+
+  writeRecord(lg, record, length);
+  if (!lg.syslogOpen.exchange(true)) openlog("autop", LOG_PID | LOG_NDELAY, LOG_DAEMON);
+  // The record goes in as data, not as a format: a "%" from a server-supplied URL must never be
+  // read as a conversion.
+  syslog(logSyslogPriority(level), "%s", record);
+  if (LogSink sink = lg.sink.load()) sink(level, record);
+  return static_cast<int>(length);
+}
+
+int log(int level, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  int n = logV(level, format, args);
+  va_end(args);
+  return n;
+}
+
+#define FIXED_LEVEL(name, level, word)     \
+  void name(const char* format, ...) {     \
+    va_list args;                          \
+    va_start(args, format);                \
+    fixedLevelV(level, word, format, args); \
+    va_end(args);                          \
+  }
+FIXED_LEVEL(logDebug, 5, "DEB:")
+FIXED_LEVEL(logInfo, 4, "IFO:")
+FIXED_LEVEL(logWarning, 3, "WAR:")
+FIXED_LEVEL(logError, 2, "ERR:")
+#undef FIXED_LEVEL
+
+int backupLog() {
+  static const char* kRamLog = "/tmp/autop.log";
+  static const char* kFlashDir = "/config/autop_log";
+  static const char* kLog0 = "/config/autop_log/log.0";
+  static const char* kLog1 = "/config/autop_log/log.1";
+
+  LOG_IFO("backup attlog to flash ... ");
+  if (!pathFileExist(kRamLog)) {
+    LOG_IFO("skip backup! [%s] file not exist !", kRamLog);
+    return 0;
+  }
+  makeDirs(kFlashDir);
+  if (pathFileExist(kLog0)) copyFile(kLog0, kLog1);
+  if (copyFile(kRamLog, kLog0) != 0) LOG_WAR("backup attlog failed !");
+  return 0;
+}
