@@ -15,8 +15,6 @@
 #include <cstring>
 #include <string>
 
-#include "baseMethod.h"
-#include "paths.h"
 
 namespace {
 
@@ -126,20 +124,3 @@ FIXED_LEVEL(logInfo, 4, "IFO:")
 FIXED_LEVEL(logWarning, 3, "WAR:")
 FIXED_LEVEL(logError, 2, "ERR:")
 #undef FIXED_LEVEL
-
-int backupLog() {
-  static const char* kRamLog = "/tmp/autop.log";
-  static const char* kFlashDir = "/config/autop_log";
-  static const char* kLog0 = "/config/autop_log/log.0";
-  static const char* kLog1 = "/config/autop_log/log.1";
-
-  LOG_IFO("backup attlog to flash ... ");
-  if (!pathFileExist(kRamLog)) {
-    LOG_IFO("skip backup! [%s] file not exist !", kRamLog);
-    return 0;
-  }
-  makeDirs(kFlashDir);
-  if (pathFileExist(kLog0)) copyFile(kLog0, kLog1);
-  if (copyFile(kRamLog, kLog0) != 0) LOG_WAR("backup attlog failed !");
-  return 0;
-}

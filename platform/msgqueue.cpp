@@ -1,0 +1,502 @@
+#define LOG_MODULE "./platform/msgqueue"
+#include "msgqueue.h"
+
+#include <dirent.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <mutex>
+
+#include "clock.h"
+#include "log.h"
+#include "paths.h"
+
+namespace {
+
+constexpr uint32_t kWireMagic = 0x4d534751;  // "MSGQ"
+constexpr uint32_t kKindMessage = 1;
+constexpr uint32_t kKindReply = 2;
+constexpr size_t kMaxDatagram = 192 * 1024;
+constexpr int32_t kDefaultSendTimeoutMs = 10000;
+
+struct WireHeader {
+  uint32_t magic;
+  uint32_t kind;
+  uint32_t id;
+  uint32_t wParam;
+  uint32_t lParam;
+  uint32_t sequence;
+  uint32_t extraSize;
+  uint32_t replyAddressSize;
+};
+
+thread_local chThreadLocal* tlsCurrentThread = nullptr;
+
+// A Unix datagram socket, closed (and its bound path unlinked) on scope exit.
+class UnixSocket {
+ public:
+  UnixSocket() : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
+  ~UnixSocket() { close(); }
+  UnixSocket(const UnixSocket&) = delete;
+  UnixSocket& operator=(const UnixSocket&) = delete;
+
+  int fd() const { return fd_; }
+  bool valid() const { return fd_ >= 0; }
+  bool bindTo(const std::string& hostPath) {
+    sockaddr_un addr;
+    if (!fill(addr, hostPath)) return false;
+    if (bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) return false;
+    boundPath_ = hostPath;
+    return true;
+  }
+  void close() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+    if (!boundPath_.empty()) unlink(boundPath_.c_str());
+    boundPath_.clear();
+  }
+  static bool fill(sockaddr_un& addr, const std::string& hostPath) {
+    memset(&addr, 0, sizeof(addr));
+    addr.sun_family = AF_UNIX;
+    if (hostPath.size() >= sizeof(addr.sun_path)) return false;
+    memcpy(addr.sun_path, hostPath.c_str(), hostPath.size() + 1);
+    return true;
+  }
+
+ private:
+  int fd_;
+  std::string boundPath_;
+};
+
+std::string queueDirHost() { return hostPath(kMsgQueueDir); }
+std::string threadSocketHost(const std::string& name) { return queueDirHost() + "/" + name; }
+
+bool validThreadName(const std::string& name) {
+  return !name.empty() && name[0] != '.' && name.find('/') == std::string::npos && name.size() < 64;
+}
+
+void ensureQueueDir() {
+  std::string dir = queueDirHost();
+  size_t pos = 0;
+  while ((pos = dir.find('/', pos + 1)) != std::string::npos) mkdir(dir.substr(0, pos).c_str(), 0777);
+  mkdir(dir.c_str(), 0777);
+}
+
+std::vector<char> encode(uint32_t kind, uint32_t id, uint32_t wParam, uint32_t lParam, uint32_t sequence,
+                         const void* extra, uint32_t extraSize, const std::string& replyAddress) {
+  WireHeader header{kWireMagic, kind, id, wParam, lParam, sequence, extraSize,
+                    static_cast<uint32_t>(replyAddress.size())};
+  std::vector<char> datagram(sizeof(header) + replyAddress.size() + extraSize);
+  memcpy(datagram.data(), &header, sizeof(header));
+  memcpy(datagram.data() + sizeof(header), replyAddress.data(), replyAddress.size());
+  if (extraSize) memcpy(datagram.data() + sizeof(header) + replyAddress.size(), extra, extraSize);
+  return datagram;
+}
+
+// Parses one received datagram; false for anything malformed (it is dropped).
+bool decode(const char* data, size_t size, WireHeader& header, msgObject& msg) {
+  if (size < sizeof(WireHeader)) return false;
+  memcpy(&header, data, sizeof(header));
+  if (header.magic != kWireMagic) return false;
+  size_t needed = sizeof(header) + static_cast<size_t>(header.replyAddressSize) + header.extraSize;
+  if (header.replyAddressSize > 256 || header.extraSize > kMaxDatagram || needed != size) return false;
+  msg.message = header.id;
+  msg.wParam = header.wParam;
+  msg.lParam = header.lParam;
+  msg.sequence_ = header.sequence;
+  msg.replyAddress_.assign(data + sizeof(header), header.replyAddressSize);
+  msg.extra_.assign(data + sizeof(header) + header.replyAddressSize, data + size);
+  return true;
+}
+
+bool sendDatagram(int fd, const std::string& targetHost, const std::vector<char>& datagram) {
+  sockaddr_un addr;
+  if (!UnixSocket::fill(addr, targetHost)) return false;
+  for (int attempt = 0; attempt < 200; ++attempt) {
+    ssize_t n = sendto(fd, datagram.data(), datagram.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&addr),
+                       sizeof(addr));
+    if (n == static_cast<ssize_t>(datagram.size())) return true;
+    // A full receive queue of a busy thread: wait a little for it to drain, as the phone's queue
+    // blocks the sender; a missing receiver fails at once.
+    if (n < 0 && (errno == EAGAIN || errno == ENOBUFS || errno == EINTR)) {
+      usleep(5000);
+      continue;
+    }
+    return false;
+  }
+  return false;
+}
+
+std::atomic<uint32_t> nextSequence{1};
+std::atomic<uint32_t> nextTimerId{0x10000};
+
+}  // namespace
+
+void msgObject::ReplyMessage(int32_t value) {
+  replied_ = true;
+  reply_ = value;
+}
+
+struct chThreadLocal::Impl {
+  struct Timer {
+    uint64_t periodMs;
+    uint32_t dueTick;
+    bool repeat;
+  };
+  struct LocalItem {
+    msgObject message;
+    std::function<void()> call;
+  };
+
+  int wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  UnixSocket* socket = nullptr;
+  std::mutex mutex;  // guards localQueue and timers
+  std::deque<LocalItem> localQueue;
+  std::map<uint32_t, Timer> timers;
+  std::atomic<bool> quit{false};
+  std::atomic<int> exitCode{0};
+  std::atomic<bool> running{false};
+  std::vector<char> receiveBuffer = std::vector<char>(kMaxDatagram + 512);
+
+  ~Impl() {
+    delete socket;
+    if (wakeFd >= 0) close(wakeFd);
+  }
+  void wake() {
+    uint64_t one = 1;
+    ssize_t ignored = write(wakeFd, &one, sizeof(one));
+    (void)ignored;
+  }
+  void drainWake() {
+    uint64_t value;
+    while (read(wakeFd, &value, sizeof(value)) > 0) {
+    }
+  }
+};
+
+chThreadLocal::chThreadLocal(const char* name, void (*callback)(msgObject&))
+    : name_(name ? name : ""), callback_(callback), impl_(new Impl) {}
+
+chThreadLocal::~chThreadLocal() {
+  Shutdown();
+  if (tlsCurrentThread == this) tlsCurrentThread = nullptr;
+}
+
+bool chThreadLocal::TryThreadMessage(msgObject& msg) {
+  if (msg.message == MSG_THREAD_TIMER) return OnTimerMessage(msg);
+  return false;
+}
+
+bool chThreadLocal::DefaultProcessMessage(msgObject& msg) {
+  if (msg.message == MSG_THREAD_QUIT) {
+    Quit(0);
+    return true;
+  }
+  return false;
+}
+
+bool chThreadLocal::OnTimerMessage(msgObject&) { return false; }
+
+bool chThreadLocal::Launch() {
+  if (impl_->socket) return true;
+  if (!validThreadName(name_)) return false;
+  ensureQueueDir();
+  const std::string path = threadSocketHost(name_);
+  if (!msgGetThreadByName(name_).empty()) {
+    LOG_ERR("thread name [%s] is already taken", name_.c_str());
+    return false;
+  }
+  unlink(path.c_str());  // a stale socket left by a process that died
+  auto* socket = new UnixSocket();
+  if (!socket->valid() || !socket->bindTo(path)) {
+    LOG_ERR("can't bind message queue [%s] : %s", path.c_str(), strerror(errno));
+    delete socket;
+    return false;
+  }
+  int size = static_cast<int>(kMaxDatagram * 4);
+  setsockopt(socket->fd(), SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
+  impl_->socket = socket;
+  impl_->wake();
+  return true;
+}
+
+void chThreadLocal::Shutdown() {
+  delete impl_->socket;
+  impl_->socket = nullptr;
+}
+
+bool chThreadLocal::IsLaunched() const { return impl_->socket != nullptr; }
+
+void chThreadLocal::Quit(int exitCode) {
+  impl_->exitCode = exitCode;
+  impl_->quit = true;
+  impl_->wake();  // write() only: safe from a signal handler
+}
+
+void chThreadLocal::PostThreadMsg(uint32_t id, uint32_t wParam, uint32_t lParam) {
+  Impl::LocalItem item;
+  item.message.message = id;
+  item.message.wParam = wParam;
+  item.message.lParam = lParam;
+  {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->localQueue.push_back(std::move(item));
+  }
+  impl_->wake();
+}
+
+void chThreadLocal::QueueCall(std::function<void()> fn) {
+  Impl::LocalItem item;
+  item.call = std::move(fn);
+  {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->localQueue.push_back(std::move(item));
+  }
+  impl_->wake();
+}
+
+bool chThreadLocal::IsCalledByThisThread() const { return tlsCurrentThread == this; }
+
+chThreadLocal* chThreadLocal::Current() { return tlsCurrentThread; }
+
+void chThreadLocal::SetThreadTimer(uint32_t timerId, uint64_t ms) {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  uint64_t period = std::max<uint64_t>(ms, 1);
+  impl_->timers[timerId] = Impl::Timer{period, brisaGetTickCount() + static_cast<uint32_t>(period), true};
+  impl_->wake();
+}
+
+void chThreadLocal::KillThreadTimer(uint32_t timerId) {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  impl_->timers.erase(timerId);
+}
+
+bool chThreadLocal::IsThreadTimerArmed(uint32_t timerId) const {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->timers.count(timerId) != 0;
+}
+
+namespace {
+
+// Handles one message the way every thread does: its table, then the thread callback, then the
+// default handling; a synchronous sender gets the reply (0 when the handler gave none).
+void dispatch(chThreadLocal& thread, msgObject& msg, void (*callback)(msgObject&)) {
+  bool handled = thread.TryThreadMessage(msg);
+  if (!handled && callback) callback(msg);
+  if (!handled && !callback) thread.DefaultProcessMessage(msg);
+  if (msg.isSynchronous()) {
+    UnixSocket replySocket;
+    std::vector<char> reply = encode(kKindReply, msg.message, static_cast<uint32_t>(msg.replied_ ? msg.reply_ : 0), 0,
+                                     msg.sequence_, nullptr, 0, "");
+    sendDatagram(replySocket.fd(), msg.replyAddress_, reply);
+  }
+}
+
+}  // namespace
+
+int chThreadLocal::Run() {
+  chThreadLocal* previous = tlsCurrentThread;
+  tlsCurrentThread = this;
+  impl_->running = true;
+  while (!impl_->quit) {
+    impl_->drainWake();
+
+    // Calls and posts queued by this process.
+    std::deque<Impl::LocalItem> local;
+    {
+      std::lock_guard<std::mutex> lock(impl_->mutex);
+      local.swap(impl_->localQueue);
+    }
+    for (auto& item : local) {
+      if (impl_->quit) break;
+      if (item.call)
+        item.call();
+      else
+        dispatch(*this, item.message, callback_);
+    }
+
+    // Expired timers, each queued as a timer message with its id.
+    std::vector<uint32_t> due;
+    int waitMs = -1;
+    {
+      std::lock_guard<std::mutex> lock(impl_->mutex);
+      uint32_t now = brisaGetTickCount();
+      for (auto it = impl_->timers.begin(); it != impl_->timers.end();) {
+        int32_t left = static_cast<int32_t>(it->second.dueTick - now);
+        if (left <= 0) {
+          due.push_back(it->first);
+          if (!it->second.repeat) {
+            it = impl_->timers.erase(it);
+            continue;
+          }
+          it->second.dueTick = now + static_cast<uint32_t>(it->second.periodMs);
+          left = static_cast<int32_t>(it->second.periodMs);
+        }
+        waitMs = waitMs < 0 ? left : std::min(waitMs, static_cast<int>(left));
+        ++it;
+      }
+    }
+    for (uint32_t id : due) {
+      if (impl_->quit) break;
+      msgObject timerMsg;
+      timerMsg.message = MSG_THREAD_TIMER;
+      timerMsg.wParam = id;
+      dispatch(*this, timerMsg, callback_);
+    }
+    if (impl_->quit) break;
+    if (!due.empty()) continue;  // timers may have been re-armed by their handlers
+
+    pollfd fds[2];
+    int count = 0;
+    fds[count++] = pollfd{impl_->wakeFd, POLLIN, 0};
+    if (impl_->socket) fds[count++] = pollfd{impl_->socket->fd(), POLLIN, 0};
+    int realWait = clock().realWaitMs(waitMs);
+    int ready = poll(fds, count, realWait);
+    if (ready == 0) {
+      // The fake clock waited only a moment of real time: it moves itself on to the deadline.
+      if (waitMs >= 0) clock().waited(waitMs);
+      continue;
+    }
+    if (ready < 0) continue;
+    if (count > 1 && (fds[1].revents & POLLIN)) {
+      ssize_t n = recv(impl_->socket->fd(), impl_->receiveBuffer.data(), impl_->receiveBuffer.size(), MSG_DONTWAIT);
+      WireHeader header;
+      msgObject msg;
+      if (n > 0 && decode(impl_->receiveBuffer.data(), static_cast<size_t>(n), header, msg) &&
+          header.kind == kKindMessage)
+        dispatch(*this, msg, callback_);
+    }
+  }
+  impl_->running = false;
+  impl_->quit = false;
+  tlsCurrentThread = previous;
+  return impl_->exitCode;
+}
+
+bool uCSystemShareHelper::CreateLocalThread(chThreadLocal& thread) {
+  tlsCurrentThread = &thread;
+  return true;
+}
+
+void uCSystemShareHelper::DestroyLocalThread(chThreadLocal& thread) {
+  if (tlsCurrentThread == &thread) tlsCurrentThread = nullptr;
+}
+
+bool chProcessLocal::LaunchLocalThread(chThreadLocal& thread) { return thread.Launch(); }
+
+void chProcessLocal::ShutdownLocalThread(chThreadLocal& thread) { thread.Shutdown(); }
+
+msgThreadHandle msgGetThreadByName(const std::string& name) {
+  if (!validThreadName(name)) return "";
+  UnixSocket probe;
+  sockaddr_un addr;
+  if (!probe.valid() || !UnixSocket::fill(addr, threadSocketHost(name))) return "";
+  if (connect(probe.fd(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) return "";
+  return name;
+}
+
+bool msgPostMsgToThread(const msgThreadHandle& thread, uint32_t id, uint32_t wParam, uint32_t lParam) {
+  return msgPostMsgToThreadEx(thread, id, wParam, lParam, 0, nullptr);
+}
+
+bool msgPostMsgToThreadEx(const msgThreadHandle& thread, uint32_t id, uint32_t wParam, uint32_t lParam,
+                          uint32_t extraSize, const void* extraData) {
+  if (!validThreadName(thread) || extraSize > kMaxDatagram || (extraSize && !extraData)) return false;
+  UnixSocket sender;
+  return sender.valid() && sendDatagram(sender.fd(), threadSocketHost(thread),
+                                        encode(kKindMessage, id, wParam, lParam, 0, extraData, extraSize, ""));
+}
+
+int32_t msgSendMsgToThread(const msgThreadHandle& thread, uint32_t id, uint32_t wParam, uint32_t lParam) {
+  return msgSendMsgToThreadTimeoutEx(thread, id, wParam, lParam, 0, nullptr, kDefaultSendTimeoutMs);
+}
+
+int32_t msgSendMsgToThreadTimeoutEx(const msgThreadHandle& thread, uint32_t id, uint32_t wParam, uint32_t lParam,
+                                    uint32_t extraSize, const void* extraData, int32_t timeoutMs) {
+  if (!validThreadName(thread) || extraSize > kMaxDatagram || (extraSize && !extraData)) return 0;
+  ensureQueueDir();
+  const uint32_t sequence = nextSequence.fetch_add(1);
+  const std::string replyPath =
+      queueDirHost() + "/.reply-" + std::to_string(getpid()) + "-" + std::to_string(sequence);
+  UnixSocket replySocket;
+  unlink(replyPath.c_str());
+  if (!replySocket.valid() || !replySocket.bindTo(replyPath)) return 0;
+  if (!sendDatagram(replySocket.fd(), threadSocketHost(thread),
+                    encode(kKindMessage, id, wParam, lParam, sequence, extraData, extraSize, replyPath)))
+    return 0;
+
+  // The reply is a real peer's answer, so this wait is real time, bounded by the time-out.
+  const int32_t limit = timeoutMs < 0 ? kDefaultSendTimeoutMs : timeoutMs;
+  RealClock real;
+  const uint32_t start = real.tickMs();
+  std::vector<char> buffer(sizeof(WireHeader) + 512);
+  for (;;) {
+    int32_t left = limit - static_cast<int32_t>(real.tickMs() - start);
+    if (left <= 0) return 0;
+    pollfd pfd{replySocket.fd(), POLLIN, 0};
+    if (poll(&pfd, 1, left) <= 0) continue;
+    ssize_t n = recv(replySocket.fd(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+    WireHeader header;
+    msgObject reply;
+    if (n > 0 && decode(buffer.data(), static_cast<size_t>(n), header, reply) && header.kind == kKindReply &&
+        header.sequence == sequence)
+      return static_cast<int32_t>(header.wParam);
+  }
+}
+
+int msgBroadpostThreadMsg(uint32_t id, uint32_t wParam, uint32_t lParam) {
+  int reached = 0;
+  DIR* dir = opendir(queueDirHost().c_str());
+  if (!dir) return 0;
+  std::vector<std::string> names;
+  while (struct dirent* entry = readdir(dir)) {
+    if (validThreadName(entry->d_name)) names.push_back(entry->d_name);
+  }
+  closedir(dir);
+  for (const auto& name : names)
+    if (msgPostMsgToThread(name, id, wParam, lParam)) ++reached;
+  return reached;
+}
+
+chThreadTimer::chThreadTimer() : id_(nextTimerId.fetch_add(1)) {}
+
+chThreadTimer::~chThreadTimer() { KillTimer(); }
+
+bool chThreadTimer::SetTimer(uint64_t ms) {
+  chThreadLocal* thread = chThreadLocal::Current();
+  if (!thread) return false;
+  if (host_ && host_ != thread) host_->KillThreadTimer(id_);
+  host_ = thread;
+  host_->SetThreadTimer(id_, ms);
+  return true;
+}
+
+void chThreadTimer::KillTimer() {
+  if (host_) host_->KillThreadTimer(id_);
+}
+
+bool chThreadTimer::IsTimerRuning() const { return host_ && host_->IsThreadTimerArmed(id_); }
+
+bool timerSetThreadTimer(uint32_t timerId, uint64_t ms) {
+  chThreadLocal* thread = chThreadLocal::Current();
+  if (!thread) return false;
+  thread->SetThreadTimer(timerId, ms);
+  return true;
+}
+
+bool timerKillThreadTimer(uint32_t timerId) {
+  chThreadLocal* thread = chThreadLocal::Current();
+  if (!thread) return false;
+  thread->KillThreadTimer(timerId);
+  return true;
+}
