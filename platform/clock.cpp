@@ -89,13 +89,13 @@ uint64_t FakeClock::elapsedMs() const {
   return state_->elapsedMs;
 }
 
-Clock& clock() { return *installedClock().load(); }
+Clock& serviceClock() { return *installedClock().load(); }
 
 Clock* setClock(Clock* next) { return installedClock().exchange(next ? next : defaultClock()); }
 
-uint32_t brisaGetTickCount() { return clock().tickMs(); }
+uint32_t brisaGetTickCount() { return serviceClock().tickMs(); }
 
-void brisaSleep(uint32_t ms) { clock().sleepMs(ms); }
+void brisaSleep(uint32_t ms) { serviceClock().sleepMs(ms); }
 
 void brisaSwitchToThread() { sched_yield(); }
 

@@ -49,8 +49,8 @@ class FakeClock : public Clock {
   State* state_;
 };
 
-// The process-wide clock. setClock returns the previous one; nullptr restores the real clock.
-Clock& clock();
+// The process-wide clock (not C's clock(), hence the name). setClock returns the previous one; nullptr restores the real clock.
+Clock& serviceClock();
 Clock* setClock(Clock* clock);
 
 uint32_t brisaGetTickCount();

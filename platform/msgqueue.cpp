@@ -360,11 +360,11 @@ int chThreadLocal::Run() {
     int count = 0;
     fds[count++] = pollfd{impl_->wakeFd, POLLIN, 0};
     if (impl_->socket) fds[count++] = pollfd{impl_->socket->fd(), POLLIN, 0};
-    int realWait = clock().realWaitMs(waitMs);
+    int realWait = serviceClock().realWaitMs(waitMs);
     int ready = poll(fds, count, realWait);
     if (ready == 0) {
       // The fake clock waited only a moment of real time: it moves itself on to the deadline.
-      if (waitMs >= 0) clock().waited(waitMs);
+      if (waitMs >= 0) serviceClock().waited(waitMs);
       continue;
     }
     if (ready < 0) continue;

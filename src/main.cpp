@@ -1,0 +1,3 @@
+#include "provisor.h"
+
+int main(int argc, char** argv) { return provisorMain(argc, argv); }

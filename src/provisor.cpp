@@ -1,0 +1,235 @@
+#define LOG_MODULE "./src/provisor"
+#include "provisor.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "autopMessages.h"
+#include "clock.h"
+#include "device.h"
+#include "log.h"
+#include "paths.h"
+#include "registry.h"
+
+int32_t g_zeroTouch = 0;
+
+namespace {
+
+constexpr const char* kVersion = "3.0.0.80";
+constexpr const char* kBuildDate = "Oct 17 2012";
+constexpr const char* kBuildTime = "14:27:42";
+constexpr const char* kSystemIni = "/config/system/system.ini";
+constexpr const char* kAutoProvisionSection = "AutoProvision";
+constexpr const char* kTableInConfig = "/config/autopTranslator.xml";
+constexpr const char* kTableInPhone = "/phone/resource/autopTranslator.xml";
+constexpr const char* kDefaultHostName = "ORIN-PH";
+constexpr const char* kDefaultPnpMulticast = "224.0.1.75";
+constexpr int32_t kNetworkUp = 2;
+constexpr int32_t kNetworkWaitSeconds = 30;
+constexpr uint64_t kConsoleKeyPollMs = 100;
+constexpr int32_t kPnpWaitMs = 10000;
+constexpr int32_t kPowerOnDelayMs = 500;
+
+enum ConsoleKey { kKeyBack = 8, kKeyTab = 9, kKeyEsc = 27 };
+
+// Process-wide beside the service object, as the phone keeps them.
+chThreadTimer g_consoleKeyTimer;
+provisorObject* g_service = nullptr;
+
+void onTerminateSignal(int) {
+  if (g_service) g_service->Quit(0);
+}
+
+// The text carried as a message's extra data (up to its terminating zero).
+std::string extraText(const msgObject& msg) {
+  const char* data = static_cast<const char*>(msg.GetExtraData());
+  return data ? std::string(data, strnlen(data, msg.GetExtraSize())) : std::string();
+}
+
+// Loads one translation table file: the hook the translation table module fills in.
+int loadTranslatorFrom(const char* path);
+
+}  // namespace
+
+int loadTranslationTable() {
+  const char* path = pathFileExist(kTableInConfig) ? kTableInConfig : kTableInPhone;
+  LOG_IFO("Load trans data from %s", path);
+  int result = loadTranslatorFrom(path);
+  LOG_IFO("Load return %d", result);
+  return result;
+}
+
+namespace {
+int loadTranslatorFrom(const char*) { return 0; }
+}  // namespace
+
+provisorObject::provisorObject() : chThreadLocal(kThreadProvisor) {}
+
+provisorObject::~provisorObject() = default;
+
+bool provisorObject::TryThreadMessage(msgObject& msg) {
+  switch (msg.message) {
+    case MSG_THREAD_TIMER:
+      OnTimerMessage(msg);
+      return true;
+    case AP_MSG_PASSED_ON:
+      return false;
+    case AP_MSG_AUTOP_CHECK_AUTOP_RESULT:
+      return OnCheckAutopResult(msg);
+    case MSG_SET_HOST_NAME:
+      return OnSetHostName(msg);
+    case MSG_GET_AUTO_PROVISION:
+      return OnGetAutoProvision(msg);
+    default:
+      // The rows that start provisioning runs are added with the run lifecycle.
+      return false;
+  }
+}
+
+bool provisorObject::OnTimerMessage(msgObject& msg) {
+  OnTimer(msg);
+  return true;
+}
+
+bool provisorObject::OnCheckAutopResult(msgObject& msg) {
+  if (resultPending) {
+    LOG_IFO("Receive SIP MSG[AP_MSG_AUTOP_CHECK_AUTOP_RESULT] ! Will ReplyMessage [%d]", resultPending);
+    msg.ReplyMessage(resultPending);
+    resultPending = 0;
+  }
+  // The second reply is the one the asker keeps.
+  LOG_IFO("Receive Message [AP_MSG_AUTOP_CHECK_AUTOP_RESULT] ! Will ReplyMessage [%d]", powerOnState);
+  msg.ReplyMessage(powerOnState);
+  return true;
+}
+
+bool provisorObject::OnSetHostName(msgObject& msg) {
+  if (msg.GetExtraSize() == 0) return false;
+  std::string hostName = extraText(msg);
+  if (hostName.empty()) hostName = kDefaultHostName;
+  if (userenv_set("HOST_NAME", hostName) != 0) {
+    brisaTrace(2, "Fail to set user env 'HOST_NAME' to value '%s' !", hostName.c_str());
+    return false;
+  }
+  return true;
+}
+
+bool provisorObject::OnGetAutoProvision(msgObject& msg) {
+  LOG_IFO("Receive Message [MSG_GET_AUTO_PROVISION] ! Will ReplyMessage [%d]", runState);
+  msg.ReplyMessage(runState);
+  return true;
+}
+
+void provisorObject::OnConsoleKeyTimer(msgObject&) {
+  int key = keyboard.getch();
+  switch (key) {
+    case -1:
+      return;
+    case kKeyTab:
+      printf("key TAB ");
+      PostThreadMsg(MSG_START_AUTO_PROVISION, 0, 0);
+      break;
+    case kKeyBack:
+      printf("key BACK ");
+      loadTranslationTable();
+      break;
+    case kKeyEsc:
+      printf("key ESC ");
+      PostThreadMsg(MSG_THREAD_QUIT, 0, 0);
+      break;
+    default:
+      printf("iKey = %.8X\n", static_cast<unsigned>(key));
+      break;
+  }
+  fflush(stdout);
+}
+
+void provisorObject::SetPnpTimer(int32_t milliseconds) {
+  uint64_t ms = milliseconds == -1 ? static_cast<uint64_t>(kPnpWaitMs) : static_cast<uint64_t>(milliseconds);
+  SetTimer(timerPnpRequest, ms, this, &provisorObject::OnPnpResponse);
+  runState = 2;
+}
+
+void provisorObject::OnPnpResponse(msgObject&) {
+  // The power-on run starts here once the run lifecycle is in place; until then the wait simply
+  // ends so that the service reports itself idle.
+  KillTimer(timerPnpRequest);
+  LOG_DEB("Pnp request timer has reached.kill timerPnpRequest timer!!");
+  runState = 0;
+}
+
+void provisorObject::StartPnpOrPowerOn() {
+  if (brisaGetProfileInt(kSystemIni, kAutoProvisionSection, "bEnablePNP", 0)) {
+    while (netGetNetworkSta() != kNetworkUp && networkWaitCount < kNetworkWaitSeconds) {
+      ++networkWaitCount;
+      LOG_IFO("PNP Network Fail,sleep 1 seconds");
+      brisaSleep(1000);
+    }
+    if (netGetNetworkSta() == kNetworkUp) {
+      std::string multicast =
+          brisaGetProfileString(kSystemIni, kAutoProvisionSection, "strPNPMulticastIP", kDefaultPnpMulticast);
+      LOG_IFO("PNP Server IP = %s", multicast.c_str());
+      msgPostMsgToThreadEx(msgGetThreadByName(kThreadPnpManager), AP_MSG_PNP_REQUEST, 0, 0,
+                           static_cast<uint32_t>(multicast.size() + 1), multicast.c_str());
+      SetPnpTimer(kPnpWaitMs);
+      return;
+    }
+    LOG_WAR("PNP Check Network Fail");
+  }
+  SetPnpTimer(kPowerOnDelayMs);
+}
+
+int provisorObject::Start() {
+  loadTranslationTable();
+  if (!chProcessLocal::LaunchLocalThread(*this)) {
+    LOG_ERR("Can't launch thread [%s] !", name().c_str());
+    return 0;
+  }
+  SetTimer(g_consoleKeyTimer, kConsoleKeyPollMs, this, &provisorObject::OnConsoleKeyTimer);
+  if (g_zeroTouch) {
+    LOG_IFO("Zero-sp-touch launch Autop,do not PNP!!!");
+    return 1;
+  }
+  StartPnpOrPowerOn();
+  // The repeat and weekly policies start here once they are in place.
+  return 1;
+}
+
+void provisorObject::Stop() {
+  chProcessLocal::ShutdownLocalThread(*this);
+  LOG_CHECK(IsCalledByThisThread());
+  KillTimer(g_consoleKeyTimer);
+  KillTimer(timerPnpRequest);
+}
+
+int provisorMain(int argc, char** argv) {
+  ::log(1, LOG_PREFIX "provisor version = %s build at %s %s", LOG_MODULE, __LINE__, kVersion, kBuildDate,
+        kBuildTime);
+  srand(static_cast<unsigned>(serviceClock().nowSeconds()));
+
+  provisorObject service;
+  uCSystemShareHelper::CreateLocalThread(service);
+  g_zeroTouch = (argc == 2 && strcmp(argv[1], "-byzero") == 0) ? 1 : 0;
+  if (g_zeroTouch) LOG_WAR("Run by Zero-sp-Touch Thread !");
+
+  g_service = &service;
+  struct sigaction action;
+  memset(&action, 0, sizeof(action));
+  action.sa_handler = onTerminateSignal;
+  sigaction(SIGTERM, &action, nullptr);
+  sigaction(SIGINT, &action, nullptr);
+
+  if (!service.Start()) {
+    g_service = nullptr;
+    uCSystemShareHelper::DestroyLocalThread(service);
+    return 1;
+  }
+  int result = service.Run();
+  service.Stop();
+  g_service = nullptr;
+  uCSystemShareHelper::DestroyLocalThread(service);
+  return result;
+}

@@ -1,0 +1,53 @@
+// provisorObject: the service's one message-queue thread, "provisor". It owns every provisioning
+// run: messages from the other applications, its timers (console keys, plug-and-play wait) and the
+// configuration-store monitor callback all run on it, one at a time.
+#pragma once
+
+#include <cstdint>
+
+#include "autoTimer.h"
+#include "console.h"
+#include "msgqueue.h"
+
+class provisorObject : public chThreadLocal, public autoTimerInc {
+ public:
+  provisorObject();
+  ~provisorObject() override;
+
+  // The message table; false lets the message go on to the default handling.
+  bool TryThreadMessage(msgObject& msg) override;
+  bool OnTimerMessage(msgObject& msg) override;
+  // Loads the translation table, makes the thread reachable, starts the console-key poll and, in
+  // normal mode, plug-and-play or the power-on timer and the policies.
+  int Start();
+  void Stop();
+
+  // Arms the plug-and-play wait timer (-1 means 10 000 ms) and marks the service as waiting.
+  void SetPnpTimer(int32_t milliseconds);
+
+  int32_t powerOnState = 0;  // 0 none finished, 1 zero-touch first run, 2 a run has finished
+  int32_t rebootPending = 0;
+  int32_t runState = 0;  // 0 idle, 1 running, 2 waiting for plug-and-play
+  int32_t networkWaitCount = 0;
+  int32_t resultPending = 0;
+
+ private:
+  bool OnCheckAutopResult(msgObject& msg);
+  bool OnSetHostName(msgObject& msg);
+  bool OnGetAutoProvision(msgObject& msg);
+  void OnConsoleKeyTimer(msgObject& msg);
+  void OnPnpResponse(msgObject& msg);
+  void StartPnpOrPowerOn();
+
+  chStdInput keyboard;
+  chThreadTimer timerPnpRequest;
+};
+
+// The process-wide zero-touch flag ("-byzero").
+extern int32_t g_zeroTouch;
+
+// Loads the translation table as at start and on the BACK key; the loader's result.
+int loadTranslationTable();
+
+// The whole process entry (banner, thread, Start, loop, Stop); main() only calls it.
+int provisorMain(int argc, char** argv);
