@@ -18,6 +18,7 @@ int32_t g_zeroTouch = 0;
 
 namespace {
 
+constexpr const char* kMainModule = "./src/main";
 constexpr const char* kVersion = "3.0.0.80";
 constexpr const char* kBuildDate = "Oct 17 2012";
 constexpr const char* kBuildTime = "14:27:42";
@@ -206,14 +207,15 @@ void provisorObject::Stop() {
 }
 
 int provisorMain(int argc, char** argv) {
-  ::log(1, LOG_PREFIX "provisor version = %s build at %s %s", LOG_MODULE, __LINE__, kVersion, kBuildDate,
+  // The entry's own records carry the entry module's path.
+  ::log(1, LOG_PREFIX "provisor version = %s build at %s %s", kMainModule, __LINE__, kVersion, kBuildDate,
         kBuildTime);
   srand(static_cast<unsigned>(serviceClock().nowSeconds()));
 
   provisorObject service;
   uCSystemShareHelper::CreateLocalThread(service);
   g_zeroTouch = (argc == 2 && strcmp(argv[1], "-byzero") == 0) ? 1 : 0;
-  if (g_zeroTouch) LOG_WAR("Run by Zero-sp-Touch Thread !");
+  if (g_zeroTouch) ::log(3, LOG_PREFIX "WAR Run by Zero-sp-Touch Thread !", kMainModule, __LINE__);
 
   g_service = &service;
   struct sigaction action;

@@ -1,0 +1,219 @@
+// Message-queue threads: in-process and across processes (msgctl stands in for another
+// application), synchronous replies and their time-out, broadcasts, timers on the fake clock.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "clock.h"
+#include "msgqueue.h"
+#include "paths.h"
+#include "testRoot.h"
+
+using namespace testing_support;
+
+namespace {
+
+struct Seen {
+  uint32_t id, wParam, lParam;
+  std::string extra;
+};
+
+// A thread that records what it receives and answers synchronous messages with id + 1.
+class RecordingThread : public chThreadLocal {
+ public:
+  explicit RecordingThread(const char* name) : chThreadLocal(name) {}
+  bool TryThreadMessage(msgObject& msg) override {
+    if (msg.message == MSG_THREAD_TIMER) {
+      ++timerFires;
+      if (timerFires == stopAfterTimers) Quit(0);
+      return true;
+    }
+    std::lock_guard<std::mutex> lock(mutex);
+    const char* extra = static_cast<const char*>(msg.GetExtraData());
+    seen.push_back({msg.message, msg.wParam, msg.lParam, extra ? std::string(extra, msg.GetExtraSize()) : ""});
+    msg.ReplyMessage(static_cast<int32_t>(msg.message + 1));
+    if (msg.message == 0x999) Quit(7);
+    return true;
+  }
+  std::vector<Seen> snapshot() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return seen;
+  }
+  std::mutex mutex;
+  std::vector<Seen> seen;
+  std::atomic<int> timerFires{0};
+  int stopAfterTimers = -1;
+};
+
+// Runs a thread's loop on a std::thread for the life of the object.
+class RunningThread {
+ public:
+  explicit RunningThread(RecordingThread& t) : thread_(t) {
+    EXPECT_TRUE(t.Launch());
+    runner_ = std::thread([this] { exitCode = thread_.Run(); });
+  }
+  ~RunningThread() {
+    thread_.Quit(0);
+    runner_.join();
+  }
+  int exitCode = -1;
+
+ private:
+  RecordingThread& thread_;
+  std::thread runner_;
+};
+
+class MsgQueueTest : public ::testing::Test {
+ protected:
+  TempRoot root;
+};
+
+}  // namespace
+
+TEST_F(MsgQueueTest, PostSendAndBroadcastWithinOneProcess) {
+  RecordingThread phone("app_vpPhone");
+  RecordingThread screen("app_vpScreen");
+  const char text[] = "http://10.0.0.1/cfg";
+  {
+    RunningThread runPhone(phone);
+    RunningThread runScreen(screen);
+
+    EXPECT_EQ(msgGetThreadByName("app_vpPhone"), "app_vpPhone");
+    EXPECT_EQ(msgGetThreadByName("app_nothing"), "");
+    EXPECT_EQ(msgGetThreadByName("../escape"), "");
+
+    EXPECT_TRUE(msgPostMsgToThreadEx("app_vpPhone", 0xc0001, 1, 2, sizeof(text), text));
+    EXPECT_EQ(msgSendMsgToThreadTimeoutEx("app_vpPhone", 0x30007, 0, 1, 0, nullptr, 2000), 0x30008);
+    EXPECT_EQ(msgBroadpostThreadMsg(0x10201, 0, 1), 2);
+    // A post to a thread nobody launched fails instead of hanging.
+    EXPECT_FALSE(msgPostMsgToThread("app_tr069", 1, 0, 0));
+    EXPECT_EQ(msgSendMsgToThreadTimeoutEx("app_tr069", 1, 0, 0, 0, nullptr, 100), 0);
+
+    for (int i = 0; i < 200 && (phone.snapshot().size() < 3 || screen.snapshot().empty()); ++i) usleep(10000);
+  }
+  auto seen = phone.snapshot();
+  ASSERT_EQ(seen.size(), 3u);
+  EXPECT_EQ(seen[0].id, 0xc0001u);
+  EXPECT_EQ(seen[0].extra, std::string(text, sizeof(text)));  // copied with its terminating zero
+  EXPECT_EQ(seen[1].id, 0x30007u);
+  EXPECT_EQ(seen[1].lParam, 1u);
+  EXPECT_EQ(seen[2].id, 0x10201u);
+  ASSERT_EQ(screen.snapshot().size(), 1u);
+  EXPECT_EQ(screen.snapshot()[0].id, 0x10201u);
+  // Shut down: the name is no longer reachable.
+  EXPECT_EQ(msgGetThreadByName("app_vpPhone"), "");
+}
+
+TEST_F(MsgQueueTest, ExchangeWithAnotherProcess) {
+  const std::string msgctl = buildBinary("msgctl");
+  // Another process listens as the phone application and answers 5.
+  FILE* listener = popen((msgctl + " listen app_vpPhone --reply 5 --count 3 --timeout 20").c_str(), "r");
+  ASSERT_NE(listener, nullptr);
+  for (int i = 0; i < 300 && msgGetThreadByName("app_vpPhone").empty(); ++i) usleep(10000);
+
+  const char extra[] = "abc";
+  EXPECT_TRUE(msgPostMsgToThreadEx("app_vpPhone", 0xa0003, 3, 4, sizeof(extra), extra));
+  EXPECT_EQ(msgSendMsgToThreadTimeoutEx("app_vpPhone", 0x30007, 0, 1, 0, nullptr, 5000), 5);
+  EXPECT_GE(msgBroadpostThreadMsg(0x1000a, 0, 0), 1);
+  std::string out;
+  char buffer[512];
+  while (fgets(buffer, sizeof(buffer), listener)) out += buffer;
+  EXPECT_EQ(pclose(listener), 0);
+  EXPECT_EQ(out,
+            "id=0xa0003 wparam=3 lparam=4 extra=abc\n"
+            "id=0x30007 wparam=0 lparam=1 extra=\n"
+            "id=0x1000a wparam=0 lparam=0 extra=\n");
+
+  // And the other way round: a thread of ours answers msgctl's send, broadcast reaches it too.
+  RecordingThread self("provisor");
+  {
+    RunningThread run(self);
+    std::string reply;
+    EXPECT_EQ(runCommand(msgctl + " send provisor 0xa0001 7 8 --extra hi", &reply), 0);
+    EXPECT_EQ(reply, std::to_string(0xa0002) + "\n");
+    EXPECT_EQ(runCommand(msgctl + " broadcast 0x10201 0 1"), 0);
+    EXPECT_EQ(runCommand(msgctl + " send app_none 1", &reply), 1);
+    EXPECT_EQ(reply, "msgctl: no thread named app_none\n");
+    for (int i = 0; i < 200 && self.snapshot().size() < 2; ++i) usleep(10000);
+  }
+  auto seen = self.snapshot();
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_EQ(seen[0].extra, std::string("hi", 3));
+  EXPECT_EQ(seen[0].wParam, 7u);
+  EXPECT_EQ(seen[1].id, 0x10201u);
+}
+
+TEST_F(MsgQueueTest, SendToAThreadThatDoesNotAnswerReturnsZeroAfterItsTimeOut) {
+  // A registered name whose owner never reads its queue.
+  std::string dir = hostPath(kMsgQueueDir);
+  ASSERT_EQ(runCommand("mkdir -p '" + dir + "'"), 0);
+  int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::string path = dir + "/app_vpPhone";
+  strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+
+  RealClock real;
+  uint32_t start = real.tickMs();
+  EXPECT_EQ(msgSendMsgToThreadTimeoutEx("app_vpPhone", 0x30007, 0, 1, 0, nullptr, 300), 0);
+  uint32_t spent = real.tickMs() - start;
+  EXPECT_GE(spent, 290u);
+  EXPECT_LT(spent, 3000u);
+  close(fd);
+}
+
+TEST_F(MsgQueueTest, MalformedDatagramsAreDroppedAndTheThreadGoesOn) {
+  RecordingThread phone("app_vpPhone");
+  {
+    RunningThread run(phone);
+    int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::string path = hostPath(kMsgQueueDir) + "/app_vpPhone";
+    strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+    const char junk[] = {1, 2, 3};
+    sendto(fd, junk, sizeof(junk), 0, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    std::vector<char> liar(64, 0);
+    uint32_t header[8] = {0x4d534751, 1, 5, 0, 0, 0, 0xffffff, 0};  // extra size beyond the datagram
+    memcpy(liar.data(), header, sizeof(header));
+    sendto(fd, liar.data(), liar.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    close(fd);
+    EXPECT_EQ(msgSendMsgToThreadTimeoutEx("app_vpPhone", 0x42, 0, 0, 0, nullptr, 2000), 0x43);
+  }
+  ASSERT_EQ(phone.snapshot().size(), 1u);
+  EXPECT_EQ(phone.snapshot()[0].id, 0x42u);
+}
+
+TEST_F(MsgQueueTest, TimersRepeatOnTheFakeClockAndQuitEndsTheLoop) {
+  FakeClock fake;
+  Clock* previous = setClock(&fake);
+  RecordingThread thread("timer_owner");
+  thread.stopAfterTimers = 3;
+  uCSystemShareHelper::CreateLocalThread(thread);
+  chThreadTimer timer;
+  // An hour-long period costs no real time on the fake clock.
+  ASSERT_TRUE(timer.SetTimer(3600u * 1000u));
+  EXPECT_TRUE(timer.IsTimerRuning());
+  RealClock real;
+  uint32_t start = real.tickMs();
+  EXPECT_EQ(thread.Run(), 0);
+  EXPECT_LT(real.tickMs() - start, 5000u);
+  EXPECT_EQ(thread.timerFires.load(), 3);
+  EXPECT_GE(fake.elapsedMs(), 3u * 3600u * 1000u);
+  timer.KillTimer();
+  EXPECT_FALSE(timer.IsTimerRuning());
+
+  // A handler may end the loop with an exit code of its own; Run returns it.
+  thread.PostThreadMsg(0x999, 0, 0);
+  EXPECT_EQ(thread.Run(), 7);
+  uCSystemShareHelper::DestroyLocalThread(thread);
+  setClock(previous);
+}
