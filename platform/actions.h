@@ -39,5 +39,6 @@ class DeviceFile {
   int fd_ = -1;
 };
 
-// Runs a shell command. Callers quote every value they put in it.
+// Runs a shell command through /bin/sh -c; the wait status as system() gives it (-1 when no shell
+// could be started). Callers quote every value they put in it.
 int platformSystem(const std::string& command);

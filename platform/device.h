@@ -27,7 +27,9 @@ int userenv_set(const std::string& name, const std::string& value);
 std::string userenv_get(const std::string& name);
 
 // The platform's protection of stored passwords. On the host: AES-128-CBC with a fixed device key
-// and a random IV, written as "ENC:" + base64(IV || cipher). 0 on success.
+// (the MD5 digest of a constant of the host build) and a random IV per value, written as
+// "ENC:" + base64(IV || cipher). Equal values give different texts. 0 on success; -1 for a text
+// that is not of that form or does not decrypt with valid padding.
 int pw_data_encrypt(const std::string& plain, std::string& out);
 int pw_data_decrypt(const std::string& protectedText, std::string& out);
 

@@ -5,10 +5,13 @@
 #include <string>
 #include <vector>
 
+// Comment, blank and unparsable lines are kept in place as entries with an empty key (the whole line
+// in `value`), so a file written back keeps them; readers that iterate keys skip isComment() ones.
 struct iniKey {
   std::string key;
   std::string value;
   const std::string& GetValue() const { return value; }
+  bool isComment() const { return key.empty(); }
 };
 
 struct iniSection {

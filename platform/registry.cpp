@@ -1,0 +1,279 @@
+// The configuration store: one cache per process, keyed by the file's host path. Reads refresh a
+// cached file when its on-disk identity (inode, size, times) changed and nothing is pending; writes
+// are remembered as pending changes and replayed over the latest disk contents at flush, so a flush
+// never throws away what another process wrote to other keys meanwhile.
+#define LOG_MODULE "./platform/registry"
+#include "registry.h"
+
+#include <pthread.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "inifile.h"
+#include "log.h"
+#include "paths.h"
+#include "registryInternal.h"
+
+struct RegistrySection {
+  std::string file;
+  std::string section;
+};
+
+namespace {
+
+// What identifies one version of a file on disk. An atomic replacement always changes the inode.
+struct DiskStamp {
+  bool exists = false;
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  int64_t mtimeNs = 0;
+  int64_t ctimeNs = 0;
+
+  bool operator==(const DiskStamp& o) const {
+    return exists == o.exists && device == o.device && inode == o.inode && size == o.size &&
+           mtimeNs == o.mtimeNs && ctimeNs == o.ctimeNs;
+  }
+  bool operator!=(const DiskStamp& o) const { return !(*this == o); }
+};
+
+int64_t nanoseconds(const timespec& t) { return static_cast<int64_t>(t.tv_sec) * 1000000000LL + t.tv_nsec; }
+
+DiskStamp stampOf(const std::string& hostFile) {
+  DiskStamp stamp;
+  struct stat st;
+  if (stat(hostFile.c_str(), &st) != 0) return stamp;
+  stamp.exists = true;
+  stamp.device = st.st_dev;
+  stamp.inode = st.st_ino;
+  stamp.size = st.st_size;
+  stamp.mtimeNs = nanoseconds(st.st_mtim);
+  stamp.ctimeNs = nanoseconds(st.st_ctim);
+  return stamp;
+}
+
+struct PendingWrite {
+  std::string section;
+  std::string key;
+  std::string value;
+};
+
+struct CachedFile {
+  iniFile ini;
+  DiskStamp stamp;  // of the disk version `ini` was read from (or written as)
+  std::vector<PendingWrite> pending;
+};
+
+class RegistryCache {
+ public:
+  static RegistryCache& instance() {
+    // Never destroyed: detached helper threads and atexit handlers may still use it.
+    static RegistryCache* cache = new RegistryCache();
+    return *cache;
+  }
+
+  bool lookup(const std::string& file, const std::string& section, const std::string& key, std::string& value) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    CachedFile& entry = entryLocked(hostPath(file));
+    if (!entry.ini.HasKey(section, key)) return false;
+    value = entry.ini.GetTextValue(section, key, "");
+    return true;
+  }
+
+  bool set(const std::string& file, const std::string& section, const std::string& key, const std::string& value) {
+    if (key.empty()) return false;
+    std::lock_guard<std::mutex> lock(mutex_);
+    CachedFile& entry = entryLocked(hostPath(file));
+    entry.ini.SetTextValue(section, key, value);
+    entry.pending.push_back(PendingWrite{section, key, value});
+    return true;
+  }
+
+  bool flush(const std::string& file) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::string hostFile = hostPath(file);
+    auto it = files_.find(hostFile);
+    return it == files_.end() || flushLocked(hostFile, it->second);
+  }
+
+  bool flushAll() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    bool allWritten = true;
+    for (auto& [hostFile, entry] : files_) allWritten = flushLocked(hostFile, entry) && allWritten;
+    return allWritten;
+  }
+
+  void reset() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    files_.clear();
+  }
+
+  // A forked child inherits the cache; the lock must not be held by a thread that does not exist
+  // there.
+  void lockForFork() { mutex_.lock(); }
+  void unlockAfterFork() { mutex_.unlock(); }
+
+ private:
+  RegistryCache() = default;
+
+  static void load(CachedFile& entry, const std::string& hostFile, const DiskStamp& stamp) {
+    entry.ini.LoadFromFile(hostFile);  // a missing file is an empty one
+    entry.stamp = stamp;
+  }
+
+  CachedFile& entryLocked(const std::string& hostFile) {
+    DiskStamp now = stampOf(hostFile);
+    auto it = files_.find(hostFile);
+    if (it == files_.end()) {
+      it = files_.emplace(hostFile, CachedFile{}).first;
+      load(it->second, hostFile, now);
+    } else if (it->second.pending.empty() && it->second.stamp != now) {
+      load(it->second, hostFile, now);
+    }
+    return it->second;
+  }
+
+  bool flushLocked(const std::string& hostFile, CachedFile& entry) {
+    if (entry.pending.empty()) return true;
+    // Another process replaced the file since we read it: start from its version and replay ours.
+    DiskStamp now = stampOf(hostFile);
+    if (now != entry.stamp) {
+      load(entry, hostFile, now);
+      for (const PendingWrite& w : entry.pending) entry.ini.SetTextValue(w.section, w.key, w.value);
+    }
+    std::string text = entry.ini.ExportToText();
+    bool written = registry_internal::writeWithoutSelfNotice(
+        hostFile, entry.ini, [&hostFile, &text] { return writeFileAtomic(hostFile, text); });
+    if (!written) {
+      LOG_ERR("Fail to flush registry file [%s]", hostFile.c_str());
+      return false;
+    }
+    entry.stamp = stampOf(hostFile);
+    entry.pending.clear();
+    return true;
+  }
+
+  std::mutex mutex_;
+  std::map<std::string, CachedFile> files_;
+};
+
+RegistryCache& cache() {
+  registry_internal::registerForkHandlers();
+  return RegistryCache::instance();
+}
+
+// Decimal value of a key; the default when the text holds no number at all.
+int32_t parseInt(const std::string& text, int32_t defaultValue) {
+  const char* begin = text.c_str();
+  char* end = nullptr;
+  errno = 0;
+  long value = strtol(begin, &end, 10);
+  if (end == begin || errno == ERANGE) return defaultValue;
+  return static_cast<int32_t>(value);
+}
+
+std::string getString(const std::string& file, const std::string& section, const std::string& key,
+                      const std::string& defaultValue) {
+  std::string value;
+  return cache().lookup(file, section, key, value) ? value : defaultValue;
+}
+
+int32_t getInt(const std::string& file, const std::string& section, const std::string& key, int32_t defaultValue) {
+  std::string value;
+  return cache().lookup(file, section, key, value) ? parseInt(value, defaultValue) : defaultValue;
+}
+
+}  // namespace
+
+void registry_internal::registerForkHandlers() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    pthread_atfork(
+        [] {
+          RegistryCache::instance().lockForFork();
+          monitorLockForFork();
+        },
+        [] {
+          monitorUnlockInParent();
+          RegistryCache::instance().unlockAfterFork();
+        },
+        [] {
+          monitorResetInChild();
+          RegistryCache::instance().unlockAfterFork();
+        });
+  });
+}
+
+std::string brisaGetProfileString(const std::string& file, const std::string& section, const std::string& key,
+                                  const std::string& defaultValue) {
+  return getString(file, section, key, defaultValue);
+}
+
+int32_t brisaGetProfileInt(const std::string& file, const std::string& section, const std::string& key,
+                           int32_t defaultValue) {
+  return getInt(file, section, key, defaultValue);
+}
+
+bool brisaSetProfileString(const std::string& file, const std::string& section, const std::string& key,
+                           const std::string& value) {
+  return cache().set(file, section, key, value) && cache().flush(file);
+}
+
+bool brisaSetProfileInt(const std::string& file, const std::string& section, const std::string& key, int32_t value) {
+  return brisaSetProfileString(file, section, key, std::to_string(value));
+}
+
+std::string brisaGetRegistryString(const std::string& file, const std::string& section, const std::string& key,
+                                   const std::string& defaultValue) {
+  return getString(file, section, key, defaultValue);
+}
+
+int32_t brisaGetRegistryInt(const std::string& file, const std::string& section, const std::string& key,
+                            int32_t defaultValue) {
+  return getInt(file, section, key, defaultValue);
+}
+
+bool brisaSetRegistryString(const std::string& file, const std::string& section, const std::string& key,
+                            const std::string& value) {
+  return cache().set(file, section, key, value);
+}
+
+REGHANDLE registryOpen(const std::string& file, const std::string& section) {
+  if (file.empty()) return nullptr;
+  return std::make_shared<RegistrySection>(RegistrySection{file, section});
+}
+
+void registryClose(REGHANDLE& handle) { handle.reset(); }
+
+int32_t registryGetInt(const REGHANDLE& handle, const std::string& key, int32_t defaultValue) {
+  return handle ? getInt(handle->file, handle->section, key, defaultValue) : defaultValue;
+}
+
+std::string registryGetString(const REGHANDLE& handle, const std::string& key, const std::string& defaultValue) {
+  return handle ? getString(handle->file, handle->section, key, defaultValue) : defaultValue;
+}
+
+bool registrySetString(const REGHANDLE& handle, const std::string& key, const std::string& value) {
+  return handle && cache().set(handle->file, handle->section, key, value);
+}
+
+bool registryFlush(const REGHANDLE& handle) { return handle && cache().flush(handle->file); }
+
+const std::string& registryFileOf(const REGHANDLE& handle) {
+  static const std::string none;
+  return handle ? handle->file : none;
+}
+
+const std::string& registrySectionOf(const REGHANDLE& handle) {
+  static const std::string none;
+  return handle ? handle->section : none;
+}
+
+bool regFlushAllFile() { return cache().flushAll(); }
+
+void registryResetCache() { cache().reset(); }
