@@ -1,6 +1,7 @@
 #define LOG_MODULE "./src/autoParser"
 #include "autoParserModel.h"
 
+#include <cctype>
 #include <cstring>
 
 #include "autopTranslator.h"
@@ -83,6 +84,14 @@ bool m2Section(const std::string& rawName, std::string& fileType, std::string& p
   return false;
 }
 
+// Values of password keys never reach the log.
+bool isSecretKey(const std::string& key) {
+  std::string lower;
+  for (char c : key) lower += static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  return lower.find("password") != std::string::npos || lower.find("pwd") != std::string::npos ||
+         lower.find("pin") != std::string::npos;
+}
+
 const char* legacyLoginFor(const std::string& key) {
   if (key == "AdminPassword") return "admin";
   if (key == "UserPassword") return "user";
@@ -117,7 +126,7 @@ bool takeM1Section(const iniFile& file, const iniSection& section, const autopTr
       continue;
     }
     std::string name = section.name + "." + entry.key;
-    LOG_DEB("%s = %s", name.c_str(), entry.value.c_str());
+    LOG_DEB("%s = %s", name.c_str(), isSecretKey(entry.key) ? "******" : entry.value.c_str());
     pairs.emplace_back(name, trim(entry.value));
   }
   return true;

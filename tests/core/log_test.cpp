@@ -19,7 +19,7 @@ TEST(Log, RecordPrefixAndLevels) {
   snprintf(expected, sizeof(expected), "[%-25s:%-4d] IFO Talking, Delay [60] seconds ... \n", "./src/baseMethod", line);
   EXPECT_EQ(capture.text(), expected);
   // The module path fills 25 columns and the line number 4.
-  EXPECT_EQ(capture.text().substr(0, 33), "[./src/baseMethod         :" + std::to_string(line) + "  ]");
+  EXPECT_EQ(capture.text().substr(0, 32), "[./src/baseMethod         :" + std::to_string(line) + "  ]");
 
   capture.clear();
   logWarning("disk %s", "full");

@@ -108,6 +108,7 @@ TEST_F(MsgQueueTest, PostSendAndBroadcastWithinOneProcess) {
   ASSERT_EQ(screen.snapshot().size(), 1u);
   EXPECT_EQ(screen.snapshot()[0].id, 0x10201u);
   // Shut down: the name is no longer reachable.
+  phone.Shutdown();
   EXPECT_EQ(msgGetThreadByName("app_vpPhone"), "");
 }
 

@@ -1,3 +1,4 @@
+#define LOG_MODULE "./tests/support"
 #include "testRoot.h"
 
 #include <arpa/inet.h>
