@@ -8,6 +8,7 @@
 #include <string>
 
 #include "autopMessages.h"
+#include "autopTranslator.h"
 #include "clock.h"
 #include "device.h"
 #include "log.h"
@@ -24,8 +25,6 @@ constexpr const char* kBuildDate = "Oct 17 2012";
 constexpr const char* kBuildTime = "14:27:42";
 constexpr const char* kSystemIni = "/config/system/system.ini";
 constexpr const char* kAutoProvisionSection = "AutoProvision";
-constexpr const char* kTableInConfig = "/config/autopTranslator.xml";
-constexpr const char* kTableInPhone = "/phone/resource/autopTranslator.xml";
 constexpr const char* kDefaultHostName = "ORIN-PH";
 constexpr const char* kDefaultPnpMulticast = "224.0.1.75";
 constexpr int32_t kNetworkUp = 2;
@@ -50,22 +49,9 @@ std::string extraText(const msgObject& msg) {
   return data ? std::string(data, strnlen(data, msg.GetExtraSize())) : std::string();
 }
 
-// Loads one translation table file: the hook the translation table module fills in.
-int loadTranslatorFrom(const char* path);
-
 }  // namespace
 
-int loadTranslationTable() {
-  const char* path = pathFileExist(kTableInConfig) ? kTableInConfig : kTableInPhone;
-  LOG_IFO("Load trans data from %s", path);
-  int result = loadTranslatorFrom(path);
-  LOG_IFO("Load return %d", result);
-  return result;
-}
-
-namespace {
-int loadTranslatorFrom(const char*) { return 0; }
-}  // namespace
+int loadTranslationTable() { return autopTranslator::getInstance()->loadDefaultTable() ? 1 : 0; }
 
 provisorObject::provisorObject() : chThreadLocal(kThreadProvisor) {}
 
@@ -204,6 +190,7 @@ void provisorObject::Stop() {
   LOG_CHECK(IsCalledByThisThread());
   KillTimer(g_consoleKeyTimer);
   KillTimer(timerPnpRequest);
+  autopTranslator::releaseInstance();
 }
 
 int provisorMain(int argc, char** argv) {
