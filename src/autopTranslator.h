@@ -1,0 +1,91 @@
+// The translation table: every configuration key the phone understands, read once from an XML file
+// at service start (and again on the console's BACK key), read-only afterwards.
+//
+// Keys are dotted: object name, an index part after each numbered object, sub-object names, and the
+// item name last ("account.1.codec.2.enable"). The table answers two questions:
+//  - findItem: the item a key stands for, with its concrete target (path, section, key);
+//  - findItemName: the key that stands for a (path, section, key) target of the older file models.
+//
+// First-match order: top-level objects are tried in table order, the first whose name matches and
+// whose remainder matches wins; inside an object its items come before its sub-objects, and
+// like-named sub-objects are tried in table order too. Name indexes only narrow the candidates;
+// they never change which one wins.
+//
+// Completing a match (the template item copied into the caller's item):
+//  - target path and section: those of the innermost object on the key's path that names one
+//    (outer objects supply what inner ones leave empty); the item's own attribute serves only when
+//    no object names one;
+//  - action: the item's own calls followed by those of its objects, innermost first;
+//  - for every numbered object on the way, its stored index ("%d") replaces each occurrence of its
+//    indexMask text in the item's path, section, key and action. Nested numbered objects therefore
+//    need distinct mask texts ("$i", "$j"); an inner mask equal to an outer one takes the inner index.
+//
+// Reverse lookup and indexes: templates keep their mask texts, so a target such as
+// ("/config/user/voip/sipAccount3.cfg", "account", "Enable") is matched against
+// "/config/user/voip/sipAccount$i.cfg": every mask must stand for one canonical non-negative decimal
+// number (the same wherever that mask occurs) that lies in the object's range, and the key is
+// written with the key index (stored - low + 1), so it leads back to the same target through
+// findItem. A mask that occurs in none of path, section and key leaves the index unknown and the
+// item is not reachable backwards. Items are asked in table order (depth first, children in file
+// order); the first that matches gives the key.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "autopItem.h"
+
+namespace tinyxml2 {
+class XMLElement;
+}
+
+// Where the table is looked for: the first path that exists.
+constexpr const char* kTranslatorConfigPath = "/config/autopTranslator.xml";
+constexpr const char* kTranslatorPhonePath = "/phone/resource/autopTranslator.xml";
+// Longest key (and key text out of a reverse lookup) that takes part in matching.
+constexpr size_t kAutopKeyMax = 127;
+
+class autopTranslator {
+ public:
+  // The process's single table (created on first use, released by releaseInstance).
+  static autopTranslator* getInstance();
+  // Frees the table at service stop.
+  static void releaseInstance();
+
+  autopTranslator();
+  ~autopTranslator();
+  autopTranslator(const autopTranslator&) = delete;
+  autopTranslator& operator=(const autopTranslator&) = delete;
+
+  // Picks /config/autopTranslator.xml when it exists, else /phone/resource/autopTranslator.xml,
+  // logs the choice and the result and loads it. Used at start and by the BACK key.
+  bool loadDefaultTable();
+  // Replaces the table with the file's contents. False (and an empty table) when it can't be read.
+  bool loadTransData(const std::string& path);
+  // Reads one "object" element and its children into `object`. False for a missing argument.
+  bool parseObjectElem(autopObject* object, const tinyxml2::XMLElement* element);
+  void clear();
+
+  // The item a configuration key stands for; its value is left empty for the caller to fill.
+  bool findItem(const std::string& key, autopItem& item) const;
+  // The configuration key (at most 127 characters) for a target of the older file models.
+  bool findItemName(const std::string& path, const std::string& section, const std::string& key,
+                    std::string& name) const;
+
+  bool isLoaded() const { return m_loaded; }
+  size_t objectCount() const { return m_objects.size(); }
+  size_t itemCount() const { return m_itemCount; }
+  const std::vector<std::unique_ptr<autopObject>>& objects() const { return m_objects; }
+
+  // Name and target indexes over the objects, rebuilt by every load.
+  struct Index;
+
+ private:
+  static autopTranslator* m_pInst;
+  bool m_loaded = false;
+  size_t m_itemCount = 0;
+  std::vector<std::unique_ptr<autopObject>> m_objects;
+  std::unique_ptr<Index> m_index;
+};

@@ -1,0 +1,328 @@
+// The translation table: loading, key lookups with numbered objects, first-match order, reverse
+// lookups, and the shipped sample table.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "autopTranslator.h"
+#include "testRoot.h"
+
+using testing_support::LogCapture;
+using testing_support::RootedTest;
+
+namespace {
+
+const char* kTable = R"XML(<?xml version="1.0"?>
+<autopTranslator>
+  <cfg>
+    <object name="acc" indexMask="$i" range="0-5" path="/config/acc$i.cfg" section="line$i" action="reload($i)">
+      <item name="en" key="Enable$i" action="note($i)" encrypt="1" reboot="1" valueType="boolean"/>
+      <item name="label" key="Label"/>
+      <object name="codec" indexMask="$j" range="1-4" section="audio$j">
+        <item name="on" key="on"/>
+      </object>
+      <object name="plain">
+        <item name="x" key="X"/>
+      </object>
+    </object>
+    <object name="shifted" indexMask="#" range="3-5" path="/config/shifted.cfg" section="s#">
+      <item name="v" key="V"/>
+    </object>
+    <object name="free" indexMask="@" path="/config/free@.cfg" section="free">
+      <item name="v" key="V"/>
+    </object>
+    <object name="dup" path="/config/first.ini" section="one">
+      <item name="a" key="A"/>
+      <item name="x.y" key="DottedItem"/>
+      <object name="x" section="sub1"><item name="q" key="Q1"/></object>
+      <object name="x" section="sub2"><item name="y" key="Y"/><item name="z" key="Z"/></object>
+    </object>
+    <object name="dup" path="/config/second.ini" section="two">
+      <item name="a" key="A"/>
+      <item name="b" key="B"/>
+    </object>
+    <object name="bare">
+      <item name="own" path="/config/own.ini" section="Own" key="K"/>
+    </object>
+    <ignored name="not-an-object"/>
+  </cfg>
+  <pwd>
+    <object name="dup" path="/valdrun/config/.htpasswd">
+      <item name="c" section="user" key="" usage="cover.user"/>
+    </object>
+  </pwd>
+</autopTranslator>
+)XML";
+
+class TranslatorTest : public RootedTest {
+ protected:
+  void SetUp() override {
+    RootedTest::SetUp();
+    root->write("/config/table.xml", kTable);
+    ASSERT_TRUE(table.loadTransData("/config/table.xml"));
+  }
+  // The item's target as "path|section|key", or "" when the key is unknown.
+  std::string target(const std::string& key) {
+    autopItem item;
+    if (!table.findItem(key, item)) return "";
+    return item.path + "|" + item.section + "|" + item.key;
+  }
+  std::string reverse(const std::string& path, const std::string& section, const std::string& key) {
+    std::string name;
+    return table.findItemName(path, section, key, name) ? name : "<none>";
+  }
+  autopTranslator table;
+};
+
+TEST_F(TranslatorTest, IndexedKeysCountFromOneWithinTheRange) {
+  // Range 0-5: key index 1 is stored index 0, 6 is 5; 0, 7, negative and non-numbers are unknown.
+  EXPECT_EQ(target("acc.1.en"), "/config/acc0.cfg|line0|Enable0");
+  EXPECT_EQ(target("acc.6.en"), "/config/acc5.cfg|line5|Enable5");
+  for (const char* bad : {"acc.7.en", "acc.0.en", "acc.-1.en", "acc.x.en", "acc.1x.en", "acc..en", "acc.en",
+                          "acc.99999999999.en"})
+    EXPECT_EQ(target(bad), "") << bad;
+  // A range that does not start at 0 or 1 still counts keys from 1.
+  EXPECT_EQ(target("shifted.1.v"), "/config/shifted.cfg|s3|V");
+  EXPECT_EQ(target("shifted.3.v"), "/config/shifted.cfg|s5|V");
+  EXPECT_EQ(target("shifted.4.v"), "");
+  // Without a range the index is used as written.
+  EXPECT_EQ(target("free.0.v"), "/config/free0.cfg|free|V");
+  EXPECT_EQ(target("free.42.v"), "/config/free42.cfg|free|V");
+}
+
+TEST_F(TranslatorTest, CompletionReplacesTheIndexAndInheritsTheTarget) {
+  autopItem item;
+  ASSERT_TRUE(table.findItem("acc.3.en", item));
+  EXPECT_EQ(item.name, "acc.3.en");
+  EXPECT_EQ(item.type, "cfg");
+  EXPECT_EQ(item.path, "/config/acc2.cfg");
+  EXPECT_EQ(item.section, "line2");
+  EXPECT_EQ(item.key, "Enable2");
+  // The item's own calls first, then its object's, each with the index in place.
+  EXPECT_EQ(item.action, "note(2);reload(2)");
+  EXPECT_TRUE(item.encrypt);
+  EXPECT_TRUE(item.reboot);
+  EXPECT_FALSE(item.changed);
+  EXPECT_EQ(item.valueType, "boolean");
+  EXPECT_EQ(item.value, "");
+
+  // Nested numbered objects: each replaces its own mask; the sub-object inherits the path.
+  ASSERT_TRUE(table.findItem("acc.2.codec.4.on", item));
+  EXPECT_EQ(item.path, "/config/acc1.cfg");
+  EXPECT_EQ(item.section, "audio4");
+  EXPECT_EQ(item.action, "reload(1)");
+  EXPECT_EQ(target("acc.2.codec.5.on"), "");
+  EXPECT_EQ(target("acc.2.plain.x"), "/config/acc1.cfg|line1|X");
+
+  // An object without a target leaves the item's own.
+  EXPECT_EQ(target("bare.own"), "/config/own.ini|Own|K");
+
+  // A lookup leaves the table as it was: the next key sees clean templates.
+  EXPECT_EQ(target("acc.5.en"), "/config/acc4.cfg|line4|Enable4");
+  EXPECT_EQ(target("acc.5.label"), "/config/acc4.cfg|line4|Label");
+  item.value = "stale";
+  ASSERT_TRUE(table.findItem("acc.1.label", item));
+  EXPECT_EQ(item.value, "");
+}
+
+TEST_F(TranslatorTest, FirstMatchFollowsTableOrder) {
+  // Two objects named "dup": the first whose remainder matches wins.
+  EXPECT_EQ(target("dup.a"), "/config/first.ini|one|A");
+  EXPECT_EQ(target("dup.b"), "/config/second.ini|two|B");
+  // ... across groups too: the pwd object comes last.
+  autopItem item;
+  ASSERT_TRUE(table.findItem("dup.c", item));
+  EXPECT_EQ(item.type, "pwd");
+  EXPECT_EQ(item.usage, "cover.user");
+  // Items come before sub-objects; like-named sub-objects are tried in order.
+  EXPECT_EQ(target("dup.x.y"), "/config/first.ini|one|DottedItem");
+  EXPECT_EQ(target("dup.x.q"), "/config/first.ini|sub1|Q1");
+  EXPECT_EQ(target("dup.x.z"), "/config/first.ini|sub2|Z");
+  EXPECT_EQ(target("dup.nothing"), "");
+  EXPECT_EQ(target("nothing.a"), "");
+  EXPECT_EQ(target(""), "");
+  EXPECT_EQ(target("not-an-object"), "");
+}
+
+TEST_F(TranslatorTest, LongKeysAreCutBeforeMatching) {
+  std::string name(kAutopKeyMax - 2, 'n');
+  root->write("/config/long.xml", "<autopTranslator><cfg><object name=\"o\"><item name=\"" + name +
+                                      "\" path=\"/p\" section=\"s\" key=\"k\"/></object></cfg></autopTranslator>");
+  ASSERT_TRUE(table.loadTransData("/config/long.xml"));
+  std::string key = "o." + name;  // exactly 127 characters
+  EXPECT_EQ(target(key), "/p|s|k");
+  EXPECT_EQ(target(key + "tail that is cut off"), "/p|s|k");
+  EXPECT_EQ(target(key.substr(0, key.size() - 1) + "X"), "");
+  autopItem item;
+  ASSERT_TRUE(table.findItem(key + "more", item));
+  EXPECT_EQ(item.name, key);
+}
+
+TEST_F(TranslatorTest, ReverseLookupFindsTheKeyOfATarget) {
+  EXPECT_EQ(reverse("/config/first.ini", "one", "A"), "dup.a");
+  // The second "dup" gives the key even though the first one shadows it forwards.
+  EXPECT_EQ(reverse("/config/second.ini", "two", "A"), "dup.a");
+  EXPECT_EQ(reverse("/config/second.ini", "two", "B"), "dup.b");
+  EXPECT_EQ(reverse("/valdrun/config/.htpasswd", "user", ""), "dup.c");
+  EXPECT_EQ(reverse("/config/own.ini", "Own", "K"), "bare.own");
+  EXPECT_EQ(reverse("/config/first.ini", "one", "Z"), "<none>");
+
+  // Numbered objects: the mask stands for a stored index in range, written back as a key index.
+  EXPECT_EQ(reverse("/config/acc0.cfg", "line0", "Enable0"), "acc.1.en");
+  EXPECT_EQ(reverse("/config/acc5.cfg", "line5", "Label"), "acc.6.label");
+  EXPECT_EQ(reverse("/config/acc2.cfg", "audio3", "on"), "acc.3.codec.3.on");
+  EXPECT_EQ(reverse("/config/shifted.cfg", "s4", "V"), "shifted.2.v");
+  EXPECT_EQ(reverse("/config/free17.cfg", "free", "V"), "free.17.v");
+  // Out of range, one mask with two values, leading zeros, the mask text itself: no key.
+  EXPECT_EQ(reverse("/config/acc6.cfg", "line6", "Label"), "<none>");
+  EXPECT_EQ(reverse("/config/acc1.cfg", "line2", "Label"), "<none>");
+  EXPECT_EQ(reverse("/config/acc01.cfg", "line01", "Label"), "<none>");
+  EXPECT_EQ(reverse("/config/acc$i.cfg", "line$i", "Label"), "<none>");
+  EXPECT_EQ(reverse("/config/shifted.cfg", "s2", "V"), "<none>");
+  EXPECT_EQ(reverse("/config/acc2.cfg", "audio0", "on"), "<none>");
+
+  // Every key found backwards leads forwards to the same target.
+  for (int i = 1; i <= 6; ++i) {
+    for (const char* leaf : {"en", "label", "plain.x", "codec.1.on", "codec.4.on"}) {
+      std::string key = "acc." + std::to_string(i) + "." + leaf;
+      autopItem item;
+      ASSERT_TRUE(table.findItem(key, item)) << key;
+      EXPECT_EQ(reverse(item.path, item.section, item.key), key);
+    }
+  }
+}
+
+TEST_F(TranslatorTest, LoadingChoosesTheFileAndReportsFailures) {
+  LogCapture log;
+  // Only the phone's own table: that one is used.
+  root->write("/phone/resource/autopTranslator.xml",
+              "<autopTranslator><cfg><object name=\"p\"><item name=\"x\" path=\"/a\" section=\"s\" key=\"k\"/>"
+              "</object></cfg></autopTranslator>");
+  EXPECT_TRUE(table.loadDefaultTable());
+  EXPECT_TRUE(log.contains("Load trans data from /phone/resource/autopTranslator.xml"));
+  EXPECT_TRUE(log.contains("IFO Load return 1"));
+  EXPECT_EQ(target("p.x"), "/a|s|k");
+
+  // A table under /config replaces the phone's one entirely.
+  root->write("/config/autopTranslator.xml",
+              "<autopTranslator><cfg><object name=\"c\"><item name=\"x\" path=\"/b\" section=\"s\" key=\"k\"/>"
+              "</object></cfg></autopTranslator>");
+  EXPECT_TRUE(table.loadDefaultTable());
+  EXPECT_TRUE(log.contains("Load trans data from /config/autopTranslator.xml"));
+  EXPECT_EQ(target("c.x"), "/b|s|k");
+  EXPECT_EQ(target("p.x"), "");
+  EXPECT_EQ(table.objectCount(), 1u);
+  EXPECT_EQ(table.itemCount(), 1u);
+
+  // A broken table: logged, the table is emptied, every lookup fails.
+  root->write("/config/autopTranslator.xml", "<autopTranslator><cfg><object name=");
+  EXPECT_FALSE(table.loadDefaultTable());
+  EXPECT_TRUE(log.contains("failed to load file [/config/autopTranslator.xml]! \n"));
+  EXPECT_TRUE(log.contains("IFO Load return 0"));
+  EXPECT_FALSE(table.isLoaded());
+  EXPECT_EQ(target("c.x"), "");
+  std::string name;
+  EXPECT_FALSE(table.findItemName("/b", "s", "k", name));
+
+  root->write("/config/noroot.xml", "<other><cfg/></other>");
+  EXPECT_FALSE(table.loadTransData("/config/noroot.xml"));
+  EXPECT_TRUE(log.contains("no root elem [/config/noroot.xml]! \n"));
+  EXPECT_FALSE(table.loadTransData("/config/missing.xml"));
+  EXPECT_TRUE(log.contains("failed to load file [/config/missing.xml]!"));
+
+  EXPECT_FALSE(table.parseObjectElem(nullptr, nullptr));
+  EXPECT_TRUE(log.contains("WAR Unexpected null pointer !"));
+}
+
+TEST_F(TranslatorTest, TheSingleInstanceLivesUntilReleased) {
+  autopTranslator* first = autopTranslator::getInstance();
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(autopTranslator::getInstance(), first);
+  autopTranslator::releaseInstance();
+  autopTranslator* second = autopTranslator::getInstance();
+  ASSERT_NE(second, nullptr);
+  EXPECT_FALSE(second->isLoaded());
+  autopTranslator::releaseInstance();
+}
+
+// The table shipped with the phone.
+class ShippedTableTest : public RootedTest {
+ protected:
+  void SetUp() override {
+    RootedTest::SetUp();
+    std::ifstream shipped(std::string(PROVISOR_SOURCE_DIR) + "/data/autopTranslator.xml");
+    std::stringstream text;
+    text << shipped.rdbuf();
+    root->write(kTranslatorPhonePath, text.str());
+    ASSERT_TRUE(table.loadDefaultTable());
+  }
+  autopTranslator table;
+};
+
+TEST_F(ShippedTableTest, CoversTheFourTypesAndKnownKeys) {
+  EXPECT_GE(table.itemCount(), 300u);
+  std::set<std::string> types;
+  for (const auto& object : table.objects()) types.insert(object->type);
+  EXPECT_EQ(types, (std::set<std::string>{"cfg", "bin", "pwd", "rom"}));
+
+  autopItem item;
+  ASSERT_TRUE(table.findItem("account.16.password", item));
+  EXPECT_EQ(item.path, "/config/user/voip/sipAccount15.cfg");
+  EXPECT_TRUE(item.encrypt);
+  EXPECT_FALSE(table.findItem("account.17.password", item));
+  ASSERT_TRUE(table.findItem("account.1.codec.2.enable", item));
+  EXPECT_EQ(item.section, "audio2");
+  ASSERT_TRUE(table.findItem("phone_setting.phone_lock.unlock_pin", item));
+  EXPECT_EQ(item.section + "::" + item.key, "Phone_Lock::Unlock_PIN");
+  ASSERT_TRUE(table.findItem("phone_setting.phone_lock.enable", item));
+  EXPECT_EQ(item.section + "::" + item.key, "PhoneSetting::EnLock");
+  ASSERT_TRUE(table.findItem("custom_mac_cfg.url", item));
+  EXPECT_EQ(item.path + "|" + item.section + "|" + item.key, "/tmp/download.cfg|CUSTOM_MAC_CFG_PATH|server_address");
+  ASSERT_TRUE(table.findItem("security.user_name.admin", item));
+  EXPECT_EQ(item.type, "cfg");
+  ASSERT_TRUE(table.findItem("security.user_password", item));
+  EXPECT_EQ(item.type, "pwd");
+  EXPECT_EQ(item.path, "/valdrun/config/.htpasswd");
+  ASSERT_TRUE(table.findItem("dialplan.replace.7.prefix", item));
+  EXPECT_EQ(item.type, "bin");
+  EXPECT_EQ(item.section, "DialRule.Data.7");
+  EXPECT_EQ(item.usage, "modify.dialplan");
+  ASSERT_TRUE(table.findItem("trusted_certificates.url", item));
+  EXPECT_EQ(item.fileType, "cert");
+  ASSERT_TRUE(table.findItem("network.802_1x.root_cert_url", item));
+  EXPECT_EQ(item.type, "bin");
+  ASSERT_TRUE(table.findItem("firmware.server_ip", item));
+  EXPECT_EQ(item.type, "rom");
+
+  std::string name;
+  ASSERT_TRUE(table.findItemName("/config/user/voip/sipAccount0.cfg", "account", "Enable", name));
+  EXPECT_EQ(name, "account.1.enable");
+  ASSERT_TRUE(table.findItemName("/valdrun/config/.htpasswd", "del_user", "", name));
+  EXPECT_EQ(name, "security.delete_user");
+  ASSERT_TRUE(table.findItemName("/config/system/system.ini", "802.1X", "strIdentity", name));
+  EXPECT_EQ(name, "network.802_1x.identity");
+}
+
+TEST_F(ShippedTableTest, EveryNumberedKeyRoundTrips) {
+  // For each leaf of the numbered objects, each index: forwards, backwards and forwards again.
+  int checked = 0;
+  for (int line = 1; line <= 16; ++line) {
+    for (const char* leaf : {"enable", "password", "shared_line", "dtmf.type", "codec.8.rtpmap", "sip_server.2.port"}) {
+      std::string key = "account." + std::to_string(line) + "." + leaf;
+      autopItem item;
+      ASSERT_TRUE(table.findItem(key, item)) << key;
+      std::string name;
+      ASSERT_TRUE(table.findItemName(item.path, item.section, item.key, name)) << key;
+      autopItem again;
+      ASSERT_TRUE(table.findItem(name, again)) << name;
+      EXPECT_EQ(again.path + again.section + again.key, item.path + item.section + item.key) << key;
+      ++checked;
+    }
+  }
+  EXPECT_EQ(checked, 96);
+}
+
+}  // namespace
