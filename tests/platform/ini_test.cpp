@@ -1,0 +1,110 @@
+// INI files in memory: parsing, writing back without losing comments, edits, hostile values.
+#include <gtest/gtest.h>
+
+#include "inifile.h"
+#include "testRoot.h"
+
+using namespace testing_support;
+
+namespace {
+
+const char* kSample =
+    "; written by the phone\r\n"
+    "global = 1\r\n"
+    "\r\n"
+    "[AutoProvision]\r\n"
+    "  strServerURL =  http://10.0.0.1/cfg  \r\n"
+    "# a comment\r\n"
+    "bEnablePNP=1\r\n"
+    "pair=a=b\r\n"
+    "garbage line\r\n"
+    "\r\n"
+    "[ Other ]\r\n"
+    "key=\r\n";
+
+}  // namespace
+
+TEST(IniFile, ParsesSectionsKeysAndComments) {
+  iniFile ini;
+  ini.LoadFromText(kSample);
+  EXPECT_EQ(ini.GetTextValue("", "global", "x"), "1");
+  EXPECT_EQ(ini.GetTextValue("AutoProvision", "strServerURL", "x"), "http://10.0.0.1/cfg");
+  EXPECT_EQ(ini.GetTextValue("AutoProvision", "bEnablePNP", "x"), "1");
+  EXPECT_EQ(ini.GetTextValue("AutoProvision", "pair", "x"), "a=b");
+  EXPECT_EQ(ini.GetTextValue("Other", "key", "x"), "");
+  EXPECT_TRUE(ini.HasKey("Other", "key"));
+  EXPECT_FALSE(ini.HasKey("AutoProvision", "garbage line"));
+  EXPECT_FALSE(ini.HasKey("AutoProvision", ""));
+  EXPECT_EQ(ini.GetTextValue("AutoProvision", "missing", "dflt"), "dflt");
+  EXPECT_EQ(ini.GetTextValue("NoSection", "bEnablePNP", "dflt"), "dflt");
+
+  ASSERT_EQ(ini.sections().size(), 3u);
+  EXPECT_EQ(ini.sections()[1].name, "AutoProvision");
+  int realKeys = 0;
+  for (const iniKey& k : ini.sections()[1].keys) realKeys += k.isComment() ? 0 : 1;
+  EXPECT_EQ(realKeys, 3);
+}
+
+TEST(IniFile, WritesBackCommentsAndEditsInPlace) {
+  iniFile ini;
+  ini.LoadFromText(kSample);
+  ini.SetTextValue("AutoProvision", "bEnablePNP", "0");
+  ini.SetTextValue("AutoProvision", "nRepeatMinutes", "1440");
+  ini.SetTextValue("New", "a", "b");
+  EXPECT_TRUE(ini.RemoveKey("Other", "key"));
+  EXPECT_FALSE(ini.RemoveKey("Other", "key"));
+
+  std::string text = ini.ExportToText();
+  EXPECT_EQ(text,
+            "; written by the phone\n"
+            "global=1\n"
+            "\n"
+            "[AutoProvision]\n"
+            "strServerURL=http://10.0.0.1/cfg\n"
+            "# a comment\n"
+            "bEnablePNP=0\n"
+            "pair=a=b\n"
+            "garbage line\n"
+            "nRepeatMinutes=1440\n"
+            "\n"
+            "[Other]\n"
+            "[New]\n"
+            "a=b\n");
+
+  iniFile again;
+  again.LoadFromText(text);
+  EXPECT_EQ(again.ExportToText(), text);
+}
+
+TEST(IniFile, KeysWithoutSectionStayFirstAndHostileTextCannotAddKeys) {
+  iniFile ini;
+  ini.LoadFromText("[s]\nk=v\n");
+  ini.SetTextValue("", "top", "1");
+  ini.SetTextValue("s", "evil", "x\n[other]\ninjected=1");
+  ini.SetTextValue("s", "bad=key", "1");
+  ini.SetTextValue("s", "[bad", "1");
+  ini.SetTextValue("s", "#bad", "1");
+
+  iniFile back;
+  back.LoadFromText(ini.ExportToText());
+  EXPECT_EQ(back.GetTextValue("", "top", ""), "1");
+  EXPECT_EQ(back.GetTextValue("s", "k", ""), "v");
+  EXPECT_EQ(back.GetTextValue("s", "evil", ""), "x [other] injected=1");
+  EXPECT_EQ(back.findSection("other"), nullptr);
+  EXPECT_FALSE(back.HasKey("s", "bad"));
+  EXPECT_FALSE(back.HasKey("s", "[bad"));
+  EXPECT_EQ(back.sections().size(), 2u);
+}
+
+TEST(IniFile, LoadsAndSavesUnderTheRoot) {
+  TempRoot root;
+  iniFile ini;
+  EXPECT_FALSE(ini.LoadFromFile("/config/system/missing.ini"));
+  ini.SetTextValue("AutoProvision", "strServerURL", "tftp://1.2.3.4");
+  ASSERT_TRUE(ini.SaveToFile("/config/system/system.ini"));
+  EXPECT_EQ(root.read("/config/system/system.ini"), "[AutoProvision]\nstrServerURL=tftp://1.2.3.4\n");
+
+  iniFile loaded;
+  ASSERT_TRUE(loaded.LoadFromFile("/config/system/system.ini"));
+  EXPECT_EQ(loaded.GetTextValue("AutoProvision", "strServerURL", ""), "tftp://1.2.3.4");
+}

@@ -1,0 +1,151 @@
+// Section monitors: callbacks on the registering thread for changes made by other processes, none
+// for other sections or for this process's own flushes, none after the monitor stopped.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "msgqueue.h"
+#include "registry.h"
+#include "testRoot.h"
+
+using namespace testing_support;
+
+namespace {
+
+const char* kSystemIni = "/config/system/system.ini";
+
+// Bounded real-time wait for something another thread does (inotify is asynchronous).
+bool waitUntil(const std::function<bool()>& done) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+// Another process writing through its own configuration store.
+void setInOtherProcess(const std::string& section, const std::string& key, const std::string& value) {
+  fflush(stdout);
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) _exit(brisaSetProfileString(kSystemIni, section, key, value) ? 0 : 1);
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+// A message-queue thread on a std::thread that records what its monitors report.
+class MonitorOwner {
+ public:
+  MonitorOwner() : thread_("monitor_owner") {
+    runner_ = std::thread([this] { thread_.Run(); });
+  }
+  ~MonitorOwner() {
+    thread_.Quit(0);
+    runner_.join();
+  }
+
+  // Registers a monitor from the owner's own thread; returns its id.
+  uint32_t monitor(const std::string& section, const std::string& tag) {
+    std::atomic<uint32_t> id{0};
+    std::atomic<bool> done{false};
+    thread_.QueueCall([&] {
+      id = registryMonitorSection(kSystemIni, section, [this, tag](const REGHANDLE& handle) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!thread_.IsCalledByThisThread()) offThread_ = true;
+        seen_.push_back(tag + ":" + registrySectionOf(handle) + ":" + registryGetString(handle, "a", ""));
+      });
+      done = true;
+    });
+    EXPECT_TRUE(waitUntil([&] { return done.load(); }));
+    return id;
+  }
+  void stop(uint32_t id) {
+    std::atomic<bool> done{false};
+    thread_.QueueCall([&] {
+      registryStopMonitor(id);
+      done = true;
+    });
+    EXPECT_TRUE(waitUntil([&] { return done.load(); }));
+  }
+  std::vector<std::string> seen() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return seen_;
+  }
+  size_t count() { return seen().size(); }
+  bool offThread() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return offThread_;
+  }
+
+ private:
+  chThreadLocal thread_;
+  std::thread runner_;
+  std::mutex mutex_;
+  std::vector<std::string> seen_;
+  bool offThread_ = false;
+};
+
+class RegistryMonitorTest : public RootedTest {
+ protected:
+  void SetUp() override {
+    RootedTest::SetUp();
+    registryResetCache();
+    root->write(kSystemIni, "[AutoProvision]\na=1\n[Other]\na=1\n");
+  }
+};
+
+}  // namespace
+
+TEST_F(RegistryMonitorTest, ReportsChangesOfOtherProcessesOnTheOwningThread) {
+  MonitorOwner owner;
+  uint32_t id = owner.monitor("AutoProvision", "m1");
+  ASSERT_GT(id, 0u);
+
+  setInOtherProcess("AutoProvision", "a", "2");
+  ASSERT_TRUE(waitUntil([&] { return owner.count() == 1; }));
+  EXPECT_EQ(owner.seen()[0], "m1:AutoProvision:2");
+
+  // Neither another section nor this process's own flush is reported: the next report is the
+  // replacement by another writer that follows them.
+  setInOtherProcess("Other", "a", "9");
+  ASSERT_TRUE(brisaSetProfileString(kSystemIni, "AutoProvision", "a", "3"));
+  root->write("/config/system/incoming", "[AutoProvision]\na=4\n[Other]\na=9\n");
+  ASSERT_EQ(rename(root->host("/config/system/incoming").c_str(), root->host(kSystemIni).c_str()), 0);
+  ASSERT_TRUE(waitUntil([&] { return owner.count() == 2; }));
+  EXPECT_EQ(owner.seen()[1], "m1:AutoProvision:4");
+
+  // A stopped monitor stays silent; a second one on the same section shows the change arrived.
+  uint32_t second = owner.monitor("AutoProvision", "m2");
+  ASSERT_GT(second, 0u);
+  EXPECT_NE(second, id);
+  owner.stop(id);
+  setInOtherProcess("AutoProvision", "a", "5");
+  ASSERT_TRUE(waitUntil([&] { return owner.count() == 3; }));
+  EXPECT_EQ(owner.seen()[2], "m2:AutoProvision:5");
+
+  // A change reaches the monitor even when this process flushes before the watcher saw it.
+  setInOtherProcess("AutoProvision", "b", "1");
+  ASSERT_TRUE(brisaSetProfileString(kSystemIni, "Other", "z", "1"));
+  ASSERT_TRUE(waitUntil([&] { return owner.count() == 4; }));
+  EXPECT_EQ(owner.seen()[3], "m2:AutoProvision:5");
+
+  owner.stop(second);
+  EXPECT_FALSE(owner.offThread());
+}
+
+TEST_F(RegistryMonitorTest, NeedsAMessageQueueThreadAndACallback) {
+  LogCapture capture;
+  EXPECT_EQ(registryMonitorSection(kSystemIni, "AutoProvision", [](const REGHANDLE&) {}), 0u);
+  EXPECT_TRUE(capture.contains("Unexpected null pointer !"));
+  MonitorOwner owner;
+  EXPECT_GT(owner.monitor("NewSection", "m"), 0u);  // a section (or file) that does not exist yet
+}

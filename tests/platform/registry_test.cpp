@@ -1,0 +1,184 @@
+// The configuration store: cached reads and writes, flushes, write-through profile calls, reload of
+// files changed by another process, merge of pending changes, and the crash safety of a flush.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "inifile.h"
+#include "registry.h"
+#include "testRoot.h"
+
+using namespace testing_support;
+
+namespace {
+
+const char* kSystemIni = "/config/system/system.ini";
+
+class RegistryTest : public RootedTest {
+ protected:
+  void SetUp() override {
+    RootedTest::SetUp();
+    registryResetCache();
+  }
+  void TearDown() override {
+    registryResetCache();
+    RootedTest::TearDown();
+  }
+  // Replaces the file the way another process would (a new inode, as an atomic writer makes).
+  void replaceOnDisk(const std::string& logical, const std::string& text) {
+    root->write(logical + ".other", text);
+    ASSERT_EQ(rename(root->host(logical + ".other").c_str(), root->host(logical).c_str()), 0);
+  }
+};
+
+}  // namespace
+
+TEST_F(RegistryTest, ReadsDefaultsValuesAndNumbers) {
+  EXPECT_EQ(brisaGetProfileString(kSystemIni, "AutoProvision", "strServerURL", "none"), "none");
+  EXPECT_EQ(brisaGetProfileInt(kSystemIni, "AutoProvision", "nRepeatMinutes", 1440), 1440);
+  EXPECT_FALSE(root->exists(kSystemIni));  // reading never creates the file
+
+  replaceOnDisk(kSystemIni,
+                "[AutoProvision]\nstrServerURL = http://x/\nnRepeatMinutes=60\nbad=abc\nneg=-5\nempty=\nlead=12ab\n");
+  EXPECT_EQ(brisaGetProfileString(kSystemIni, "AutoProvision", "strServerURL", ""), "http://x/");
+  EXPECT_EQ(brisaGetRegistryString(kSystemIni, "AutoProvision", "strServerURL", ""), "http://x/");
+  EXPECT_EQ(brisaGetProfileInt(kSystemIni, "AutoProvision", "nRepeatMinutes", 0), 60);
+  EXPECT_EQ(brisaGetRegistryInt(kSystemIni, "AutoProvision", "bad", 7), 7);
+  EXPECT_EQ(brisaGetRegistryInt(kSystemIni, "AutoProvision", "neg", 7), -5);
+  EXPECT_EQ(brisaGetRegistryInt(kSystemIni, "AutoProvision", "empty", 7), 7);
+  EXPECT_EQ(brisaGetRegistryInt(kSystemIni, "AutoProvision", "lead", 7), 12);
+  EXPECT_EQ(brisaGetRegistryString(kSystemIni, "AutoProvision", "empty", "d"), "");
+  EXPECT_EQ(brisaGetRegistryString(kSystemIni, "Other", "strServerURL", "d"), "d");
+}
+
+TEST_F(RegistryTest, RegistryWritesWaitForTheFlushProfileWritesGoThrough) {
+  replaceOnDisk(kSystemIni, "# phone settings\n[AutoProvision]\nstrServerURL=old\n");
+  ASSERT_TRUE(brisaSetRegistryString(kSystemIni, "AutoProvision", "strServerURL", "new"));
+  EXPECT_EQ(brisaGetRegistryString(kSystemIni, "AutoProvision", "strServerURL", ""), "new");
+  EXPECT_EQ(root->read(kSystemIni), "# phone settings\n[AutoProvision]\nstrServerURL=old\n");
+
+  ASSERT_TRUE(regFlushAllFile());
+  EXPECT_EQ(root->read(kSystemIni), "# phone settings\n[AutoProvision]\nstrServerURL=new\n");
+
+  ASSERT_TRUE(brisaSetProfileInt("/config/user/user.ini", "Lock", "nLevel", 3));
+  EXPECT_EQ(root->read("/config/user/user.ini"), "[Lock]\nnLevel=3\n");
+  ASSERT_TRUE(brisaSetProfileString(kSystemIni, "AutoProvision", "bEnablePNP", "1"));
+  EXPECT_EQ(root->read(kSystemIni), "# phone settings\n[AutoProvision]\nstrServerURL=new\nbEnablePNP=1\n");
+
+  // A reset cache forgets unflushed writes.
+  brisaSetRegistryString(kSystemIni, "AutoProvision", "strServerURL", "lost");
+  registryResetCache();
+  EXPECT_EQ(brisaGetRegistryString(kSystemIni, "AutoProvision", "strServerURL", ""), "new");
+  EXPECT_TRUE(regFlushAllFile());
+  EXPECT_EQ(root->read(kSystemIni), "# phone settings\n[AutoProvision]\nstrServerURL=new\nbEnablePNP=1\n");
+}
+
+TEST_F(RegistryTest, SectionHandles) {
+  REGHANDLE handle = registryOpen(kSystemIni, "AutoProvision");
+  ASSERT_TRUE(handle);
+  EXPECT_EQ(registryFileOf(handle), kSystemIni);
+  EXPECT_EQ(registrySectionOf(handle), "AutoProvision");
+  EXPECT_EQ(registryGetInt(handle, "nRepeatMinutes", 5), 5);
+  ASSERT_TRUE(registrySetString(handle, "nRepeatMinutes", "30"));
+  EXPECT_EQ(registryGetInt(handle, "nRepeatMinutes", 5), 30);
+  EXPECT_EQ(registryGetString(handle, "nRepeatMinutes", ""), "30");
+  EXPECT_FALSE(root->exists(kSystemIni));
+  ASSERT_TRUE(registryFlush(handle));
+  EXPECT_EQ(root->read(kSystemIni), "[AutoProvision]\nnRepeatMinutes=30\n");
+  EXPECT_TRUE(registryFlush(handle));  // nothing pending: nothing to do
+
+  registryClose(handle);
+  EXPECT_FALSE(handle);
+  EXPECT_EQ(registryGetInt(handle, "nRepeatMinutes", 5), 5);
+  EXPECT_FALSE(registrySetString(handle, "k", "v"));
+  EXPECT_FALSE(registryFlush(handle));
+  EXPECT_EQ(registryFileOf(handle), "");
+  EXPECT_FALSE(registryOpen("", "s"));
+}
+
+TEST_F(RegistryTest, ReloadsChangesOfOtherProcessesAndKeepsTheirKeysAtFlush) {
+  replaceOnDisk(kSystemIni, "[AutoProvision]\na=1\nb=1\n");
+  EXPECT_EQ(brisaGetRegistryInt(kSystemIni, "AutoProvision", "a", 0), 1);
+
+  // Nothing pending here: the other process's version is read again.
+  replaceOnDisk(kSystemIni, "[AutoProvision]\na=2\nb=2\n");
+  EXPECT_EQ(brisaGetRegistryInt(kSystemIni, "AutoProvision", "a", 0), 2);
+
+  // A rewrite in place is noticed too.
+  root->write(kSystemIni, "[AutoProvision]\na=3\nb=33\n");
+  EXPECT_EQ(brisaGetRegistryInt(kSystemIni, "AutoProvision", "b", 0), 33);
+
+  // With a change pending, our view stays; the flush replays our key over their newest file.
+  ASSERT_TRUE(brisaSetRegistryString(kSystemIni, "AutoProvision", "a", "mine"));
+  replaceOnDisk(kSystemIni, "[AutoProvision]\na=4\nb=4\n[Net]\nc=1\n");
+  EXPECT_EQ(brisaGetRegistryString(kSystemIni, "AutoProvision", "b", ""), "33");
+  ASSERT_TRUE(regFlushAllFile());
+  EXPECT_EQ(root->read(kSystemIni), "[AutoProvision]\na=mine\nb=4\n[Net]\nc=1\n");
+  EXPECT_EQ(brisaGetRegistryString(kSystemIni, "Net", "c", ""), "1");
+}
+
+TEST_F(RegistryTest, ConcurrentThreadsShareOneCache) {
+  std::vector<std::thread> writers;
+  for (int t = 0; t < 4; ++t) {
+    writers.emplace_back([t] {
+      for (int i = 0; i < 50; ++i) {
+        std::string key = "k" + std::to_string(t) + "_" + std::to_string(i);
+        brisaSetRegistryString(kSystemIni, "S", key, std::to_string(i));
+        brisaGetRegistryInt(kSystemIni, "S", key, -1);
+        if (i % 10 == 0) regFlushAllFile();
+      }
+    });
+  }
+  for (auto& w : writers) w.join();
+  ASSERT_TRUE(regFlushAllFile());
+  iniFile onDisk;
+  ASSERT_TRUE(onDisk.LoadFromFile(kSystemIni));
+  for (int t = 0; t < 4; ++t)
+    for (int i = 0; i < 50; ++i)
+      EXPECT_EQ(onDisk.GetTextValue("S", "k" + std::to_string(t) + "_" + std::to_string(i), ""), std::to_string(i));
+}
+
+// A flush killed at any moment leaves the old or the new file, never a mix or a partial file.
+TEST_F(RegistryTest, FlushKilledAtAnyMomentLeavesOldOrNewFile) {
+  constexpr int kKeys = 3000;  // about 100 KB, so a write takes a while
+  auto fill = [](const std::string& generation) {
+    for (int i = 0; i < kKeys; ++i)
+      brisaSetRegistryString(kSystemIni, "Big", "key" + std::to_string(i), generation + "-value-" + std::to_string(i));
+  };
+  fill("A");
+  ASSERT_TRUE(regFlushAllFile());
+
+  int sawA = 0, sawB = 0;
+  for (int round = 0; round < 24; ++round) {
+    fflush(stdout);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      for (int n = 0;; ++n) {
+        fill(n % 2 ? "A" : "B");
+        regFlushAllFile();
+      }
+    }
+    usleep(static_cast<useconds_t>(500 + round * 1500));
+    kill(child, SIGKILL);
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+
+    iniFile onDisk;
+    ASSERT_TRUE(onDisk.LoadFromFile(kSystemIni));
+    const iniSection* big = onDisk.findSection("Big");
+    ASSERT_NE(big, nullptr);
+    ASSERT_EQ(big->keys.size(), static_cast<size_t>(kKeys)) << "round " << round;
+    std::string generation = big->keys.front().value.substr(0, 1);
+    for (int i = 0; i < kKeys; ++i)
+      ASSERT_EQ(big->keys[i].value, generation + "-value-" + std::to_string(i)) << "round " << round;
+    (generation == "A" ? sawA : sawB)++;
+  }
+  RecordProperty("old_then_new", std::to_string(sawA) + "/" + std::to_string(sawB));
+  EXPECT_EQ(sawA + sawB, 24);
+  EXPECT_GT(sawB, 0) << "the writer never completed a flush: the test proved nothing";
+}
