@@ -1,0 +1,84 @@
+// Machine actions on the host: recorded, never performed; a recorded reboot ends the process with
+// status 0; device stand-ins must exist; shell commands.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "actions.h"
+#include "testRoot.h"
+
+using namespace testing_support;
+
+namespace {
+
+class ActionsTest : public RootedTest {
+ protected:
+  std::string actions() { return root->read(kHostActionsLog); }
+};
+
+}  // namespace
+
+TEST_F(ActionsTest, KillsAreRecordedAndNeverSent) {
+  fflush(stdout);
+  pid_t sleeper = fork();
+  ASSERT_GE(sleeper, 0);
+  if (sleeper == 0) {
+    pause();
+    _exit(0);
+  }
+  EXPECT_EQ(deviceKill(sleeper, SIGKILL, "GuiApp.sh"), 0);
+  EXPECT_EQ(deviceKill(sleeper, SIGTERM, "GuiApp.sh"), 0);
+  int status = 0;
+  EXPECT_EQ(waitpid(sleeper, &status, WNOHANG), 0) << "the host build must not kill anything";
+  kill(sleeper, SIGKILL);
+  waitpid(sleeper, &status, 0);
+
+  std::string expected = "kill " + std::to_string(sleeper) + " GuiApp.sh 9\nkill " + std::to_string(sleeper) +
+                         " GuiApp.sh 15\n";
+  EXPECT_EQ(actions(), expected);
+}
+
+TEST_F(ActionsTest, DeviceFilesStandInForDeviceNodes) {
+  DeviceFile keypad;
+  EXPECT_FALSE(keypad.Open("/dev/input/keypad0", O_RDWR | O_CREAT));
+  EXPECT_FALSE(keypad.IsOpen());
+  EXPECT_FALSE(root->exists("/dev/input/keypad0"));  // never created by opening
+  EXPECT_EQ(keypad.Ioctl(0x400445a3, 1), -1);
+
+  root->write("/dev/input/keypad0", "stand-in");
+  ASSERT_TRUE(keypad.Open("/dev/input/keypad0", O_RDWR | O_TRUNC));
+  EXPECT_EQ(keypad.Ioctl(0x400445a3, 1), 0);
+  char text[32] = "0.0.0.0.0.0.0";
+  EXPECT_EQ(keypad.IoctlText(0x16, text), 0);
+  EXPECT_STREQ(text, "0.0.0.0.0.0.0");
+  keypad.Close();
+  EXPECT_FALSE(keypad.IsOpen());
+  EXPECT_EQ(root->read("/dev/input/keypad0"), "stand-in");
+
+  recordAction("custom line");
+  EXPECT_EQ(actions(), "ioctl /dev/input/keypad0 0x400445a3 1\ncustom line\n");
+}
+
+TEST_F(ActionsTest, RecordedRebootEndsTheProcessWithStatusZero) {
+  fflush(stdout);
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    deviceRebootSyscall();
+    _exit(3);  // only reached when the reboot returned
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(actions(), "reboot\n");
+}
+
+TEST_F(ActionsTest, ShellCommands) {
+  EXPECT_EQ(WEXITSTATUS(platformSystem("exit 3")), 3);
+  std::string out = root->host("/tmp/out.txt");
+  EXPECT_EQ(platformSystem("printf '%s' 'a b' > '" + out + "'"), 0);
+  EXPECT_EQ(root->read("/tmp/out.txt"), "a b");
+}

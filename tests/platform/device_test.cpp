@@ -1,0 +1,126 @@
+// Device facts from the host's device.ini, name resolution, the boot environment, password
+// protection and the platform trace.
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <cerrno>
+#include <set>
+
+#include "device.h"
+#include "testRoot.h"
+
+using namespace testing_support;
+
+namespace {
+
+class DeviceTest : public RootedTest {};
+
+bool isMacText(const std::string& mac) {
+  if (mac.size() != 12) return false;
+  for (char c : mac)
+    if (!isxdigit(static_cast<unsigned char>(c)) || isupper(static_cast<unsigned char>(c))) return false;
+  return true;
+}
+
+}  // namespace
+
+TEST_F(DeviceTest, FactsComeFromDeviceIniWithDefaults) {
+  // Without a device.ini: defaults, and the host's own interface or the fallbacks.
+  EXPECT_EQ(netGetNetworkSta(), 2);
+  EXPECT_EQ(netGetNetworkType(), 0);
+  EXPECT_TRUE(netIsTrustedLocalTime());
+  EXPECT_TRUE(isMacText(netGetMACText())) << netGetMACText();
+  std::string ip = netGetLocalIP();
+  EXPECT_EQ(netGetHostIPString(ip, 2), ip);  // a dotted IPv4 text
+
+  root->write(kHostDeviceIni,
+              "[device]\nmac=00:15:65:AB:cd:EF\nip=10.1.2.3\nnetwork_state=1\nnetwork_type=3\ntime_trusted=0\n");
+  EXPECT_EQ(netGetMACText(), "001565abcdef");
+  EXPECT_EQ(netGetLocalIP(), "10.1.2.3");
+  EXPECT_EQ(netGetNetworkSta(), 1);
+  EXPECT_EQ(netGetNetworkType(), 3);
+  EXPECT_FALSE(netIsTrustedLocalTime());
+
+  // A broken MAC is not used.
+  root->write(kHostDeviceIni, "[device]\nmac=not-a-mac\nnetwork_state=x\n");
+  EXPECT_TRUE(isMacText(netGetMACText()));
+  EXPECT_NE(netGetMACText(), "not-a-mac");
+  EXPECT_EQ(netGetNetworkSta(), 2);
+
+  EXPECT_EQ(netGetLocalTime(), fakeClock.nowSeconds());
+  fakeClock.advanceMs(5000);
+  EXPECT_EQ(netGetLocalTime(), 1700000005);
+}
+
+TEST_F(DeviceTest, ResolvesNamesAndChecksIPv6Texts) {
+  EXPECT_EQ(netGetHostIPString("127.0.0.1", 2), "127.0.0.1");
+  EXPECT_EQ(netGetHostIPString("localhost", 2), "127.0.0.1");
+  EXPECT_EQ(netGetHostIPString("::1", 10), "::1");
+  EXPECT_EQ(netGetHostIPString("::1", 0), "::1");
+  EXPECT_EQ(netGetHostIPString("", 2), "");
+
+  EXPECT_TRUE(IsValidIPV6("::1"));
+  EXPECT_TRUE(IsValidIPV6("fe80::215:65ff:feab:cdef"));
+  EXPECT_FALSE(IsValidIPV6("10.0.0.1"));
+  EXPECT_FALSE(IsValidIPV6("fe80::zz"));
+  EXPECT_FALSE(IsValidIPV6(""));
+}
+
+TEST_F(DeviceTest, BootEnvironmentPersistsAtomically) {
+  EXPECT_EQ(userenv_get("HOST_NAME"), "");
+  EXPECT_EQ(userenv_set("HOST_NAME", "ORIN-PH"), 0);
+  EXPECT_EQ(userenv_set("BOOTMODE", "safe"), 0);
+  EXPECT_EQ(userenv_set("strUpgradeURL", "http://10.0.0.1/fw.rom?a=b"), 0);
+  EXPECT_EQ(userenv_set("HOST_NAME", "desk-1"), 0);
+  EXPECT_EQ(userenv_get("HOST_NAME"), "desk-1");
+  EXPECT_EQ(userenv_get("BOOTMODE"), "safe");
+  EXPECT_EQ(userenv_get("strUpgradeURL"), "http://10.0.0.1/fw.rom?a=b");
+
+  // Names or values that would break the file are refused and change nothing.
+  EXPECT_EQ(userenv_set("", "x"), -1);
+  EXPECT_EQ(userenv_set("A=B", "x"), -1);
+  EXPECT_EQ(userenv_set("[env]", "x"), -1);
+  EXPECT_EQ(userenv_set("HOST_NAME", "x\nBOOTMODE=normal"), -1);
+  EXPECT_EQ(root->read(kHostBootEnv),
+            "[env]\nHOST_NAME=desk-1\nBOOTMODE=safe\nstrUpgradeURL=http://10.0.0.1/fw.rom?a=b\n");
+}
+
+TEST_F(DeviceTest, PasswordProtectionRoundTripsAndHidesThePlainText) {
+  std::set<std::string> seen;
+  for (const std::string& plain : {std::string(""), std::string("admin"), std::string(15, 'p'), std::string(16, 'q'),
+                                  std::string("pässwörd with blanks & = ; #"), std::string(1000, 'x')}) {
+    std::string protectedText, back;
+    ASSERT_EQ(pw_data_encrypt(plain, protectedText), 0);
+    EXPECT_EQ(protectedText.compare(0, 4, "ENC:"), 0);
+    if (!plain.empty()) {
+      EXPECT_EQ(protectedText.find(plain), std::string::npos);
+    }
+    EXPECT_EQ(protectedText.find('\n'), std::string::npos);
+    ASSERT_EQ(pw_data_decrypt(protectedText, back), 0);
+    EXPECT_EQ(back, plain);
+    EXPECT_TRUE(seen.insert(protectedText).second);
+  }
+  std::string a, b;
+  pw_data_encrypt("same", a);
+  pw_data_encrypt("same", b);
+  EXPECT_NE(a, b);  // a fresh IV each time
+
+  std::string out = "untouched";
+  for (const char* bad : {"", "admin", "ENC:", "ENC:!!!!", "ENC:QUJD", "ENC:AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA"})
+    EXPECT_EQ(pw_data_decrypt(bad, out), -1) << bad;
+  std::string truncated = a.substr(0, a.size() - 4);
+  EXPECT_EQ(pw_data_decrypt(truncated, out), -1);
+  EXPECT_EQ(out, "untouched");
+}
+
+TEST_F(DeviceTest, TraceGoesToTheLog) {
+  LogCapture capture;
+  brisaTrace(2, "app [%s] is gone", "app_vpPhone");
+  brisaTrace(4, "plain %d", 7);
+  EXPECT_TRUE(capture.contains("[./platform/trace"));
+  EXPECT_TRUE(capture.contains("ERR app [app_vpPhone] is gone\n"));
+  EXPECT_TRUE(capture.contains("IFO plain 7\n"));
+
+  errno = ENOENT;
+  EXPECT_EQ(brisaTransLastError(), "No such file or directory");
+}

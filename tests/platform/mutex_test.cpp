@@ -1,0 +1,87 @@
+// Named mutexes: exclusion within and across processes, timed waits on the service clock, release
+// when the holder dies, names that cannot leave the lock directory.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "mutex.h"
+#include "testRoot.h"
+
+using namespace testing_support;
+
+namespace {
+
+class MutexTest : public RootedTest {};
+
+}  // namespace
+
+TEST_F(MutexTest, ExcludesWithinOneProcessAndTimesOutOnTheServiceClock) {
+  chMutex first, second;
+  ASSERT_TRUE(first.OpenMutex("LOCKXML"));
+  ASSERT_TRUE(second.OpenMutex("LOCKXML"));
+  EXPECT_TRUE(root->exists("/tmp/LOCKXML.lock"));
+
+  ASSERT_TRUE(first.Lock(0));
+  EXPECT_TRUE(first.IsLocked());
+  EXPECT_TRUE(first.Lock(0));  // already held: no self-deadlock
+
+  uint64_t before = fakeClock.elapsedMs();
+  EXPECT_FALSE(second.Lock(500));
+  EXPECT_GE(fakeClock.elapsedMs() - before, 500u);
+  EXPECT_FALSE(second.IsLocked());
+
+  first.Unlock();
+  EXPECT_TRUE(second.Lock(500));
+  {
+    chMutexLock scoped(first, 100);
+    EXPECT_FALSE(scoped.held());
+  }
+  second.Unlock();
+  {
+    chMutexLock scoped(first, 100);
+    EXPECT_TRUE(scoped.held());
+    EXPECT_FALSE(second.Lock(20));
+  }
+  EXPECT_TRUE(second.Lock(0));
+  second.CloseMutex();
+  EXPECT_FALSE(second.IsLocked());
+  EXPECT_FALSE(second.Lock(0));  // closed
+}
+
+TEST_F(MutexTest, ExcludesOtherProcessesAndIsReleasedWhenTheHolderDies) {
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  fflush(stdout);
+  pid_t holder = fork();
+  ASSERT_GE(holder, 0);
+  if (holder == 0) {
+    chMutex m;
+    bool held = m.OpenMutex("LOCKXML") && m.Lock(0);
+    char c = held ? '1' : '0';
+    if (write(ready[1], &c, 1) != 1) _exit(2);
+    pause();
+    _exit(0);
+  }
+  close(ready[1]);
+  char c = 0;
+  ASSERT_EQ(read(ready[0], &c, 1), 1);
+  close(ready[0]);
+  ASSERT_EQ(c, '1');
+
+  chMutex m;
+  ASSERT_TRUE(m.OpenMutex("LOCKXML"));
+  EXPECT_FALSE(m.Lock(200));
+  kill(holder, SIGKILL);
+  waitpid(holder, nullptr, 0);
+  EXPECT_TRUE(m.Lock(200));
+}
+
+TEST_F(MutexTest, RefusesNamesOutsideTheLockDirectory) {
+  chMutex m;
+  EXPECT_FALSE(m.OpenMutex("../config/x"));
+  EXPECT_FALSE(m.OpenMutex(""));
+  EXPECT_FALSE(m.OpenMutex(".."));
+  EXPECT_FALSE(m.Lock(0));
+  EXPECT_FALSE(root->exists("/config/x.lock"));
+}
