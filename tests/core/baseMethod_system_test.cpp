@@ -1,0 +1,231 @@
+// System helpers that talk to other applications or act on the machine: the call-end wait against a
+// stand-in phone application, process killing against a fake /proc, the screen notice and the
+// reboot sequence (run in a child process, as it ends the process).
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "actions.h"
+#include "autopMessages.h"
+#include "baseMethod.h"
+#include "msgqueue.h"
+#include "testRoot.h"
+
+using namespace testing_support;
+
+namespace {
+
+// Another application's thread on a std::thread: answers each message with the next value of a
+// script (the last one repeats) and records what it got.
+class StandIn : public chThreadLocal {
+ public:
+  StandIn(const char* name, std::vector<int32_t> answers) : chThreadLocal(name), answers_(std::move(answers)) {
+    EXPECT_TRUE(Launch());
+    runner_ = std::thread([this] { Run(); });
+  }
+  ~StandIn() override {
+    Quit(0);
+    runner_.join();
+  }
+  bool TryThreadMessage(msgObject& msg) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    received_.push_back({msg.message, msg.wParam, msg.lParam});
+    size_t index = std::min(received_.size() - 1, answers_.size() - 1);
+    msg.ReplyMessage(answers_[index]);
+    return true;
+  }
+  std::vector<std::vector<uint32_t>> received() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return received_;
+  }
+
+ private:
+  std::vector<int32_t> answers_;
+  std::mutex mutex_;
+  std::vector<std::vector<uint32_t>> received_;
+  std::thread runner_;
+};
+
+class SystemHelpersTest : public RootedTest {
+ protected:
+  std::string actions() { return root->read(kHostActionsLog); }
+  size_t countOf(const std::string& text, const std::string& needle) {
+    size_t n = 0;
+    for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + 1)) ++n;
+    return n;
+  }
+  // A process entry of the fake /proc tree.
+  void addProcess(int pid, const std::string& cmdline, const std::string& kernelName) {
+    std::string dir = "/proc/" + std::to_string(pid);
+    root->write(dir + "/cmdline", cmdline);
+    root->write(dir + "/stat", std::to_string(pid) + " (" + kernelName + ") S 1 1 1 0 -1");
+  }
+};
+
+}  // namespace
+
+TEST_F(SystemHelpersTest, CallEndWaitAsksUntilThePhoneAllowsARestart) {
+  StandIn phone(kThreadPhone, {0, 0, 1});
+  LogCapture capture;
+  EXPECT_EQ(waitCallEnd(), 0);
+  auto got = phone.received();
+  ASSERT_EQ(got.size(), 3u);
+  EXPECT_EQ(got[0], (std::vector<uint32_t>{MSG_REBOOT_REQUEST, 0, 0}));
+  EXPECT_EQ(fakeClock.elapsedMs(), 60u);
+  EXPECT_EQ(countOf(capture.text(), "IFO phone is in talking!"), 2u);
+  EXPECT_TRUE(capture.contains("IFO SEND MESSAGE:10011(0,0) to TalkLogic\n\n"));
+  EXPECT_TRUE(capture.contains("DEB receive msg return:1 \n"));
+}
+
+TEST_F(SystemHelpersTest, CallEndWaitGivesUpAfter242AnswersOfZero) {
+  StandIn phone(kThreadPhone, {0});
+  LogCapture capture;
+  EXPECT_EQ(waitCallEnd(), -1);
+  EXPECT_EQ(phone.received().size(), 242u);
+  EXPECT_EQ(fakeClock.elapsedMs(), 241u * 30u);  // every wait on the fake clock
+  EXPECT_EQ(countOf(capture.text(), "phone is in talking!"), 241u);
+}
+
+TEST_F(SystemHelpersTest, CallEndWaitStopsAtAnyOtherAnswer) {
+  StandIn phone(kThreadPhone, {0, 7});
+  EXPECT_EQ(waitCallEnd(), -1);
+  EXPECT_EQ(phone.received().size(), 2u);
+}
+
+TEST_F(SystemHelpersTest, SendsToTheTr069AgentOnlyWhenItRuns) {
+  LogCapture capture;
+  EXPECT_EQ(sendToTr069(0x123, 1, 2), -1);
+  EXPECT_TRUE(capture.contains("IFO SEND MESSAGE:123(1,2) to tr069\n"));
+  EXPECT_TRUE(capture.contains("receive msg return:-1 \n"));
+  StandIn agent(kThreadTr069, {42});
+  EXPECT_EQ(sendToTr069(0x123, 1, 2), 42);
+  EXPECT_EQ(agent.received().size(), 1u);
+  StandIn phone(kThreadPhone, {5});
+  EXPECT_EQ(sendToTalkLogic(0x30007, 0, 1), 5);
+}
+
+TEST_F(SystemHelpersTest, KillsProcessesOfAFakeProcTreeByScriptOrKernelName) {
+  addProcess(1, std::string("/sbin/init\0", 11), "GuiApp.sh");           // never process 1
+  addProcess(getpid(), std::string("/x/GuiApp.sh\0", 13), "GuiApp.sh");  // never itself
+  addProcess(getppid(), std::string("/x/GuiApp.sh\0", 13), "GuiApp.sh"); // nor its parent
+  addProcess(1234, std::string("/bin/sh\0/phone/scripts/GuiApp.sh\0", 33), "sh");
+  addProcess(2000, "", "dsp_daemon");  // a kernel thread: no command line
+  addProcess(3000, std::string("/usr/bin/other\0--flag\0", 22), "other");
+  addProcess(4000, std::string("/bin/tool\0/a/b/c\0", 17), "tool");  // last "/" of the whole line: "c"
+  root->write("/proc/self/stat", "junk");
+  root->write("/proc/uptime", "1.0 2.0");
+  const char* names[] = {"GuiApp.sh", "dsp_daemon", "c"};
+
+  EXPECT_EQ(killProcesses(names, 3, false), 0);
+  std::string log = actions();
+  EXPECT_NE(log.find("kill 1234 GuiApp.sh 9\nkill 1234 GuiApp.sh 15\n"), std::string::npos);
+  EXPECT_NE(log.find("kill 2000 dsp_daemon 9\nkill 2000 dsp_daemon 15\n"), std::string::npos);
+  EXPECT_NE(log.find("kill 4000 c 9\n"), std::string::npos);
+  EXPECT_EQ(log.find("kill 3000"), std::string::npos);
+  EXPECT_EQ(log.find("kill 1 "), std::string::npos);
+  EXPECT_EQ(log.find("kill " + std::to_string(getpid()) + " "), std::string::npos);
+  EXPECT_EQ(log.find("kill " + std::to_string(getppid()) + " "), std::string::npos);
+  EXPECT_EQ(countOf(log, "\n"), 6u);
+
+  root->write(kHostActionsLog, "");
+  EXPECT_EQ(killProcesses(names, 3, true), 0);
+  EXPECT_EQ(actions(), "kill 3000 other --flag 9\nkill 3000 other --flag 15\n");
+
+  ASSERT_EQ(system(("rm -rf '" + root->host("/proc") + "'").c_str()), 0);
+  LogCapture capture;
+  EXPECT_EQ(killProcesses(names, 3, false), -14);
+  EXPECT_TRUE(capture.contains("failed to open /proc"));
+}
+
+TEST_F(SystemHelpersTest, RebootNoticeOnScreenAndDisplay) {
+  {
+    LogCapture capture;
+    EXPECT_EQ(showRebootOnScreen(), -1);
+    EXPECT_TRUE(capture.contains("ERR can't open lcd0"));
+    EXPECT_FALSE(capture.contains("Post reboot MSG to screen!"));
+  }
+  root->write("/dev/lcd0", "");
+  StandIn screen(kThreadScreen, {0});
+  LogCapture capture;
+  uint64_t before = fakeClock.elapsedMs();
+  EXPECT_EQ(showRebootOnScreen(), 0);
+  EXPECT_TRUE(capture.contains("IFO Post reboot MSG to screen!"));
+  EXPECT_EQ(fakeClock.elapsedMs() - before, 10000u + 60u * 5000u);
+  std::string log = actions();
+  EXPECT_EQ(countOf(log, "ioctl /dev/lcd0 0x14 243\n"), 60u);
+  EXPECT_EQ(countOf(log, "\n"), 60u);
+  // The posted notice arrives asynchronously.
+  for (int i = 0; i < 2000 && screen.received().empty(); ++i) usleep(1000);
+  ASSERT_EQ(screen.received().size(), 1u);
+  EXPECT_EQ(screen.received()[0], (std::vector<uint32_t>{MSG_SCREEN_REBOOT, 5, 0}));
+}
+
+namespace {
+
+// Runs reboot() in a child whose standard output goes to `logFile`; returns the wait status.
+int rebootInChild(const std::string& logFile) {
+  fflush(stdout);
+  pid_t child = fork();
+  if (child == 0) {
+    int fd = open(logFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0 || dup2(fd, STDOUT_FILENO) < 0) _exit(10);
+    reboot();
+    _exit(11);  // reboot() came back
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  return status;
+}
+
+// True when every needle occurs in `text`, in this order.
+bool inOrder(const std::string& text, const std::vector<std::string>& needles) {
+  size_t pos = 0;
+  for (const std::string& needle : needles) {
+    pos = text.find(needle, pos);
+    if (pos == std::string::npos) return false;
+    pos += needle.size();
+  }
+  return true;
+}
+
+}  // namespace
+
+TEST_F(SystemHelpersTest, RebootBacksUpTheLogHandsOverToTheWatchdogAndRestarts) {
+  root->write("/dev/input/keypad0", "");
+  root->write("/tmp/autop.log", "second run\n");
+  root->write("/config/autop_log/log.0", "first run\n");
+  std::string out = root->host("/tmp/reboot.out");
+
+  int status = rebootInChild(out);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(actions(), "ioctl /dev/input/keypad0 0x400445a3 1\nreboot\n");
+  EXPECT_EQ(root->read("/config/autop_log/log.0"), "second run\n");
+  EXPECT_EQ(root->read("/config/autop_log/log.1"), "first run\n");
+  std::string log = root->read("/tmp/reboot.out");
+  EXPECT_TRUE(inOrder(log, {"IFO backup attlog to flash ... \n", "WAR Reboot by watchdog !\n", "WAR to ioctl ... \n",
+                            "WAR Successed in closing watchdog !!\n", "WAR Sleep 10s for reboot by watchdog ...\n",
+                            "WAR Reboot by syscall ... \n"}))
+      << log;
+  EXPECT_EQ(log.find("DUNA"), std::string::npos);
+}
+
+TEST_F(SystemHelpersTest, RebootWithoutWatchdogStillRestartsBySystemCall) {
+  std::string out = root->host("/tmp/reboot.out");
+  int status = rebootInChild(out);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(actions(), "reboot\n");
+  EXPECT_FALSE(root->exists("/config/autop_log/log.0"));  // nothing to back up
+  std::string log = root->read("/tmp/reboot.out");
+  EXPECT_TRUE(inOrder(log, {"skip backup! [/tmp/autop.log] file not exist !", "WAR Reboot by watchdog !\n",
+                            "ERR Can't open keypad0 !\n", "WAR DUNA: Fail to reboot by watchdog !\n",
+                            "WAR Sleep 10s for reboot by watchdog ...\n", "WAR Reboot by syscall ... \n"}))
+      << log;
+}
