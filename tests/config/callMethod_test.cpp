@@ -1,0 +1,155 @@
+// Text-method calls: argument forms, parameter operators, the method table and its help text, and
+// messages that reach another application (msgctl listening as a named thread).
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "callMethod.h"
+#include "msgqueue.h"
+#include "registry.h"
+#include "testRoot.h"
+
+using testing_support::buildBinary;
+using testing_support::LogCapture;
+using testing_support::RootedTest;
+using testing_support::runCommand;
+using testing_support::TempRoot;
+
+namespace {
+
+std::vector<std::string> argumentsOf(const std::string& call) {
+  std::string name;
+  std::vector<std::string> args;
+  if (!parseTextMethodCall(call, name, args)) return {"<malformed>"};
+  args.insert(args.begin(), name);
+  return args;
+}
+
+std::string operatorResult(std::string text) {
+  return applyParamOperator(&text) ? text : "<no match>";
+}
+
+TEST(TextMethod, ArgumentForms) {
+  using Args = std::vector<std::string>;
+  EXPECT_EQ(argumentsOf("f()"), (Args{"f"}));
+  EXPECT_EQ(argumentsOf("  f ( a ,  12,0x10 ) "), (Args{"f", "a", "12", "0x10"}));
+  EXPECT_EQ(argumentsOf("f(\"a, (b)\", \" padded \")"), (Args{"f", "a, (b)", " padded "}));
+  EXPECT_EQ(argumentsOf("f(a,)"), (Args{"f", "a", ""}));
+  EXPECT_EQ(argumentsOf("f(,)"), (Args{"f", "", ""}));
+  EXPECT_EQ(argumentsOf("f(\"\")"), (Args{"f", ""}));
+  // Operators apply to every argument, after the quotes are gone.
+  EXPECT_EQ(argumentsOf("f([10-3], \"[1+1]\", _ASSCII[44])"), (Args{"f", "7", "2", ","}));
+  for (const char* bad : {"f", "f(a", "f(\"a)", "(a)", "f(a) trailing", ""})
+    EXPECT_EQ(argumentsOf(bad), (Args{"<malformed>"})) << bad;
+}
+
+TEST(TextMethod, ParameterOperators) {
+  EXPECT_EQ(operatorResult("[10-3]"), "7");
+  EXPECT_EQ(operatorResult("[3-10]"), "-7");
+  EXPECT_EQ(operatorResult("[5+3]"), "8");
+  EXPECT_EQ(operatorResult("[5--3]"), "8");
+  EXPECT_EQ(operatorResult("[-3+2]"), "-1");
+  EXPECT_EQ(operatorResult("[2147483647+1]"), "2147483648");
+  EXPECT_EQ(operatorResult("_ASSCII[65]"), "A");
+  EXPECT_EQ(operatorResult("_ASSCII[1]"), "\x01");
+  EXPECT_EQ(operatorResult("_ASSCII[127]"), "\x7f");
+  for (const char* none : {"_ASSCII[0]", "_ASSCII[128]", "_ASSCII[-1]", "_ASSCII[]", "_ASSCII[6x]", "[10-]",
+                           "[10]", "[10-3", "[10-3]x", "x[10-3]", "[a-3]", "[10*3]", "[99999999999+1]", "plain", ""})
+    EXPECT_EQ(operatorResult(none), "<no match>") << none;
+  EXPECT_EQ(applyParamOperator(nullptr), 0);
+}
+
+TEST(TextMethod, HelpTextListsTheTable) {
+  const std::string help = textMethodHelp();
+  EXPECT_EQ(help.substr(0, help.find('\n') + 1),
+            "0001 iniGetString(LPCSTR lpszFile, LPCSTR lpszSection, LPCSTR lpszKey, LPCSTR lpszDefaultValue)\n");
+  EXPECT_NE(help.find("0002 msgPostMessage(LPCSTR lpszAppName, UINT uMessage, WPARAM wParam, LPARAM lParam)\n"),
+            std::string::npos);
+  EXPECT_NE(help.find("0004 msgBroadcastPostMessage(UINT uMessage, WPARAM wParam, LPARAM lParam)\n"),
+            std::string::npos);
+  EXPECT_NE(help.find("0006 msgSendMessageEx(LPCSTR lpszAppName, UINT uMessage, WPARAM wParam, LPARAM lParam, "
+                      "LPCSTR lpszExtraText)\n"),
+            std::string::npos);
+  EXPECT_NE(help.find("0007 sleep(int nSeconds)\n0008 system(LPCSTR lpszCommand)\n"), std::string::npos);
+  EXPECT_EQ(help.substr(help.size() - 23), "0009 regFlushAllFile()\n");
+}
+
+class TextMethodCallTest : public RootedTest {};
+
+TEST_F(TextMethodCallTest, LocalMethodsAndErrors) {
+  LogCapture log;
+  registryResetCache();
+  root->write("/config/system/system.ini", "[AutoProvision]\nstrServerURL = http://10.0.0.9/cfg\n");
+  EXPECT_EQ(callTextMethod("iniGetString(\"/config/system/system.ini\",\"AutoProvision\",\"strServerURL\",\"\")"),
+            "http://10.0.0.9/cfg");
+  EXPECT_EQ(callTextMethod("iniGetString(/config/system/system.ini, AutoProvision, missing, \"x,y\")"), "x,y");
+
+  EXPECT_EQ(callTextMethod("sleep(3)"), "0");
+  EXPECT_EQ(fakeClock.elapsedMs(), 3000u);
+  EXPECT_EQ(callTextMethod("sleep([5-3])"), "0");
+  EXPECT_EQ(fakeClock.elapsedMs(), 5000u);
+  EXPECT_EQ(callTextMethod("sleep(soon)"), "ERROR: bad number [soon]");
+  EXPECT_TRUE(log.contains("IFO Error from sleep"));
+  EXPECT_EQ(fakeClock.elapsedMs(), 5000u);
+
+  // The host records shell commands and runs none of them.
+  const std::string marker = root->host("/tmp/ran");
+  EXPECT_EQ(callTextMethod("system(\"touch " + marker + "\")"), "0");
+  EXPECT_FALSE(root->exists("/tmp/ran"));
+  EXPECT_NE(root->read("/host/actions.log").find("system touch " + marker), std::string::npos);
+
+  brisaSetRegistryString("/config/user/user.ini", "Lang", "ActiveLanguage", "German");
+  EXPECT_EQ(callTextMethod("regFlushAllFile()"), "1");
+  EXPECT_NE(root->read("/config/user/user.ini").find("German"), std::string::npos);
+
+  EXPECT_EQ(callTextMethod("sleep(1, 2)"), "ERROR: usage sleep(int nSeconds)");
+  EXPECT_EQ(callTextMethod("regFlushAllFile(x)"), "ERROR: usage regFlushAllFile()");
+  std::string unknown = callTextMethod("reboot()");
+  EXPECT_EQ(unknown.substr(0, 31), "ERROR: unknown method [reboot]\n");
+  EXPECT_NE(unknown.find("0009 regFlushAllFile()"), std::string::npos);
+  EXPECT_EQ(callTextMethod("Sleep(1)").substr(0, 28), "ERROR: unknown method [Sleep");
+  EXPECT_EQ(callTextMethod("sleep 1"), "ERROR: malformed call [sleep 1]");
+
+  // Nobody listens under that name: the post fails and says so.
+  log.clear();
+  EXPECT_EQ(callTextMethod("msgPostMessage(\"app_nobody\",0x60001,0,0)"), "0");
+  EXPECT_TRUE(log.contains("IFO Error from msgPostMessage"));
+  EXPECT_EQ(callTextMethod("msgPostMessage(\"app_nobody\",0x1z,0,0)"), "ERROR: bad number [0x1z]");
+  EXPECT_EQ(callTextMethod("msgBroadcastPostMessage(1,2,4294967296)"), "ERROR: bad number [4294967296]");
+  registryResetCache();
+}
+
+// A second process listens as "app_listener"; the calls reach it and it prints what it got.
+TEST(TextMethodMessages, ReachAListeningApplication) {
+  TempRoot root;
+  const std::string output = root.host("/tmp/listen.out");
+  const std::string pidFile = root.host("/tmp/listen.pid");
+  ASSERT_EQ(runCommand("'" + buildBinary("msgctl") + "' listen app_listener --reply 42 --count 3 --timeout 20 > '" +
+                       output + "' 2>&1 & echo $! > '" + pidFile + "'"),
+            0);
+  // Bounded real waits: the listener is another process.
+  auto waitFor = [](auto condition) {
+    for (int i = 0; i < 500 && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return condition();
+  };
+  ASSERT_TRUE(waitFor([] { return !msgGetThreadByName("app_listener").empty(); }));
+
+  EXPECT_EQ(callTextMethod("msgPostMessageEx(\"app_listener\", 0x60001, [10-3], -1, \"hello, world\")"), "1");
+  EXPECT_EQ(callTextMethod("msgSendMessage(app_listener, 5, 1, _ASSCII[50])"), "42");
+  EXPECT_EQ(callTextMethod("msgBroadcastPostMessage(0x10201, 0, 2)"), "1");
+
+  ASSERT_TRUE(waitFor([&] { return root.read("/tmp/listen.out").find("id=0x10201") != std::string::npos; }));
+  EXPECT_EQ(root.read("/tmp/listen.out"),
+            "id=0x60001 wparam=7 lparam=-1 extra=hello, world\n"
+            "id=0x5 wparam=1 lparam=2 extra=\n"
+            "id=0x10201 wparam=0 lparam=2 extra=\n");
+  int pid = atoi(root.read("/tmp/listen.pid").c_str());
+  if (pid > 0 && !waitFor([pid] { return kill(pid, 0) != 0; })) kill(pid, SIGTERM);
+}
+
+}  // namespace
