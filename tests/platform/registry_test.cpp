@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <thread>
 
 #include "inifile.h"
@@ -148,8 +149,15 @@ TEST_F(RegistryTest, FlushKilledAtAnyMomentLeavesOldOrNewFile) {
     for (int i = 0; i < kKeys; ++i)
       brisaSetRegistryString(kSystemIni, "Big", "key" + std::to_string(i), generation + "-value-" + std::to_string(i));
   };
+  // One write-and-flush cycle, timed here, sets the spread of the kill moments (builds with
+  // sanitizers are several times slower).
+  auto start = std::chrono::steady_clock::now();
+  fill("B");
+  ASSERT_TRUE(regFlushAllFile());
   fill("A");
   ASSERT_TRUE(regFlushAllFile());
+  long cycleUs = static_cast<long>(
+      std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start).count() / 2);
 
   int sawA = 0, sawB = 0;
   for (int round = 0; round < 24; ++round) {
@@ -162,7 +170,7 @@ TEST_F(RegistryTest, FlushKilledAtAnyMomentLeavesOldOrNewFile) {
         regFlushAllFile();
       }
     }
-    usleep(static_cast<useconds_t>(500 + round * 1500));
+    usleep(static_cast<useconds_t>(200 + cycleUs / 4 + round * cycleUs / 6));
     kill(child, SIGKILL);
     int status = 0;
     waitpid(child, &status, 0);
