@@ -1,0 +1,305 @@
+#define LOG_MODULE "./platform/httpfile"
+#include "httpfile.h"
+
+#include <curl/curl.h>
+#include <dirent.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "log.h"
+#include "paths.h"
+
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+int64_t msLeft(SteadyClock::time_point deadline) {
+  auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - SteadyClock::now()).count();
+  return left > 0 ? left : 0;
+}
+
+void globalInit() {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+bool hasSuffix(const std::string& name, const char* suffix) {
+  size_t n = strlen(suffix);
+  return name.size() > n && name.compare(name.size() - n, n, suffix) == 0;
+}
+
+// Adds every certificate of one file (PEM, possibly several; else one DER) to the store.
+int addCertificateFile(X509_STORE* store, const std::string& file) {
+  int added = 0;
+  if (BIO* bio = BIO_new_file(file.c_str(), "rb")) {
+    while (X509* cert = PEM_read_bio_X509(bio, nullptr, nullptr, nullptr)) {
+      X509_STORE_add_cert(store, cert);  // a duplicate of a system root is harmless
+      X509_free(cert);
+      ++added;
+    }
+    BIO_free(bio);
+  }
+  ERR_clear_error();
+  if (added) return added;
+  if (BIO* bio = BIO_new_file(file.c_str(), "rb")) {
+    if (X509* cert = d2i_X509_bio(bio, nullptr)) {
+      X509_STORE_add_cert(store, cert);
+      X509_free(cert);
+      ++added;
+    }
+    BIO_free(bio);
+  }
+  ERR_clear_error();
+  return added;
+}
+
+// libcurl hands over the TLS context after it loaded the system's CA store; the phone's trusted
+// certificates join it here, for this transfer only.
+CURLcode addTrustedCertificates(CURL*, void* sslContext, void*) {
+  X509_STORE* store = SSL_CTX_get_cert_store(static_cast<SSL_CTX*>(sslContext));
+  std::string dir = hostPath(kTrustedCertDir);
+  DIR* listing = opendir(dir.c_str());
+  if (!listing) return CURLE_OK;
+  std::vector<std::string> files;
+  while (dirent* entry = readdir(listing)) {
+    std::string name = entry->d_name;
+    if (hasSuffix(name, ".pem") || hasSuffix(name, ".crt")) files.push_back(dir + "/" + name);
+  }
+  closedir(listing);
+  std::sort(files.begin(), files.end());
+  for (const std::string& file : files) addCertificateFile(store, file);
+  return CURLE_OK;
+}
+
+}  // namespace
+
+// One transfer: an easy handle inside its own multi handle, and the body bytes received but not
+// yet read.
+class httpTransfer {
+ public:
+  httpTransfer() {
+    globalInit();
+    easy_ = curl_easy_init();
+    multi_ = curl_multi_init();
+  }
+  ~httpTransfer() {
+    if (multi_ && easy_ && added_) curl_multi_remove_handle(multi_, easy_);
+    if (easy_) curl_easy_cleanup(easy_);
+    if (multi_) curl_multi_cleanup(multi_);
+  }
+  httpTransfer(const httpTransfer&) = delete;
+  httpTransfer& operator=(const httpTransfer&) = delete;
+
+  bool open(const char* url, int32_t timeoutMs, bool tls);
+  int read(uint8_t* out, size_t wanted, size_t unit, int32_t timeoutMs);
+
+  bool broken = false;
+  int64_t missing = -1;
+  std::string error;
+  long responseCode = 0;
+
+ private:
+  void configure(const char* url, int32_t timeoutMs, bool tls);
+  // One round of work: true while the transfer goes on.
+  bool pump(SteadyClock::time_point deadline);
+  void finish(CURLcode result);
+  void markBroken(const std::string& why);
+  static size_t onBody(char* data, size_t size, size_t count, void* self);
+  static size_t onHeader(char* data, size_t size, size_t count, void* self);
+
+  CURL* easy_ = nullptr;
+  CURLM* multi_ = nullptr;
+  bool added_ = false;
+  bool headersDone_ = false;
+  bool done_ = false;
+  CURLcode result_ = CURLE_OK;
+  int64_t received_ = 0;
+  std::vector<uint8_t> body_;
+  size_t bodyStart_ = 0;  // bytes of body_ already handed out
+  char errorBuffer_[CURL_ERROR_SIZE] = {0};
+};
+
+namespace {
+bool isSuccessCode(long code) { return code >= 200 && code < 300; }
+}  // namespace
+
+size_t httpTransfer::onBody(char* data, size_t size, size_t count, void* self) {
+  auto* t = static_cast<httpTransfer*>(self);
+  size_t bytes = size * count;
+  long code = 0;
+  curl_easy_getinfo(t->easy_, CURLINFO_RESPONSE_CODE, &code);
+  // The body of an error page or of an authentication round is not the file.
+  if (!isSuccessCode(code)) return bytes;
+  t->body_.insert(t->body_.end(), data, data + bytes);
+  t->received_ += static_cast<int64_t>(bytes);
+  t->headersDone_ = true;
+  return bytes;
+}
+
+size_t httpTransfer::onHeader(char* data, size_t size, size_t count, void* self) {
+  auto* t = static_cast<httpTransfer*>(self);
+  size_t bytes = size * count;
+  bool blankLine = (bytes == 2 && data[0] == '\r' && data[1] == '\n') || (bytes == 1 && data[0] == '\n');
+  if (blankLine) {
+    long code = 0;
+    curl_easy_getinfo(t->easy_, CURLINFO_RESPONSE_CODE, &code);
+    // Redirects, authentication challenges and interim answers are followed by further headers.
+    if (isSuccessCode(code)) t->headersDone_ = true;
+  }
+  return bytes;
+}
+
+void httpTransfer::configure(const char* url, int32_t timeoutMs, bool tls) {
+  curl_easy_setopt(easy_, CURLOPT_URL, url);
+  curl_easy_setopt(easy_, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy_, CURLOPT_ERRORBUFFER, errorBuffer_);
+  curl_easy_setopt(easy_, CURLOPT_WRITEFUNCTION, &httpTransfer::onBody);
+  curl_easy_setopt(easy_, CURLOPT_WRITEDATA, this);
+  curl_easy_setopt(easy_, CURLOPT_HEADERFUNCTION, &httpTransfer::onHeader);
+  curl_easy_setopt(easy_, CURLOPT_HEADERDATA, this);
+  curl_easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeoutMs));
+  curl_easy_setopt(easy_, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(easy_, CURLOPT_MAXREDIRS, 8L);
+  curl_easy_setopt(easy_, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC | CURLAUTH_DIGEST));
+  curl_easy_setopt(easy_, CURLOPT_NOPROXY, "*");
+  curl_easy_setopt(easy_, CURLOPT_USERAGENT, "provisor/3.0.0.80");
+  // An https transfer never falls back to plain http through a redirect.
+#if LIBCURL_VERSION_NUM >= 0x075500
+  curl_easy_setopt(easy_, CURLOPT_PROTOCOLS_STR, tls ? "https" : "http,https");
+  curl_easy_setopt(easy_, CURLOPT_REDIR_PROTOCOLS_STR, tls ? "https" : "http,https");
+#else
+  long protocols = tls ? CURLPROTO_HTTPS : (CURLPROTO_HTTP | CURLPROTO_HTTPS);
+  curl_easy_setopt(easy_, CURLOPT_PROTOCOLS, protocols);
+  curl_easy_setopt(easy_, CURLOPT_REDIR_PROTOCOLS, protocols);
+#endif
+  curl_easy_setopt(easy_, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(easy_, CURLOPT_SSL_VERIFYHOST, 2L);
+  curl_easy_setopt(easy_, CURLOPT_SSL_CTX_FUNCTION, &addTrustedCertificates);
+#if LIBCURL_VERSION_NUM >= 0x075700
+  // The trusted directory may change between transfers: no cached CA store.
+  curl_easy_setopt(easy_, CURLOPT_CA_CACHE_TIMEOUT, 0L);
+#endif
+}
+
+bool httpTransfer::open(const char* url, int32_t timeoutMs, bool tls) {
+  if (!easy_ || !multi_) {
+    error = "no HTTP client";
+    return false;
+  }
+  const char* scheme = tls ? "https://" : "http://";
+  if (strncasecmp(url, scheme, strlen(scheme)) != 0) {
+    error = "wrong scheme";
+    return false;
+  }
+  configure(url, timeoutMs, tls);
+  if (curl_multi_add_handle(multi_, easy_) != CURLM_OK) {
+    error = "cannot start transfer";
+    return false;
+  }
+  added_ = true;
+  auto deadline = SteadyClock::now() + std::chrono::milliseconds(timeoutMs);
+  while (!headersDone_ && pump(deadline)) {
+  }
+  curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &responseCode);
+  // Once a success header block is complete the body belongs to the reads, which report a body cut
+  // short as a break rather than losing it in a failed open.
+  if (headersDone_) return true;
+  if (!done_)
+    error = "timed out";
+  else if (result_ == CURLE_OK)
+    error = "HTTP status " + std::to_string(responseCode);
+  LOG_WAR("http open failed : %s", error.c_str());
+  return false;
+}
+
+bool httpTransfer::pump(SteadyClock::time_point deadline) {
+  if (done_) return false;
+  int running = 0;
+  curl_multi_perform(multi_, &running);
+  int queued = 0;
+  while (CURLMsg* message = curl_multi_info_read(multi_, &queued))
+    if (message->msg == CURLMSG_DONE) finish(message->data.result);
+  if (done_) return false;
+  int64_t left = msLeft(deadline);
+  if (left == 0) return false;
+  curl_multi_poll(multi_, nullptr, 0, static_cast<int>(std::min<int64_t>(left, 200)), nullptr);
+  return true;
+}
+
+void httpTransfer::finish(CURLcode result) {
+  done_ = true;
+  result_ = result;
+  if (result != CURLE_OK) error = errorBuffer_[0] ? errorBuffer_ : curl_easy_strerror(result);
+}
+
+void httpTransfer::markBroken(const std::string& why) {
+  if (broken) return;
+  broken = true;
+  error = why;
+  curl_off_t length = -1;
+  curl_easy_getinfo(easy_, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+  missing = length >= 0 && length > received_ ? length - received_ : -1;
+  LOG_WAR("http transfer broken after %lld bytes : %s", static_cast<long long>(received_), why.c_str());
+}
+
+int httpTransfer::read(uint8_t* out, size_t wanted, size_t unit, int32_t timeoutMs) {
+  if (timeoutMs < 0) timeoutMs = 5000;
+  auto deadline = SteadyClock::now() + std::chrono::milliseconds(timeoutMs);
+  while (body_.size() - bodyStart_ < wanted && pump(deadline)) {
+  }
+  size_t buffered = body_.size() - bodyStart_;
+  if (buffered < unit) {
+    if (!done_)
+      markBroken("no data within " + std::to_string(timeoutMs) + " ms");
+    else if (result_ != CURLE_OK)
+      markBroken(error);  // CURLE_PARTIAL_FILE for a body shorter than its Content-Length
+    return 0;
+  }
+  size_t n = std::min(wanted, buffered) / unit * unit;  // whole elements only
+  memcpy(out, body_.data() + bodyStart_, n);
+  bodyStart_ += n;
+  if (bodyStart_ == body_.size()) {
+    body_.clear();
+    bodyStart_ = 0;
+  } else if (bodyStart_ > (1u << 20)) {  // keep the handed-out front from piling up
+    body_.erase(body_.begin(), body_.begin() + static_cast<std::ptrdiff_t>(bodyStart_));
+    bodyStart_ = 0;
+  }
+  return static_cast<int>(n);
+}
+
+// ---------------------------------------------------------------------------------------------
+
+httpFileBase::httpFileBase() = default;
+httpFileBase::~httpFileBase() = default;
+
+int httpFileBase::Open(const char* url, int32_t timeoutMs, bool tls) {
+  if (!url) {
+    LOG_NULL_POINTER();
+    return 0;
+  }
+  transfer_ = std::make_unique<httpTransfer>();
+  return transfer_->open(url, timeoutMs < 0 ? 5000 : timeoutMs, tls) ? 1 : 0;
+}
+
+int httpFileBase::ReadFile(void* buffer, int elementSize, int count, int32_t timeoutMs) {
+  if (!transfer_ || !buffer || elementSize <= 0 || count <= 0) return 0;
+  size_t wanted = static_cast<size_t>(elementSize) * static_cast<size_t>(count);
+  int bytes = transfer_->read(static_cast<uint8_t*>(buffer), wanted, static_cast<size_t>(elementSize), timeoutMs);
+  return bytes / elementSize;
+}
+
+void httpFileBase::CloseTransfer() { transfer_.reset(); }
+
+bool httpFileBase::IsBroken() const { return transfer_ && transfer_->broken; }
+int64_t httpFileBase::MissingBytes() const { return transfer_ ? transfer_->missing : -1; }
+std::string httpFileBase::ErrorText() const { return transfer_ ? transfer_->error : ""; }
+long httpFileBase::ResponseCode() const { return transfer_ ? transfer_->responseCode : 0; }

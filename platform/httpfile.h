@@ -1,0 +1,65 @@
+// The phone's HTTP client library: open a URL, read its body with a time-out per read, close.
+// The library does the whole protocol: connection, request, redirects (http and https only),
+// basic and digest authentication with the user and password carried in the URL text, and for
+// HTTPS the certificate check, which is always on. Trusted roots are the system's CA store plus
+// every ".pem" or ".crt" file of /config/certs/trusted/ (under the platform root); a server whose
+// chain does not verify, or whose name does not match, fails the open.
+//
+// Built on libcurl's multi interface, pumped only inside Open and ReadFile, so no thread runs
+// behind the caller's back and every call returns within the time-out it was given.
+//
+// A body that ends before its announced length, or a stall longer than a read's time-out, is a
+// break: ReadFile returns 0 and IsBroken() tells it from a whole body.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+constexpr const char* kTrustedCertDir = "/config/certs/trusted";
+
+class httpTransfer;
+
+// Shared by httpFile and httpsFile, which differ only in the scheme they accept.
+class httpFileBase {
+ public:
+  virtual ~httpFileBase();
+  httpFileBase(const httpFileBase&) = delete;
+  httpFileBase& operator=(const httpFileBase&) = delete;
+
+  // Reads up to elementSize x count body bytes; the number of whole elements read. 0 at the end of
+  // the body, on a break and on failure. A short count does not mean the end.
+  int ReadFile(void* buffer, int elementSize, int count, int32_t timeoutMs);
+
+  bool IsBroken() const;
+  // Bytes the server announced but did not send; -1 when unknown.
+  int64_t MissingBytes() const;
+  // Why the last open or read failed ("" when it did not).
+  std::string ErrorText() const;
+  // Final HTTP status of the open (0 before any response).
+  long ResponseCode() const;
+
+ protected:
+  httpFileBase();
+  int Open(const char* url, int32_t timeoutMs, bool tls);
+  void CloseTransfer();
+  std::unique_ptr<httpTransfer> transfer_;
+};
+
+class httpFile : public httpFileBase {
+ public:
+  httpFile() = default;
+  ~httpFile() override = default;
+  // Non-zero when the resource is open and its body can be read. Only "http://" URLs.
+  int OpenHttpFile(const char* url, int32_t timeoutMs) { return Open(url, timeoutMs, false); }
+  void CloseHttpFile() { CloseTransfer(); }
+};
+
+class httpsFile : public httpFileBase {
+ public:
+  httpsFile() = default;
+  ~httpsFile() override = default;
+  // Non-zero when the resource is open and its body can be read. Only "https://" URLs.
+  int OpenHttpsFile(const char* url, int32_t timeoutMs) { return Open(url, timeoutMs, true); }
+  void CloseHttpsFile() { CloseTransfer(); }
+};

@@ -1,0 +1,98 @@
+// Download streams and their user. `fileDownload` is given a parsed URL, picks the stream class by
+// the URL's scheme, opens it, and lets the caller read the bytes into memory, into a file or into
+// nothing. Every file fetch of the service (configuration, resources, firmware) goes through it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "autopUrl.h"
+#include "byteArray.h"
+#include "fileStdio.h"
+#include "httpfile.h"
+#include "pipeStream.h"
+
+namespace ns_net {
+
+// A local file opened for reading.
+class localStream : public pipeStream, public chFileStdio {
+ public:
+  bool Open(const std::string& path);
+  int Read(void* buffer, int elementSize, int count) override;
+  void Close() override;
+};
+
+// Buffering shared by the two HTTP streams: one library read per call for the bytes missing.
+template <class Library>
+class httpStreamBase : public pipeStream, public Library {
+ public:
+  int Read(void* buffer, int elementSize, int count) override;
+
+ protected:
+  byteArray m_data;
+};
+
+class httpStream : public httpStreamBase<httpFile> {
+ public:
+  bool Open(const std::string& urlText, int32_t timeoutMs);
+  void Close() override;
+};
+
+class httpsStream : public httpStreamBase<httpsFile> {
+ public:
+  bool Open(const std::string& urlText, int32_t timeoutMs);
+  void Close() override;
+};
+
+// Holds at most one open stream. The last error is category 6, code 10 after a transfer that broke
+// before the end of its file; such a file is never to be taken for a whole one.
+class fileDownload {
+ public:
+  static constexpr int32_t kBrokenCategory = 6;
+  static constexpr int32_t kBrokenCode = 10;
+
+  fileDownload() = default;
+  virtual ~fileDownload();
+  fileDownload(const fileDownload&) = delete;
+  fileDownload& operator=(const fileDownload&) = delete;
+
+  // A negative time-out means the stream's default (5000 ms; 16000 ms for TFTP). FTP always uses
+  // its own 5000 ms.
+  bool OpenDownloadStream(const autopUrl& url, int32_t timeoutMs);
+  // Reads up to nBytes into the buffer; the bytes read.
+  int Read(void* pBuffer, int nBytes);
+  // The whole stream into a file (logical path); the bytes written, 0 when the file cannot be
+  // opened or the transfer broke before its end.
+  int DownloadToFile(const std::string& path, bool append);
+  // Exactly nBytes into a file; true when none are missing.
+  bool DownloadToFile(const std::string& path, int nBytes, bool append);
+  // Reads and discards nBytes; true when none are missing.
+  bool DownloadToNULL(int nBytes);
+  void Close();
+  bool Attach(pipeStream* stream);
+  pipeStream* Detach();
+
+  bool IsOpen() const { return m_pCurrentStream != nullptr; }
+  pipeStream* CurrentStream() const { return m_pCurrentStream.get(); }
+  const std::string& UrlText() const { return m_urlText; }
+  int32_t ByteCount() const { return m_byteCount; }
+  int32_t LastErrorCategory() const { return m_lastErrorCategory; }
+  int32_t LastErrorCode() const { return m_lastErrorCode; }
+  bool LastTransferBroken() const { return m_lastErrorCategory == kBrokenCategory && m_lastErrorCode == kBrokenCode; }
+
+ private:
+  std::unique_ptr<pipeStream> openStream(const autopUrl& url, int32_t timeoutMs);
+  // One stream read, counted; notes a break of the stream when it reads nothing.
+  int readChunk(void* buffer, int bytes);
+  void noteBreak(int64_t missing);
+
+  std::unique_ptr<pipeStream> m_pCurrentStream;
+  std::string m_urlText;
+  int32_t m_byteCount = 0;
+  int32_t m_lastErrorCategory = 0;
+  int32_t m_lastErrorCode = 0;
+  bool m_breakLogged = false;
+};
+
+}  // namespace ns_net

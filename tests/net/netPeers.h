@@ -1,0 +1,135 @@
+// Scripted peers for the network tests: small UDP and TCP endpoints on 127.0.0.1 that a test drives
+// from a thread of its own, to play servers that misbehave on cue.
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+#include "clock.h"
+
+namespace net_test {
+
+// A fake clock that lets real waits last up to 200 ms, so a scripted peer on a busy machine still
+// answers within a wait while the retry ladders cost no real time.
+class PatientClock : public FakeClock {
+ public:
+  int realWaitMs(int ms) override { return ms < 0 ? 200 : std::min(ms, 200); }
+};
+
+inline sockaddr_in loopback(uint16_t port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(port);
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return a;
+}
+
+inline bool readable(int fd, int timeoutMs) {
+  pollfd pfd{fd, POLLIN, 0};
+  return poll(&pfd, 1, timeoutMs) > 0;
+}
+
+class UdpPeer {
+ public:
+  UdpPeer() {
+    fd_ = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in a = loopback(0);
+    bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof(a));
+    socklen_t len = sizeof(a);
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len);
+    port_ = ntohs(a.sin_port);
+  }
+  ~UdpPeer() { close(fd_); }
+  UdpPeer(const UdpPeer&) = delete;
+  UdpPeer& operator=(const UdpPeer&) = delete;
+
+  uint16_t port() const { return port_; }
+  // One datagram within timeoutMs of real time; false when none came.
+  bool receive(std::string& data, sockaddr_in& from, int timeoutMs = 5000) {
+    if (!readable(fd_, timeoutMs)) return false;
+    char buffer[2048];
+    socklen_t len = sizeof(from);
+    ssize_t n = recvfrom(fd_, buffer, sizeof(buffer), 0, reinterpret_cast<sockaddr*>(&from), &len);
+    if (n < 0) return false;
+    data.assign(buffer, static_cast<size_t>(n));
+    return true;
+  }
+  void sendTo(const std::string& data, const sockaddr_in& to) {
+    sendto(fd_, data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+  }
+
+ private:
+  int fd_ = -1;
+  uint16_t port_ = 0;
+};
+
+inline std::string be16(uint16_t v) { return std::string{static_cast<char>(v >> 8), static_cast<char>(v & 0xff)}; }
+inline std::string tftpData(uint16_t block, const std::string& bytes) { return be16(3) + be16(block) + bytes; }
+inline std::string tftpAck(uint16_t block) { return be16(4) + be16(block); }
+inline std::string tftpError(uint16_t code, const std::string& text) { return be16(5) + be16(code) + text + '\0'; }
+inline std::string tftpRequest(const std::string& name) { return be16(1) + name + '\0' + "octet" + '\0'; }
+
+// A TCP listener on 127.0.0.1 and the connections it accepts.
+class TcpPeer {
+ public:
+  TcpPeer() {
+    listenFd_ = socket(AF_INET, SOCK_STREAM, 0);
+    int one = 1;
+    setsockopt(listenFd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    sockaddr_in a = loopback(0);
+    bind(listenFd_, reinterpret_cast<sockaddr*>(&a), sizeof(a));
+    listen(listenFd_, 4);
+    socklen_t len = sizeof(a);
+    getsockname(listenFd_, reinterpret_cast<sockaddr*>(&a), &len);
+    port_ = ntohs(a.sin_port);
+  }
+  ~TcpPeer() { close(listenFd_); }
+  TcpPeer(const TcpPeer&) = delete;
+  TcpPeer& operator=(const TcpPeer&) = delete;
+  uint16_t port() const { return port_; }
+  // An accepted connection, -1 when none came in time.
+  int accept(int timeoutMs = 5000) {
+    if (!readable(listenFd_, timeoutMs)) return -1;
+    return ::accept(listenFd_, nullptr, nullptr);
+  }
+
+ private:
+  int listenFd_ = -1;
+  uint16_t port_ = 0;
+};
+
+inline void sendText(int fd, const std::string& text) { send(fd, text.data(), text.size(), MSG_NOSIGNAL); }
+
+// Reads one "\r\n"-terminated line (without it); "" on close or time-out.
+inline std::string readLine(int fd, int timeoutMs = 5000) {
+  std::string line;
+  char c;
+  while (readable(fd, timeoutMs) && recv(fd, &c, 1, 0) == 1) {
+    if (c == '\n') {
+      if (!line.empty() && line.back() == '\r') line.pop_back();
+      return line;
+    }
+    line += c;
+  }
+  return line;
+}
+
+// Connects to 127.0.0.1:port; -1 on failure.
+inline int connectTo(uint16_t port) {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a = loopback(port);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+}  // namespace net_test

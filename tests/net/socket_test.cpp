@@ -1,0 +1,171 @@
+// The socket layer: address texts, sends and receives with their limits, packets, byte arrays.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "netPeers.h"
+#include "netSocket.h"
+#include "testRoot.h"
+
+using namespace net_test;
+using ns_net::byteArray;
+using ns_net::netAddress;
+using ns_net::netSocket;
+using ns_net::netSocketTCP;
+using ns_net::netSocketUDP;
+using testing_support::LogCapture;
+
+namespace {
+
+TEST(NetSocket, AddressTexts) {
+  EXPECT_TRUE(netSocket::IsIPv4Text("0.0.0.0"));
+  EXPECT_TRUE(netSocket::IsIPv4Text("192.168.1.255"));
+  EXPECT_FALSE(netSocket::IsIPv4Text("192.168.1.256"));
+  EXPECT_FALSE(netSocket::IsIPv4Text("1.2.3"));
+  EXPECT_FALSE(netSocket::IsIPv4Text("1.2.3.4 "));
+  EXPECT_FALSE(netSocket::IsIPv4Text("1.2.3.4.5"));
+  EXPECT_FALSE(netSocket::IsIPv4Text("a.b.c.d"));
+  {
+    LogCapture log;
+    EXPECT_FALSE(netSocket::IsIPv4Text(nullptr));
+    EXPECT_TRUE(log.contains("lpszIPv4 != NULL"));
+  }
+
+  netAddress a;
+  ASSERT_TRUE(netSocket::SetAddress(a, "10.0.0.5", 5001));
+  EXPECT_EQ(a.family(), AF_INET);
+  EXPECT_EQ(a.length(), 16u);
+  EXPECT_EQ(netSocket::AddressToText(a), "10.0.0.5:5001");
+  ASSERT_TRUE(netSocket::SetAddress(a, "[fe80::1]", 69));
+  EXPECT_EQ(a.family(), AF_INET6);
+  EXPECT_EQ(a.length(), 28u);
+  EXPECT_EQ(netSocket::AddressToText(a), "[fe80::1]:69");
+  ASSERT_TRUE(netSocket::SetAddress(a, "::1", 21));
+  EXPECT_EQ(a.port(), 21);
+  EXPECT_FALSE(netSocket::SetAddress(a, "not an address", 1));
+  EXPECT_FALSE(netSocket::SetAddress(a, "fe80::zz", 1));
+
+  EXPECT_TRUE(netSocket::IsIPText("127.0.0.1"));
+  EXPECT_TRUE(netSocket::IsIPText("2001:db8::1"));
+  EXPECT_FALSE(netSocket::IsIPText("localhost"));
+  EXPECT_FALSE(netSocket::IsIPText("[::1]"));
+
+  std::vector<std::string> resolved = netSocket::ResolveHost("localhost");
+  ASSERT_FALSE(resolved.empty());
+  EXPECT_EQ(resolved[0], "127.0.0.1");
+  EXPECT_FALSE(netSocket::ListLocalAddresses().empty());
+}
+
+TEST(NetSocket, UdpSendsAndTimedReceives) {
+  netSocketUDP udp;
+  ASSERT_TRUE(udp.Open("127.0.0.1", 0));
+  netAddress to;
+  netSocket::SetAddress(to, "127.0.0.1", 9);
+  EXPECT_TRUE(udp.SendTo(nullptr, 0, to)) << "an empty datagram succeeds without a system call";
+  EXPECT_TRUE(udp.SendTo("x", 0, to));
+
+  FakeClock fake;
+  Clock* previous = setClock(&fake);
+  EXPECT_EQ(udp.ReceiveFromTimed(3000), 0);
+  EXPECT_EQ(fake.elapsedMs(), 3000u) << "a silent wait moves the fake clock by the whole time-out";
+  setClock(previous);
+
+  UdpPeer peer;
+  netAddress peerAddress;
+  netSocket::SetAddress(peerAddress, "127.0.0.1", peer.port());
+  ASSERT_TRUE(udp.SendTo("hello", 5, peerAddress));
+  std::string data;
+  sockaddr_in from{};
+  ASSERT_TRUE(peer.receive(data, from));
+  EXPECT_EQ(data, "hello");
+  peer.sendTo("answer", from);
+  EXPECT_EQ(udp.ReceiveFromTimed(5000), 6);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(udp.ReceiveBuffer().data()), 6), "answer");
+  EXPECT_EQ(udp.LastSender(), peerAddress);
+
+  netSocketUDP second;
+  ASSERT_TRUE(second.Open("127.0.0.1", 0));
+  EXPECT_FALSE(second.Open("127.0.0.1", 0)) << "a socket opens once";
+}
+
+TEST(NetSocket, TcpLimitsAndPackets) {
+  LogCapture log;
+  netSocketTCP idle;
+  EXPECT_FALSE(idle.Send("x", 1)) << "no socket";
+  ASSERT_TRUE(idle.CreateStream(AF_INET));
+  EXPECT_FALSE(idle.Send("x", 1)) << "a socket that is not connected sends nothing";
+
+  TcpPeer peer;
+  netSocketTCP client;
+  ASSERT_TRUE(client.CreateStream(AF_INET));
+  netAddress address;
+  netSocket::SetAddress(address, "127.0.0.1", peer.port());
+  ASSERT_TRUE(client.Connect(address, 5000));
+  EXPECT_TRUE(client.IsConnected());
+  int server = peer.accept();
+  ASSERT_GE(server, 0);
+
+  // Receive(-1) and Receive(100000) read at most 65,536 bytes each.
+  std::string big(200000, 'b');
+  std::thread writer([&] { sendText(server, big); });
+  size_t total = 0;
+  while (total < big.size()) {
+    int n = client.ReceiveTimed(total % 2 ? -1 : 100000, 5000);
+    ASSERT_GT(n, 0);
+    EXPECT_LE(n, 65536);
+    total += static_cast<size_t>(n);
+  }
+  writer.join();
+  client.StreamBuffer().clear();
+
+  // Length-prefixed packets.
+  ASSERT_TRUE(client.SendPacket("abc", 3));
+  char prefixed[7];
+  ASSERT_EQ(recv(server, prefixed, 7, MSG_WAITALL), 7);
+  EXPECT_EQ(std::string(prefixed, 7), std::string("\0\0\0\3abc", 7));
+  sendText(server, std::string("\0\0\0\2hi\0\0\0\0", 10));
+  byteArray packet;
+  ASSERT_TRUE(client.ReceivePacket(packet, 5000));
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(packet.data()), packet.size()), "hi");
+  EXPECT_FALSE(client.ReceivePacket(packet, 5000)) << "a zero length is refused";
+  EXPECT_TRUE(log.contains("nPacketSize > 0 && nPacketSize < 10 * 1024 * 1024"));
+  client.StreamBuffer().clear();
+  sendText(server, std::string("\0\xa0\0\0", 4));  // 10,485,760
+  EXPECT_FALSE(client.ReceivePacket(packet, 5000));
+  client.StreamBuffer().clear();
+
+  // A close by the peer ends the connection; a further read fails.
+  close(server);
+  char byte;
+  EXPECT_EQ(client.ReadExact(&byte, 0, 1, 5000), 0);
+  EXPECT_FALSE(client.IsConnected());
+}
+
+TEST(NetSocket, ConnectFailsWithinItsBound) {
+  int port = testing_support::freePort();
+  netSocketTCP client;
+  ASSERT_TRUE(client.CreateStream(AF_INET));
+  netAddress address;
+  netSocket::SetAddress(address, "127.0.0.1", static_cast<uint16_t>(port));
+  EXPECT_FALSE(client.Connect(address, 2000)) << "nobody listens";
+  EXPECT_FALSE(client.IsConnected());
+}
+
+TEST(ByteArray, GrowsInStepsAndNeverShrinks) {
+  byteArray bytes;
+  bytes.resize(1);
+  EXPECT_EQ(bytes.capacity(), 256u);
+  bytes.resize(257);
+  EXPECT_EQ(bytes.capacity(), 512u);
+  bytes.resize(3);
+  EXPECT_EQ(bytes.capacity(), 512u);
+  bytes.clear();
+  bytes.append("abcdef", 6);
+  bytes.consumeFront(2);
+  char out[8] = {0};
+  EXPECT_EQ(bytes.takeFront(out, 8), 4u);
+  EXPECT_STREQ(out, "cdef");
+  EXPECT_TRUE(bytes.empty());
+}
+
+}  // namespace

@@ -1,0 +1,267 @@
+// The TFTP client against scripted servers: the exchange on the wire, duplicated and lost blocks,
+// error packets, runt datagrams, silence, the transfer identifier of the server, long names.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "fileStream.h"
+#include "netPeers.h"
+#include "testRoot.h"
+#include "tftpStream.h"
+
+using namespace net_test;
+using ns_net::autopUrl;
+using ns_net::fileDownload;
+using testing_support::LogCapture;
+using testing_support::TempRoot;
+
+namespace {
+
+class TftpScripted : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root = std::make_unique<TempRoot>();
+    previous = setClock(&clock);
+  }
+  void TearDown() override {
+    setClock(previous);
+    root.reset();
+  }
+  // Downloads tftp://127.0.0.1:<port>/<name> to /tmp/out; the bytes written (0 when it failed).
+  int download(uint16_t port, const std::string& name, fileDownload& d, int32_t timeoutMs = -1) {
+    autopUrl url;
+    url.Parse("tftp://127.0.0.1:" + std::to_string(port) + "/" + name);
+    if (!d.OpenDownloadStream(url, timeoutMs)) return -1;
+    int n = d.DownloadToFile("/tmp/out", false);
+    d.Close();
+    return n;
+  }
+  std::unique_ptr<TempRoot> root;
+  PatientClock clock;
+  Clock* previous = nullptr;
+  LogCapture log;
+};
+
+size_t countOf(const std::string& text, const std::string& needle) {
+  size_t count = 0;
+  for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + 1)) ++count;
+  return count;
+}
+
+TEST_F(TftpScripted, ExactMultipleOf512EndsWithEmptyBlockAndAcksGoToTransferPort) {
+  UdpPeer server;    // the well-known port: only the request may arrive here
+  UdpPeer transfer;  // the port the server answers from
+  std::string a(512, 'a'), b(512, 'b');
+  std::thread script([&] {
+    std::string packet;
+    sockaddr_in client{};
+    ASSERT_TRUE(server.receive(packet, client));
+    EXPECT_EQ(packet, tftpRequest("dir/k1.cfg"));
+    EXPECT_EQ(packet.size(), std::string("dir/k1.cfg").size() + 9);
+    transfer.sendTo(tftpData(1, a), client);
+    ASSERT_TRUE(transfer.receive(packet, client));
+    EXPECT_EQ(packet, tftpAck(1));
+    transfer.sendTo(tftpData(2, b), client);
+    ASSERT_TRUE(transfer.receive(packet, client));
+    EXPECT_EQ(packet, tftpAck(2));
+    transfer.sendTo(tftpData(3, ""), client);
+    ASSERT_TRUE(transfer.receive(packet, client));
+    EXPECT_EQ(packet, tftpAck(3));  // the final acknowledgement
+    EXPECT_FALSE(server.receive(packet, client, 50)) << "nothing may go to the request port after block 1";
+  });
+  fileDownload d;
+  EXPECT_EQ(download(server.port(), "dir/k1.cfg", d), 1024);
+  script.join();
+  EXPECT_EQ(root->read("/tmp/out"), a + b);
+  EXPECT_EQ(countOf(log.text(), "IFO file end"), 1u);
+  EXPECT_FALSE(d.LastTransferBroken());
+}
+
+TEST_F(TftpScripted, DuplicatedAndLostBlocksAreRecovered) {
+  UdpPeer server, transfer;
+  std::string a(512, 'x'), tail(100, 'y');
+  std::thread script([&] {
+    std::string packet;
+    sockaddr_in client{};
+    ASSERT_TRUE(server.receive(packet, client));
+    transfer.sendTo(tftpData(1, a), client);
+    ASSERT_TRUE(transfer.receive(packet, client));
+    EXPECT_EQ(packet, tftpAck(1));
+    transfer.sendTo(tftpData(1, a), client);  // a duplicate of block 1
+    ASSERT_TRUE(transfer.receive(packet, client));
+    EXPECT_EQ(packet, tftpAck(1)) << "the same acknowledgement is sent again";
+    // Block 2 is "lost": say nothing until the client asks a third time.
+    ASSERT_TRUE(transfer.receive(packet, client));
+    EXPECT_EQ(packet, tftpAck(1));
+    transfer.sendTo(tftpData(2, tail), client);
+    ASSERT_TRUE(transfer.receive(packet, client));
+    EXPECT_EQ(packet, tftpAck(2));
+  });
+  fileDownload d;
+  EXPECT_EQ(download(server.port(), "f", d), 612);
+  script.join();
+  EXPECT_EQ(root->read("/tmp/out"), a + tail);
+  EXPECT_TRUE(log.contains("IFO Received unexpert clip index 1 at 2"));
+  EXPECT_TRUE(log.contains("IFO Receive 2000ms timeout at 2.."));
+}
+
+TEST_F(TftpScripted, ErrorPacketAndRuntDatagramEndTheTransfer) {
+  {
+    UdpPeer server;
+    std::thread script([&] {
+      std::string packet;
+      sockaddr_in client{};
+      ASSERT_TRUE(server.receive(packet, client));
+      server.sendTo(tftpError(1, "File not found"), client);
+    });
+    fileDownload d;
+    EXPECT_EQ(download(server.port(), "missing", d), -1);
+    script.join();
+    EXPECT_TRUE(log.contains("WAR Repley code = 5"));
+    EXPECT_TRUE(log.contains("IFO Open URL Fail"));
+  }
+  {
+    UdpPeer server;
+    std::thread script([&] {
+      std::string packet;
+      sockaddr_in client{};
+      ASSERT_TRUE(server.receive(packet, client));
+      server.sendTo(std::string("\0\3\0", 3), client);
+    });
+    fileDownload d;
+    EXPECT_EQ(download(server.port(), "f", d), -1);
+    script.join();
+    EXPECT_TRUE(log.contains("WAR Receive length less 4 bytes"));
+  }
+  {
+    // An error in the middle of the file: the part already written is no file.
+    UdpPeer server;
+    std::thread script([&] {
+      std::string packet;
+      sockaddr_in client{};
+      ASSERT_TRUE(server.receive(packet, client));
+      server.sendTo(tftpData(1, std::string(512, 'z')), client);
+      ASSERT_TRUE(server.receive(packet, client));
+      server.sendTo(tftpError(0, "disk gone"), client);
+    });
+    fileDownload d;
+    EXPECT_EQ(download(server.port(), "f", d), 0);
+    script.join();
+    EXPECT_EQ(d.LastErrorCategory(), 6);
+    EXPECT_EQ(d.LastErrorCode(), 10);
+    EXPECT_TRUE(log.contains("WAR Broken after 512 bytes : TFTP transfer given up at block 2"));
+  }
+}
+
+TEST_F(TftpScripted, SilenceDoublesTheWaitUpToTheTimeOut) {
+  FakeClock quick;  // real waits of a few milliseconds
+  setClock(&quick);
+  UdpPeer server;
+  std::atomic<bool> done{false};
+  int requests = 0;
+  std::thread script([&] {
+    std::string packet;
+    sockaddr_in client{};
+    while (!done)
+      if (server.receive(packet, client, 20)) {
+        EXPECT_EQ(packet, tftpRequest("f"));
+        ++requests;
+      }
+  });
+  fileDownload d;
+  EXPECT_EQ(download(server.port(), "f", d), -1);
+  done = true;
+  script.join();
+  EXPECT_EQ(requests, 5);
+  for (int wait : {1000, 2000, 4000, 8000, 16000})
+    EXPECT_TRUE(log.contains("IFO Receive " + std::to_string(wait) + "ms timeout at 1..")) << wait;
+  EXPECT_FALSE(log.contains("32000ms"));
+  EXPECT_EQ(quick.elapsedMs(), 31000u);
+
+  // A stream time-out below one second gives up before sending anything.
+  ns_net::tftpStream stream;
+  requests = 0;
+  done = false;
+  std::thread listener([&] {
+    std::string packet;
+    sockaddr_in client{};
+    while (!done)
+      if (server.receive(packet, client, 20)) ++requests;
+  });
+  EXPECT_FALSE(stream.Open("127.0.0.1", server.port(), "f", 500));
+  done = true;
+  listener.join();
+  EXPECT_EQ(requests, 0);
+  setClock(&clock);
+}
+
+TEST_F(TftpScripted, SilenceInTheMiddleIsABreak) {
+  FakeClock quick;
+  setClock(&quick);
+  UdpPeer server;
+  std::thread script([&] {
+    std::string packet;
+    sockaddr_in client{};
+    ASSERT_TRUE(server.receive(packet, client));
+    server.sendTo(tftpData(1, std::string(512, 'q')), client);
+    int acks = 0;
+    while (server.receive(packet, client, 500)) ++acks;
+    EXPECT_EQ(acks, 5);
+  });
+  fileDownload d;
+  EXPECT_EQ(download(server.port(), "f", d, 16000), 0);
+  script.join();
+  EXPECT_TRUE(d.LastTransferBroken());
+  EXPECT_TRUE(log.contains("Broken after 512 bytes"));
+  setClock(&clock);
+}
+
+TEST_F(TftpScripted, DatagramsFromAnotherSourceAreRefusedWithUnknownTransferId) {
+  UdpPeer server, transfer, stranger;
+  std::string a(512, '1'), tail(7, '2');
+  std::thread script([&] {
+    std::string packet;
+    sockaddr_in client{};
+    ASSERT_TRUE(server.receive(packet, client));
+    transfer.sendTo(tftpData(1, a), client);
+    ASSERT_TRUE(transfer.receive(packet, client));
+    EXPECT_EQ(packet, tftpAck(1));
+    stranger.sendTo(tftpData(2, "forged"), client);
+    sockaddr_in from{};
+    ASSERT_TRUE(stranger.receive(packet, from));
+    EXPECT_EQ(packet, tftpError(5, "Unknown transfer ID"));
+    transfer.sendTo(tftpData(2, tail), client);
+    ASSERT_TRUE(transfer.receive(packet, client));
+    EXPECT_EQ(packet, tftpAck(2));
+  });
+  fileDownload d;
+  EXPECT_EQ(download(server.port(), "f", d), 519);
+  script.join();
+  EXPECT_EQ(root->read("/tmp/out"), a + tail);
+}
+
+TEST_F(TftpScripted, NamesThatWouldOverrunTheRequestAreRefused) {
+  UdpPeer server;
+  ns_net::tftpStream tooLong;
+  EXPECT_FALSE(tooLong.Open("127.0.0.1", server.port(), std::string(1016, 'n'), 16000));
+  std::string packet;
+  sockaddr_in from{};
+  EXPECT_FALSE(server.receive(packet, from, 50));
+
+  // The longest name that fits (1015 + 9 = 1024 bytes) goes out whole.
+  std::thread script([&] {
+    sockaddr_in client{};
+    ASSERT_TRUE(server.receive(packet, client));
+    EXPECT_EQ(packet, tftpRequest(std::string(1015, 'n')));
+    server.sendTo(tftpData(1, "short"), client);
+  });
+  ns_net::tftpStream longest;
+  EXPECT_TRUE(longest.Open("127.0.0.1", server.port(), std::string(1015, 'n'), 16000));
+  script.join();
+  char buffer[16];
+  EXPECT_EQ(longest.Read(buffer, 1, sizeof(buffer)), 5);
+  EXPECT_EQ(longest.Read(buffer, 1, sizeof(buffer)), 0);
+}
+
+}  // namespace

@@ -1,0 +1,307 @@
+#include "servers.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <thread>
+
+#include "testRoot.h"
+
+namespace testing_support {
+
+namespace {
+
+using Steady = std::chrono::steady_clock;
+
+void makeParents(const std::string& file) {
+  size_t pos = 0;
+  while ((pos = file.find('/', pos + 1)) != std::string::npos) mkdir(file.substr(0, pos).c_str(), 0755);
+}
+
+void writeFile(const std::string& path, const std::string& contents) {
+  makeParents(path);
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << contents;
+  out.close();
+  chmod(path.c_str(), 0644);
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+// A UDP server is up once it answers a request for a file that does not exist.
+bool waitTftp(int port, int timeoutMs) {
+  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  if (fd < 0) return false;
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(static_cast<uint16_t>(port));
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  static const char request[] = "\0\001__probe__\0octet";  // with the final zero
+  auto deadline = Steady::now() + std::chrono::milliseconds(timeoutMs);
+  bool up = false;
+  while (!up && Steady::now() < deadline) {
+    sendto(fd, request, sizeof(request), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
+    pollfd pfd{fd, POLLIN, 0};
+    if (poll(&pfd, 1, 100) > 0) up = true;
+  }
+  close(fd);
+  return up;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+
+ScratchDir::ScratchDir(const std::string& tag) {
+  std::string pattern = "/tmp/provisor-" + tag + "-XXXXXX";
+  std::vector<char> buffer(pattern.begin(), pattern.end());
+  buffer.push_back('\0');
+  if (mkdtemp(buffer.data())) path_ = buffer.data();
+  chmod(path_.c_str(), 0755);  // servers drop to unprivileged users that must reach their files
+}
+
+ScratchDir::~ScratchDir() {
+  if (!path_.empty() && path_.rfind("/tmp/provisor-", 0) == 0 && !getenv("PROVISOR_KEEP_ROOT"))
+    runCommand("rm -rf '" + path_ + "'");
+}
+
+void ScratchDir::write(const std::string& relative, const std::string& contents) const {
+  writeFile(file(relative), contents);
+}
+
+bool ServerProcess::start(const std::vector<std::string>& argv, const std::string& logFile) {
+  stop();
+  pid_t parent = getpid();
+  pid_t pid = fork();
+  if (pid < 0) return false;
+  if (pid == 0) {
+    // The server must not outlive a test process that dies.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != parent) _exit(127);
+    int log = open(logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    if (log >= 0) {
+      dup2(log, STDOUT_FILENO);
+      dup2(log, STDERR_FILENO);
+      close(log);
+    }
+    int null = open("/dev/null", O_RDONLY);
+    if (null >= 0) dup2(null, STDIN_FILENO);
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
+  }
+  pid_ = pid;
+  return true;
+}
+
+void ServerProcess::stop() {
+  if (pid_ <= 0) return;
+  kill(pid_, SIGTERM);
+  auto deadline = Steady::now() + std::chrono::seconds(3);
+  int status;
+  while (waitpid(pid_, &status, WNOHANG) == 0) {
+    if (Steady::now() > deadline) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, &status, 0);
+      break;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  pid_ = -1;
+}
+
+std::string testBytes(size_t size, unsigned seed) {
+  std::mt19937 generator(seed);
+  std::string bytes(size, '\0');
+  for (char& c : bytes) c = static_cast<char>(generator() & 0xff);
+  return bytes;
+}
+
+bool waitTcpPort(int port, int timeoutMs, bool ipv6) {
+  auto deadline = Steady::now() + std::chrono::milliseconds(timeoutMs);
+  while (Steady::now() < deadline) {
+    int fd = socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0);
+    int rc;
+    if (ipv6) {
+      sockaddr_in6 to{};
+      to.sin6_family = AF_INET6;
+      to.sin6_port = htons(static_cast<uint16_t>(port));
+      to.sin6_addr = in6addr_loopback;
+      rc = connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof(to));
+    } else {
+      sockaddr_in to{};
+      to.sin_family = AF_INET;
+      to.sin_port = htons(static_cast<uint16_t>(port));
+      to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      rc = connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof(to));
+    }
+    close(fd);
+    if (rc == 0) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return false;
+}
+
+bool ipv6LoopbackAvailable() {
+  int fd = socket(AF_INET6, SOCK_STREAM, 0);
+  if (fd < 0) return false;
+  sockaddr_in6 local{};
+  local.sin6_family = AF_INET6;
+  local.sin6_addr = in6addr_loopback;
+  bool ok = bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof(local)) == 0;
+  close(fd);
+  return ok;
+}
+
+// ---------------------------------------------------------------------------------------------
+
+TftpServer::TftpServer() : dir_("tftp") { mkdir(dir_.file("files").c_str(), 0755); }
+
+bool TftpServer::start() {
+  port_ = freePort(true);
+  std::vector<std::string> argv = {"/usr/sbin/in.tftpd", "--foreground", "--listen", "--user", "root",
+                                   "--address", "127.0.0.1:" + std::to_string(port_), "--secure", dir()};
+  return process_.start(argv, dir_.file("tftpd.log")) && waitTftp(port_, 5000);
+}
+
+// ---------------------------------------------------------------------------------------------
+
+FtpServer::FtpServer() : dir_("ftp") { mkdir(dir_.file("files").c_str(), 0755); }
+
+bool FtpServer::start(const Options& options) {
+  port_ = freePort();
+  std::ostringstream conf;
+  conf << "listen=" << (options.ipv6 ? "NO" : "YES") << "\n"
+       << "listen_ipv6=" << (options.ipv6 ? "YES" : "NO") << "\n"
+       << "listen_address=127.0.0.1\n"
+       << "listen_address6=::1\n"
+       << "listen_port=" << port_ << "\n"
+       << "background=NO\n"
+       << "anonymous_enable=YES\n"
+       << "no_anon_password=YES\n"
+       << "anon_root=" << dir_.file("files") << "\n"
+       << "local_enable=YES\n"
+       << "guest_enable=YES\n"
+       << "guest_username=ftp\n"
+       << "local_root=" << dir_.file("files") << "\n"
+       << "pam_service_name=runuser\n"
+       << "check_shell=NO\n"
+       << "userlist_enable=NO\n"
+       << "write_enable=NO\n"
+       << "pasv_enable=" << (options.passive ? "YES" : "NO") << "\n"
+       << "port_enable=YES\n"
+       << "connect_from_port_20=NO\n"
+       << "seccomp_sandbox=NO\n"
+       << "secure_chroot_dir=/var/run/vsftpd/empty\n"
+       << "vsftpd_log_file=" << dir_.file("vsftpd.log") << "\n"
+       << "xferlog_enable=YES\n"
+       << "dual_log_enable=YES\n"
+       << "log_ftp_protocol=YES\n";
+  dir_.write("vsftpd.conf", conf.str());
+  mkdir("/var/run/vsftpd", 0755);
+  mkdir("/var/run/vsftpd/empty", 0755);
+  return process_.start({"/usr/sbin/vsftpd", dir_.file("vsftpd.conf")}, dir_.file("server.out")) &&
+         waitTcpPort(port_, 5000, options.ipv6);
+}
+
+std::string FtpServer::log() const { return readFile(dir_.file("vsftpd.log")); }
+
+// ---------------------------------------------------------------------------------------------
+
+TestCa::TestCa(const std::string& name) : name_(name), dir_("ca") {}
+
+bool TestCa::create() {
+  std::string d = dir_.path();
+  std::string command = "cd '" + d +
+                        "' && openssl ecparam -name prime256v1 -genkey -noout -out ca.key && "
+                        "openssl req -x509 -new -key ca.key -out ca.pem -days 2 -subj '/CN=" +
+                        name_ + "' -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign";
+  return runCommand(command) == 0;
+}
+
+bool TestCa::issueServerCertificate(const std::string& base) const {
+  std::string d = dir_.path();
+  dir_.write(base + ".ext",
+             "basicConstraints=CA:FALSE\nsubjectAltName=IP:127.0.0.1,DNS:localhost\nextendedKeyUsage=serverAuth\n");
+  std::string command = "cd '" + d + "' && openssl ecparam -name prime256v1 -genkey -noout -out " + base +
+                        ".key && openssl req -new -key " + base + ".key -out " + base +
+                        ".csr -subj /CN=127.0.0.1 && openssl x509 -req -in " + base +
+                        ".csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -out " + base + ".pem -extfile " +
+                        base + ".ext";
+  return runCommand(command) == 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+
+HttpServer::HttpServer() : dir_("http") { mkdir(dir_.file("www").c_str(), 0755); }
+
+bool HttpServer::start(const TestCa* ca, const TestCa* otherCa) {
+  port_ = freePort();
+  std::string d = dir_.path();
+  dir_.write("htpasswd", "user:{PLAIN}secret\n");
+  std::ostringstream conf;
+  conf << "master_process off;\n"
+       << "error_log " << d << "/error.log;\n"
+       << "pid " << d << "/nginx.pid;\n"
+       << "events { worker_connections 64; }\n"
+       << "http {\n"
+       << "  access_log " << d << "/access.log;\n"
+       << "  client_body_temp_path " << d << "/body;\n"
+       << "  proxy_temp_path " << d << "/proxy;\n"
+       << "  fastcgi_temp_path " << d << "/fastcgi;\n"
+       << "  default_type application/octet-stream;\n"
+       << "  server {\n"
+       << "    listen 127.0.0.1:" << port_ << ";\n"
+       << "    root " << d << "/www;\n"
+       << "    location /auth/ { auth_basic \"provisor\"; auth_basic_user_file " << d << "/htpasswd; }\n"
+       << "    location = /redirect { return 302 /files/redirected.bin; }\n"
+       << "  }\n";
+  if (ca) {
+    tlsPort_ = freePort();
+    conf << "  server {\n"
+         << "    listen 127.0.0.1:" << tlsPort_ << " ssl;\n"
+         << "    ssl_certificate " << ca->file("server.pem") << ";\n"
+         << "    ssl_certificate_key " << ca->file("server.key") << ";\n"
+         << "    root " << d << "/www;\n"
+         << "    location /auth/ { auth_basic \"provisor\"; auth_basic_user_file " << d << "/htpasswd; }\n"
+         << "  }\n";
+  }
+  if (otherCa) {
+    otherTlsPort_ = freePort();
+    conf << "  server {\n"
+         << "    listen 127.0.0.1:" << otherTlsPort_ << " ssl;\n"
+         << "    ssl_certificate " << otherCa->file("server.pem") << ";\n"
+         << "    ssl_certificate_key " << otherCa->file("server.key") << ";\n"
+         << "    root " << d << "/www;\n"
+         << "  }\n";
+  }
+  conf << "}\n";
+  dir_.write("nginx.conf", conf.str());
+  bool started = process_.start({"/usr/sbin/nginx", "-p", d, "-c", d + "/nginx.conf", "-g", "daemon off;"},
+                                dir_.file("server.out"));
+  return started && waitTcpPort(port_, 5000) && (tlsPort_ < 0 || waitTcpPort(tlsPort_, 5000)) &&
+         (otherTlsPort_ < 0 || waitTcpPort(otherTlsPort_, 5000));
+}
+
+}  // namespace testing_support

@@ -1,0 +1,127 @@
+// Real servers on loopback for the tests, each in a throw-away directory on a free port, stopped
+// (by their process id) when the object goes: tftpd-hpa, vsftpd, nginx, and a test certificate
+// authority made with openssl.
+//
+// The servers run as the test's user (root in CI). vsftpd's user log-in goes through the system's
+// existing "runuser" PAM service, where root is trusted (pam_rootok), and maps every user to the
+// guest account "ftp": nothing under /etc is created or changed, and any password is accepted for
+// an existing system account (the tests use "nobody"). The exact credentials on the wire are
+// checked by the scripted servers of the tests instead.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace testing_support {
+
+// A throw-away directory (removed with everything in it).
+class ScratchDir {
+ public:
+  explicit ScratchDir(const std::string& tag);
+  ~ScratchDir();
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+  const std::string& path() const { return path_; }
+  // Writes a file (parents created), mode 0644.
+  void write(const std::string& relative, const std::string& contents) const;
+  std::string file(const std::string& relative) const { return path_ + "/" + relative; }
+
+ private:
+  std::string path_;
+};
+
+// A child process with its output in a log file; SIGTERM then SIGKILL on stop.
+class ServerProcess {
+ public:
+  ServerProcess() = default;
+  ~ServerProcess() { stop(); }
+  ServerProcess(const ServerProcess&) = delete;
+  ServerProcess& operator=(const ServerProcess&) = delete;
+  bool start(const std::vector<std::string>& argv, const std::string& logFile);
+  void stop();
+  bool running() const { return pid_ > 0; }
+  pid_t pid() const { return pid_; }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+// Random bytes of the given size (deterministic per seed).
+std::string testBytes(size_t size, unsigned seed = 1);
+// Waits until a TCP port on 127.0.0.1 (or ::1) accepts connections.
+bool waitTcpPort(int port, int timeoutMs, bool ipv6 = false);
+// Whether this machine can use IPv6 loopback.
+bool ipv6LoopbackAvailable();
+
+class TftpServer {
+ public:
+  TftpServer();
+  bool start();
+  int port() const { return port_; }
+  // Files served, relative to the served directory.
+  void put(const std::string& name, const std::string& contents) const { dir_.write("files/" + name, contents); }
+  std::string dir() const { return dir_.file("files"); }
+
+ private:
+  ScratchDir dir_;
+  ServerProcess process_;
+  int port_ = -1;
+};
+
+class FtpServer {
+ public:
+  struct Options {
+    bool passive = true;  // false: PASV is refused, so clients must use active mode
+    bool ipv6 = false;    // listen on ::1 instead of 127.0.0.1
+  };
+  FtpServer();
+  bool start(const Options& options);
+  bool start() { return start(Options()); }
+  int port() const { return port_; }
+  void put(const std::string& name, const std::string& contents) const { dir_.write("files/" + name, contents); }
+  std::string log() const;
+
+ private:
+  ScratchDir dir_;
+  ServerProcess process_;
+  int port_ = -1;
+};
+
+// A test CA (EC keys, made by openssl at test time) and server certificates it signs.
+class TestCa {
+ public:
+  explicit TestCa(const std::string& name);
+  bool create();
+  // Signs a certificate for 127.0.0.1 and localhost; writes <base>.pem and <base>.key.
+  bool issueServerCertificate(const std::string& base) const;
+  std::string caCertificate() const { return dir_.file("ca.pem"); }
+  std::string file(const std::string& relative) const { return dir_.file(relative); }
+
+ private:
+  std::string name_;
+  ScratchDir dir_;
+};
+
+// nginx serving www/ over HTTP, and over HTTPS with a certificate of `ca` (and a second HTTPS port
+// whose certificate comes from `otherCa`). /auth/ needs basic authentication as user:secret;
+// /redirect answers 302 to /files/redirected.bin.
+class HttpServer {
+ public:
+  HttpServer();
+  bool start(const TestCa* ca = nullptr, const TestCa* otherCa = nullptr);
+  int port() const { return port_; }
+  int tlsPort() const { return tlsPort_; }
+  int otherTlsPort() const { return otherTlsPort_; }
+  void put(const std::string& path, const std::string& contents) const { dir_.write("www/" + path, contents); }
+
+ private:
+  ScratchDir dir_;
+  ServerProcess process_;
+  int port_ = -1;
+  int tlsPort_ = -1;
+  int otherTlsPort_ = -1;
+};
+
+}  // namespace testing_support

@@ -1,0 +1,30 @@
+// autoptool COMMAND [ARGUMENTS]: see the table below.
+#include "autoptool.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+// One row per command; later commands join here.
+const autoptoolCommand kCommands[] = {
+    {"fetch", "URL FILE", "download URL into FILE; prints the byte count and the time taken", autoptoolFetch},
+};
+
+int usage(FILE* out) {
+  fprintf(out, "usage: autoptool COMMAND [ARGUMENTS]\n");
+  for (const autoptoolCommand& c : kCommands) fprintf(out, "  autoptool %s %s\n      %s\n", c.name, c.usage, c.summary);
+  return out == stdout ? 0 : 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) return usage(stderr);
+  if (strcmp(argv[1], "-h") == 0 || strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "help") == 0)
+    return usage(stdout);
+  for (const autoptoolCommand& c : kCommands)
+    if (strcmp(argv[1], c.name) == 0) return c.handler(argc - 2, argv + 2);
+  fprintf(stderr, "autoptool: unknown command '%s'\n", argv[1]);
+  return usage(stderr);
+}
