@@ -116,11 +116,17 @@ struct ObjectNode {
   }
 };
 
-// A template item as seen from the reverse index: its objects, outermost first, and its target.
+// Which fields of a target hold an index mask: bit 0 the path, bit 1 the section, bit 2 the key.
+using TargetShape = unsigned;
+constexpr TargetShape kTargetShapes = 8;
+
+// A template item as seen from the reverse index: its objects, outermost first, its target (masks
+// in place) and its place in table order.
 struct ReverseCandidate {
   const autopItem* item = nullptr;
   std::vector<const ObjectNode*> chain;
   std::string target;
+  size_t order = 0;
 };
 
 }  // namespace
@@ -128,7 +134,11 @@ struct ReverseCandidate {
 struct autopTranslator::Index {
   std::vector<std::unique_ptr<ObjectNode>> nodes;
   std::unordered_map<std::string_view, std::vector<const ObjectNode*>> topByName;
+  // Bucket key -> candidates in table order. A bucket key holds the shape, then each field: as it
+  // stands when it has no mask, else with its masks and digit runs folded (bucketKeyOf).
   std::unordered_map<std::string, std::vector<ReverseCandidate>> reverse;
+  bool shapeInUse[kTargetShapes] = {};
+  size_t candidateCount = 0;
 };
 
 namespace {
@@ -300,12 +310,35 @@ bool reverseKeyOf(const ReverseCandidate& candidate, const std::string& query, s
   return true;
 }
 
-std::string bucketOf(const std::string& target, const std::vector<const ObjectNode*>& chain) {
-  std::string text = target;
-  for (const ObjectNode* node : chain) {
-    if (node->numbered) replaceAll(text, node->object->indexMask, "0");
+// The bucket of a target under a shape: masked fields (masks read as "0") with every digit run
+// folded into one marker, the others as they stand. A template and every target it matches share
+// their bucket, whatever the indexes.
+std::string bucketKeyOf(TargetShape shape, const std::string (&fields)[3]) {
+  std::string key(1, static_cast<char>('0' + shape));
+  for (unsigned f = 0; f < 3; ++f) {
+    if (f > 0) key.push_back(kFieldSeparator);
+    key += (shape & (1u << f)) ? collapseDigitRuns(fields[f]) : fields[f];
   }
-  return collapseDigitRuns(text);
+  return key;
+}
+
+void addReverseCandidate(autopTranslator::Index& index, ReverseCandidate candidate, const std::string& path,
+                         const std::string& section) {
+  std::string fields[3] = {path, section, candidate.item->key};
+  TargetShape shape = 0;
+  for (const ObjectNode* node : candidate.chain) {
+    if (!node->numbered) continue;
+    for (unsigned f = 0; f < 3; ++f) {
+      if (fields[f].find(node->object->indexMask) != std::string::npos) shape |= 1u << f;
+    }
+  }
+  for (const ObjectNode* node : candidate.chain) {
+    if (!node->numbered) continue;
+    for (std::string& field : fields) replaceAll(field, node->object->indexMask, "0");
+  }
+  candidate.order = index.candidateCount++;
+  index.shapeInUse[shape] = true;
+  index.reverse[bucketKeyOf(shape, fields)].push_back(std::move(candidate));
 }
 
 // --- index building ----------------------------------------------------------------------------
@@ -327,10 +360,10 @@ ObjectNode* buildNode(const autopObject& object, autopTranslator::Index& index,
       ReverseCandidate candidate;
       candidate.item = &item;
       candidate.chain = chain;
-      candidate.target = targetText(innermostText(chain.size(), nodeAt, &autopObject::path, item.path),
-                                    innermostText(chain.size(), nodeAt, &autopObject::section, item.section),
-                                    item.key);
-      index.reverse[bucketOf(candidate.target, chain)].push_back(std::move(candidate));
+      std::string path = innermostText(chain.size(), nodeAt, &autopObject::path, item.path);
+      std::string section = innermostText(chain.size(), nodeAt, &autopObject::section, item.section);
+      candidate.target = targetText(path, section, item.key);
+      addReverseCandidate(index, std::move(candidate), path, section);
     } else if (child.object) {
       ObjectNode* sub = buildNode(*child.object, index, chain, itemCount);
       node->subsByName[sub->object->name].push_back(sub);
@@ -475,10 +508,23 @@ bool autopTranslator::findItem(const std::string& key, autopItem& item) const {
 bool autopTranslator::findItemName(const std::string& path, const std::string& section, const std::string& key,
                                    std::string& name) const {
   const std::string query = targetText(path, section, key);
-  auto bucket = m_index->reverse.find(collapseDigitRuns(query));
-  if (bucket == m_index->reverse.end()) return false;
-  for (const ReverseCandidate& candidate : bucket->second) {
-    if (reverseKeyOf(candidate, query, name)) return true;
+  const std::string fields[3] = {path, section, key};
+  // The first matching item in table order may sit in the bucket of any shape: take each bucket's
+  // first match and keep the earliest.
+  size_t bestOrder = SIZE_MAX;
+  std::string candidateName;
+  for (TargetShape shape = 0; shape < kTargetShapes; ++shape) {
+    if (!m_index->shapeInUse[shape]) continue;
+    auto bucket = m_index->reverse.find(bucketKeyOf(shape, fields));
+    if (bucket == m_index->reverse.end()) continue;
+    for (const ReverseCandidate& candidate : bucket->second) {
+      if (candidate.order >= bestOrder) break;
+      if (reverseKeyOf(candidate, query, candidateName)) {
+        bestOrder = candidate.order;
+        name = candidateName;
+        break;
+      }
+    }
   }
-  return false;
+  return bestOrder != SIZE_MAX;
 }

@@ -55,6 +55,12 @@ bool isSecretItem(const autopItem& item) {
   return item.section == kRandomKeySection && item.path == kRandomKeyFile;
 }
 
+// [UserName] admin, var or user of the user settings: the web login names.
+bool isWebLoginName(const autopItem& item) {
+  return item.section == "UserName" && item.path == kUserIni &&
+         (item.key == "admin" || item.key == "var" || item.key == "user");
+}
+
 bool isAlnumKey(const std::string& value) {
   return value.size() == kRandomKeyLength &&
          std::all_of(value.begin(), value.end(), [](unsigned char c) { return c < 0x80 && std::isalnum(c); });
@@ -173,7 +179,8 @@ int autoCfgUpgrader::upgrade(autopItemList& items) {
       LOG_NULL_POINTER();
       continue;
     }
-    std::string oldValue = handle->getString(item->key, "");
+    // Only a web login name needs the value it replaces; other keys skip the read.
+    std::string oldValue = isWebLoginName(*item) ? handle->getString(item->key, "") : std::string();
     if (!handle->setString(item->key, item->value)) continue;
     if (item->value.find('%') != std::string::npos)
       LOG_DEB("%s.%s value has special char", item->section.c_str(), item->key.c_str());
@@ -267,8 +274,7 @@ void autoCfgUpgrader::carryUserName(const autopItem* item, const std::string& ol
     LOG_NULL_POINTER();
     return;
   }
-  if (item->section != "UserName" || item->path != kUserIni) return;
-  if (item->key != "admin" && item->key != "var" && item->key != "user") return;
+  if (!isWebLoginName(*item)) return;
   LOG_IFO("Modify Web Login UserName [%s] =>> [%s]", oldValue.c_str(), item->value.c_str());
   autoPwdUpgader().renameUser(oldValue, item->value);
 }

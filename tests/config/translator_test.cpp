@@ -195,6 +195,27 @@ TEST_F(TranslatorTest, ReverseLookupFindsTheKeyOfATarget) {
   }
 }
 
+TEST_F(TranslatorTest, ReverseLookupKeepsTableOrderAcrossNumberedAndPlainItems) {
+  const std::string numbered =
+      "<object name=\"n\" indexMask=\"$i\" path=\"/config/x$i.ini\" section=\"s\"><item name=\"a\" key=\"K\"/></object>";
+  const std::string plain = "<object name=\"lit\" path=\"/config/x3.ini\" section=\"s\"><item name=\"b\" key=\"K\"/></object>";
+  const std::string keyMasked =
+      "<object name=\"k\" indexMask=\"%\" path=\"/config/x3.ini\" section=\"s\"><item name=\"c\" key=\"%\"/></object>";
+  auto load = [this](const std::string& objects) {
+    root->write("/config/order.xml", "<autopTranslator><cfg>" + objects + "</cfg></autopTranslator>");
+    ASSERT_TRUE(table.loadTransData("/config/order.xml"));
+  };
+  load(numbered + plain + keyMasked);
+  EXPECT_EQ(reverse("/config/x3.ini", "s", "K"), "n.3.a");
+  EXPECT_EQ(reverse("/config/x3.ini", "s", "7"), "k.7.c");
+  load(plain + numbered + keyMasked);
+  EXPECT_EQ(reverse("/config/x3.ini", "s", "K"), "lit.b");
+  EXPECT_EQ(reverse("/config/x4.ini", "s", "K"), "n.4.a");
+  load(keyMasked + plain + numbered);
+  EXPECT_EQ(reverse("/config/x3.ini", "s", "K"), "lit.b");
+  EXPECT_EQ(reverse("/config/x3.ini", "s", "3"), "k.3.c");
+}
+
 TEST_F(TranslatorTest, LoadingChoosesTheFileAndReportsFailures) {
   LogCapture log;
   // Only the phone's own table: that one is used.
