@@ -299,7 +299,7 @@ int httpFileBase::ReadFile(void* buffer, int elementSize, int count, int32_t tim
 
 void httpFileBase::CloseTransfer() { transfer_.reset(); }
 
-bool httpFileBase::IsBroken() const { return transfer_ && transfer_->broken; }
+bool httpFileBase::TransferBroken() const { return transfer_ && transfer_->broken; }
 int64_t httpFileBase::MissingBytes() const { return transfer_ ? transfer_->missing : -1; }
 std::string httpFileBase::ErrorText() const { return transfer_ ? transfer_->error : ""; }
 long httpFileBase::ResponseCode() const { return transfer_ ? transfer_->responseCode : 0; }

@@ -9,7 +9,7 @@
 // behind the caller's back and every call returns within the time-out it was given.
 //
 // A body that ends before its announced length, or a stall longer than a read's time-out, is a
-// break: ReadFile returns 0 and IsBroken() tells it from a whole body.
+// break: ReadFile returns 0 and TransferBroken() tells it from a whole body.
 #pragma once
 
 #include <cstdint>
@@ -31,7 +31,7 @@ class httpFileBase {
   // the body, on a break and on failure. A short count does not mean the end.
   int ReadFile(void* buffer, int elementSize, int count, int32_t timeoutMs);
 
-  bool IsBroken() const;
+  bool TransferBroken() const;
   // Bytes the server announced but did not send; -1 when unknown.
   int64_t MissingBytes() const;
   // Why the last open or read failed ("" when it did not).

@@ -64,7 +64,7 @@ int httpStreamBase<Library>::Read(void* buffer, int elementSize, int count) {
     m_data.resize(old + missing);
     int got = this->ReadFile(m_data.data() + old, 1, static_cast<int>(missing), m_timeoutMs);
     m_data.resize(old + (got > 0 ? static_cast<size_t>(got) : 0));
-    if (got <= 0 && this->IsBroken()) MarkBroken(this->MissingBytes(), this->ErrorText());
+    if (got <= 0 && Library::TransferBroken()) MarkBroken(Library::MissingBytes(), Library::ErrorText());
   }
   size_t handed = std::min(wanted, m_data.size()) / static_cast<size_t>(elementSize);
   m_data.takeFront(buffer, handed * static_cast<size_t>(elementSize));
