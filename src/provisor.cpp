@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "autoParser.h"
 #include "autopMessages.h"
 #include "autopTranslator.h"
 #include "clock.h"
@@ -70,6 +71,8 @@ bool provisorObject::TryThreadMessage(msgObject& msg) {
       return OnSetHostName(msg);
     case MSG_GET_AUTO_PROVISION:
       return OnGetAutoProvision(msg);
+    case AP_MSG_REPARSE_CONFIG:
+      return OnReparseConfig(msg);
     default:
       // The rows that start provisioning runs are added with the run lifecycle.
       return false;
@@ -107,6 +110,17 @@ bool provisorObject::OnSetHostName(msgObject& msg) {
 bool provisorObject::OnGetAutoProvision(msgObject& msg) {
   LOG_IFO("Receive Message [MSG_GET_AUTO_PROVISION] ! Will ReplyMessage [%d]", runState);
   msg.ReplyMessage(runState);
+  return true;
+}
+
+bool provisorObject::OnReparseConfig(msgObject& msg) {
+  if (msg.message != AP_MSG_REPARSE_CONFIG) {
+    LOG_ERR("Message Error!");
+    return false;
+  }
+  // Settings another application pushed to /tmp/XML.cfg: applied once, without a download.
+  autoParser parser;
+  parser.updateConfig(true);
   return true;
 }
 

@@ -35,6 +35,7 @@ class provisorObject : public chThreadLocal, public autoTimerInc {
   bool OnCheckAutopResult(msgObject& msg);
   bool OnSetHostName(msgObject& msg);
   bool OnGetAutoProvision(msgObject& msg);
+  bool OnReparseConfig(msgObject& msg);
   void OnConsoleKeyTimer(msgObject& msg);
   void OnPnpResponse(msgObject& msg);
   void StartPnpOrPowerOn();

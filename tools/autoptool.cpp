@@ -9,6 +9,12 @@ namespace {
 // One row per command; later commands join here.
 const autoptoolCommand kCommands[] = {
     {"fetch", "URL FILE", "download URL into FILE; prints the byte count and the time taken", autoptoolFetch},
+    {"encrypt", "KEY IN OUT", "encrypt a configuration file as the phone expects it (KEY mac:<MAC>: the derived key)",
+     autoptoolEncrypt},
+    {"decrypt", "KEY IN OUT", "decrypt a configuration file; fails on a wrong key", autoptoolDecrypt},
+    {"check", "[--table FILE] CONFIG",
+     "dry run: the item each key maps to, and every unknown key (exit 1 when there is one)", autoptoolCheck},
+    {"provision", "URL", "one provisioning run against $PROVISOR_ROOT, without the daemon", autoptoolProvision},
 };
 
 int usage(FILE* out) {

@@ -12,3 +12,10 @@ struct autoptoolCommand {
 
 // autoptool fetch URL FILE
 int autoptoolFetch(int argc, char** argv);
+// autoptool encrypt KEY IN OUT / decrypt KEY IN OUT (KEY "mac:<MAC>" is the key derived from a MAC)
+int autoptoolEncrypt(int argc, char** argv);
+int autoptoolDecrypt(int argc, char** argv);
+// autoptool check [--table FILE] CONFIG
+int autoptoolCheck(int argc, char** argv);
+// autoptool provision URL
+int autoptoolProvision(int argc, char** argv);

@@ -1,0 +1,282 @@
+#define LOG_MODULE "./src/autoParser"
+#include "autoParser.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "autopTranslator.h"
+#include "baseMethod.h"
+#include "callMethod.h"
+#include "device.h"
+#include "fileUpgrader.h"
+#include "log.h"
+#include "mutex.h"
+#include "paths.h"
+#include "registry.h"
+
+namespace {
+
+constexpr const char* kSystemIni = "/config/system/system.ini";
+constexpr const char* kDigestSection = "OLD_VER";
+constexpr const char* kCommonDigestKey = "MD5_CFG";
+constexpr const char* kDeviceDigestKey = "MD5_MAC_CFG";
+constexpr const char* kPushLockName = "LOCKXML";
+constexpr int32_t kOpenTimeoutMs = 5000;
+constexpr int kOpenAttempts = 6;
+constexpr int32_t kRetryNetworkType = 2;
+constexpr const char* kNullValue = "%NULL%";
+
+// Where a batch must end: another upgrade type or target file; for resource items also another
+// usage, or another value unless the items edit one file together.
+bool startsNewBatch(const autopItem& previous, const autopItem& next) {
+  if (previous.type != next.type || previous.path != next.path) return true;
+  if (upgradeTypeOf(next.type) != kUpgradeTypeBin) return false;
+  if (previous.usage != next.usage) return true;
+  return operationOf(next.usage) != kOperationModify && previous.value != next.value;
+}
+
+void splitActions(const std::string& action, std::vector<std::string>& queue) {
+  size_t start = 0;
+  while (start <= action.size()) {
+    size_t end = action.find(';', start);
+    if (end == std::string::npos) end = action.size();
+    std::string call = action.substr(start, end - start);
+    size_t first = call.find_first_not_of(" \t");
+    size_t last = call.find_last_not_of(" \t\r\n");
+    call = first == std::string::npos ? "" : call.substr(first, last - first + 1);
+    if (!call.empty() && std::find(queue.begin(), queue.end(), call) == queue.end()) queue.push_back(call);
+    start = end + 1;
+  }
+}
+
+}  // namespace
+
+autoParser::autoParser(const AutopInfo* info) : m_table(autopTranslator::getInstance()) {
+  if (info) {
+    LOG_DEB("Set AES var member from autop_info struct !");
+    m_keys.infoCommonKey = autopInfoText(info->comAesKey);
+    m_keys.infoMacKey = autopInfoText(info->macAesKey);
+  }
+}
+
+bool autoParser::OpenDownloadStream(const ns_net::autopUrl& url) {
+  LOG_IFO("autoParser::OpenDownloadStream ... ");
+  for (int attempt = 1;; ++attempt) {
+    if (m_download.OpenDownloadStream(url, kOpenTimeoutMs)) return true;
+    LOG_IFO("Failed connect to server ! Try [%d] times ... ", attempt);
+    // Only a wired network (type 2) is worth retrying: others give up at once, deliberately.
+    if (netGetNetworkType() != kRetryNetworkType || attempt >= kOpenAttempts) break;
+  }
+  LOG_WAR("Can't connect server !! ");
+  return false;
+}
+
+void autoParser::CloseDownloadStream() { m_download.Close(); }
+
+int autoParser::fetchDownloaded() {
+  unlink(hostPath(kDownloadedConfigPath).c_str());
+  int written = m_download.DownloadToFile(kDownloadedConfigPath, false);
+  // A transfer cut short is never taken for the whole file.
+  if (written <= 0 || m_download.LastTransferBroken()) {
+    LOG_ERR("Fail to download Autop Config Model !!");
+    return kUpdateNotDownloaded;
+  }
+  if (fileSize(kDownloadedConfigPath) > kMaxConfigFileSize) {
+    LOG_ERR("The Model Config File is larger than %d", static_cast<int>(kMaxConfigFileSize));
+    return kUpdateNotLoadable;
+  }
+  return kUpdateDone;
+}
+
+int autoParser::fetchPushed() {
+  LOG_DEB("PushXml:cp %s to %s", kPushedConfigPath, kDownloadedConfigPath);
+  chMutex lock;
+  lock.OpenMutex(kPushLockName);
+  chMutexLock held(lock);
+  unlink(hostPath(kDownloadedConfigPath).c_str());
+  if (!pathFileExist(kPushedConfigPath)) return kUpdateNotDownloaded;
+  // Moved, not copied: the pushing application finds the hand-over file gone once it is taken.
+  int copied = copyFile(kPushedConfigPath, kDownloadedConfigPath);
+  unlink(hostPath(kPushedConfigPath).c_str());
+  if (copied != 0) return kUpdateNotDownloaded;
+  if (fileSize(kDownloadedConfigPath) > kMaxConfigFileSize) {
+    LOG_ERR("The Model Config File is larger than %d", static_cast<int>(kMaxConfigFileSize));
+    return kUpdateNotLoadable;
+  }
+  return kUpdateDone;
+}
+
+bool autoParser::isPerDeviceFile() const {
+  std::string mac = netGetMACText();
+  return !mac.empty() && m_download.UrlText().find(mac) != std::string::npos;
+}
+
+bool autoParser::LoadM7Model(const std::string& path) {
+  m_olderModel = false;
+  return loadM7Pairs(path, m_pairs);
+}
+
+bool autoParser::LoadM1OrM2Model(const std::string& path) {
+  m_olderModel = true;
+  return m_table && loadM1OrM2Pairs(path, *m_table, m_pairs);
+}
+
+int autoParser::loadModel(const std::string& path) {
+  std::string version;
+  bool loaded = false;
+  switch (recogniseModel(path, version)) {
+    case ConfigModel::kM7:
+      m_modelVersion = version;
+      loaded = LoadM7Model(path);
+      break;
+    case ConfigModel::kM1OrM2:
+      loaded = LoadM1OrM2Model(path);
+      break;
+    case ConfigModel::kUnreadable:
+      break;
+  }
+  if (loaded) return kUpdateDone;
+  LOG_ERR("Fail to load Update Model file [%s] !!", path.c_str());
+  return kUpdateNotLoadable;
+}
+
+bool autoParser::isConfigChanged(const std::string& path, std::string& memoryKey, std::string& digest) {
+  memoryKey = isPerDeviceFile() ? kDeviceDigestKey : kCommonDigestKey;
+  std::string stored = brisaGetProfileString(kSystemIni, kDigestSection, memoryKey, "");
+  if (fileMd5(path, &digest) && digest != stored) return true;
+  LOG_WAR("[%s](MD5) is same as old file", m_download.UrlText().c_str());
+  digest.clear();
+  return false;
+}
+
+// Stored only once the file has been applied: a run cut short by a power loss applies the file again
+// instead of taking it for done.
+void autoParser::rememberDigest(const std::string& memoryKey, const std::string& digest) {
+  REGHANDLE section = registryOpen(kSystemIni, kDigestSection);
+  registrySetString(section, memoryKey, digest);
+  // Any change of the common file makes the per-device file apply again on top of it.
+  if (memoryKey == kCommonDigestKey) registrySetString(section, kDeviceDigestKey, "");
+  registryFlush(section);
+  registryClose(section);
+}
+
+int autoParser::updateConfig(bool pushed) {
+  int fetched = pushed ? fetchPushed() : fetchDownloaded();
+  if (fetched != kUpdateDone) return fetched;
+  LOG_IFO("");
+  if (!decryptIfNeeded(kDownloadedConfigPath, !pushed && isPerDeviceFile(), m_keys)) {
+    LOG_ERR("DecryptionFile error!");
+    return kUpdateDecryptFailed;
+  }
+  int loaded = loadModel(kDownloadedConfigPath);
+  if (loaded != kUpdateDone) return loaded;
+
+  std::string memoryKey, digest;
+  bool unchanged = !pushed && !isConfigChanged(kDownloadedConfigPath, memoryKey, digest);
+  if (unchanged) LOG_IFO("MD5 is same as before! Just upgrade [bin|rom] file !");
+  applyBatches(unchanged);
+  if (!digest.empty()) rememberDigest(memoryKey, digest);
+  LOG_IFO("Update Config Model Parse Finished !");
+  return kUpdateDone;
+}
+
+void autoParser::fillBatch(size_t& next, autopItemList& batch) {
+  if (!batch.empty()) {
+    LOG_WAR("The autopItem list is not empty before filling it !");
+    batch.clear();
+  }
+  for (; next < m_pairs.size(); ++next) {
+    const RawPair& pair = m_pairs[next];
+    if (pair.second.empty()) {
+      LOG_DEB("---Skipped empty value item: %s", pair.first.c_str());
+      continue;
+    }
+    auto item = std::make_unique<autopItem>();
+    if (!m_table || !m_table->findItem(pair.first, *item)) {
+      LOG_WAR("Warning! Not found item %s", pair.first.c_str());
+      continue;
+    }
+    item->name = pair.first;
+    item->value = pair.second == kNullValue ? "" : pair.second;
+    item->changed = false;
+    if (!batch.empty() && startsNewBatch(*batch.back(), *item)) return;  // the next batch starts here
+    if (m_olderModel && item->valueType == "!boolean") {
+      item->valueType = "boolean";
+      LOG_IFO("Change item[%s] UN_BOOLEAN_VALUE_TYPE =>> BOOLEAN_VALUE_TYPE !", item->name.c_str());
+    }
+    batch.push_back(std::move(item));
+  }
+}
+
+void autoParser::applyBatches(bool unchanged) {
+  m_pendingMethods.clear();
+  autopItemList deferredFirmware;
+  size_t next = 0;
+  while (next < m_pairs.size()) {
+    autopItemList batch;
+    fillBatch(next, batch);
+    if (batch.empty()) {
+      if (next < m_pairs.size()) LOG_WAR("Autop item list is empty !");
+      continue;
+    }
+    const autopItem& first = *batch.front();
+    int32_t type = upgradeTypeOf(first.type);
+    if (first.section == "CUSTOM_MAC_CFG_PATH" && first.key == "server_address") m_customMacUrl = first.value;
+    if (unchanged && type != kUpgradeTypeBin && type != kUpgradeTypeRom) continue;
+    // Only the first firmware batch waits for the end of the file; a later one goes at its place.
+    if (type == kUpgradeTypeRom && deferredFirmware.empty()) {
+      deferredFirmware = std::move(batch);
+      LOG_DEB("Delay to upgrade rom type item !");
+      continue;
+    }
+    applyBatch(batch, unchanged);
+  }
+  runPendingMethods();
+  if (!deferredFirmware.empty()) {
+    std::unique_ptr<autoFileUpgrader> upgrader = createFileUpgrader(kUpgradeTypeRom);
+    if (upgrader && upgrader->upgrade(deferredFirmware))
+      requestReboot();
+    else
+      LOG_WAR("Fail to upgrade rom file !");
+  }
+}
+
+void autoParser::applyBatch(autopItemList& batch, bool unchanged) {
+  const autopItem& first = *batch.front();
+  std::unique_ptr<autoFileUpgrader> upgrader = createFileUpgrader(upgradeTypeOf(first.type));
+  if (!upgrader) {
+    LOG_WAR("Failed to create file upgrader [%s]!", first.type.c_str());
+    return;
+  }
+  upgrader->setUnchanged(unchanged);
+  int changed = upgrader->upgrade(batch);
+  LOG_IFO("*****  END [%s]  *****", changed ? "CHANGED" : "NO CHANGE");
+  LOG_IFO("");
+  collectChanges(batch);
+}
+
+void autoParser::collectChanges(const autopItemList& batch) {
+  bool needsReboot = false;
+  for (const auto& item : batch) {
+    if (!item || !item->changed) continue;
+    splitActions(item->action, m_pendingMethods);
+    needsReboot = needsReboot || item->reboot;
+  }
+  if (needsReboot) requestReboot();
+}
+
+void autoParser::runPendingMethods() {
+  for (const std::string& call : m_pendingMethods) {
+    LOG_DEB("call text method [%s]", call.c_str());
+    std::string result = callTextMethod(call);
+    LOG_IFO("return [%s]", result.c_str());
+  }
+  m_pendingMethods.clear();
+}
+
+void autoParser::requestReboot() {
+  if (m_rebootRequested) return;
+  m_rebootRequested = true;
+  if (m_onReboot) m_onReboot();
+}

@@ -1,0 +1,127 @@
+#define LOG_MODULE "./src/autoUpgrade"
+#include "autoUpgrade.h"
+
+#include <strings.h>
+
+#include <cstring>
+
+#include "autoParser.h"
+#include "autopTranslator.h"
+#include "device.h"
+#include "log.h"
+#include "registry.h"
+
+namespace {
+
+constexpr const char* kMacMark = "$mac";
+constexpr const char* kDefaultScheme = "tftp://";
+
+std::function<void()>& rebootHandler() {
+  static std::function<void()> handler;
+  return handler;
+}
+
+const autopTranslator*& translatorOverride() {
+  static const autopTranslator* table = nullptr;
+  return table;
+}
+
+std::string withTrailingSlash(const std::string& text) {
+  return !text.empty() && text.back() == '/' ? text : text + "/";
+}
+
+// Opens and applies one file of a directory; the update's code, -3 when it could not be opened.
+int updateOneFile(autoParser& parser, const std::string& urlText) {
+  ns_net::autopUrl url;
+  if (!url.Parse(urlText) || !parser.OpenDownloadStream(url)) return kUpdateNotDownloaded;
+  int code = parser.updateConfig(false);
+  parser.CloseDownloadStream();
+  return code;
+}
+
+bool namesSingleFile(const ns_net::autopUrl& url) {
+  size_t slash = url.path.rfind('/');
+  bool hasFileName = slash != std::string::npos && slash + 1 < url.path.size();
+  return hasFileName && (isConfigFileName(url.path.c_str()) || !url.query.empty());
+}
+
+bool upgradeDirectory(autoParser& parser, const std::string& urlText) {
+  const std::string directory = withTrailingSlash(urlText);
+  const std::string commonName = getCommonConfigName();
+  LOG_IFO("strCommName = [%s]", commonName.c_str());
+  int commonCode = updateOneFile(parser, directory + commonName);
+
+  const std::string deviceFile = netGetMACText() + ".cfg";
+  std::string deviceUrl = directory + deviceFile;
+  const std::string& custom = parser.customMacUrl();
+  if (!custom.empty()) {
+    LOG_IFO("Get Custom MAC.CFG's URL: %s", custom.c_str());
+    deviceUrl = isConfigFileName(custom.c_str()) ? custom : withTrailingSlash(custom) + deviceFile;
+  }
+  int deviceCode = updateOneFile(parser, deviceUrl);
+  return commonCode != kUpdateNotDownloaded || deviceCode != kUpdateNotDownloaded;
+}
+
+}  // namespace
+
+bool isConfigFileName(const char* path) {
+  if (!path) {
+    LOG_NULL_POINTER();
+    return false;
+  }
+  const char* dot = strrchr(path, '.');
+  if (!dot) return false;
+  for (const char* extension : {".cfg", ".ini", ".php", ".xml"})
+    if (strcasecmp(dot, extension) == 0) return true;
+  return false;
+}
+
+std::string getCommonConfigName() {
+  std::string name = brisaGetProfileString("/config/system/system.ini", "AutoProvision", "strCommName", "");
+  if (name.empty()) name = brisaGetProfileString("/phone/factory/system.ini", "AutoProvision", "strCommName", "");
+  if (name.empty()) LOG_ERR("Fail to get COM config name !");
+  return name;
+}
+
+std::string replaceMacMarks(const std::string& text, const std::string& macText) {
+  std::string out;
+  size_t start = 0;
+  for (size_t at; (at = text.find(kMacMark, start)) != std::string::npos; start = at + strlen(kMacMark))
+    out += text.substr(start, at - start) + macText;
+  return out + text.substr(start);
+}
+
+void autoUpgrade::setRebootHandler(std::function<void()> handler) { rebootHandler() = std::move(handler); }
+
+void autoUpgrade::setTranslator(const autopTranslator* table) { translatorOverride() = table; }
+
+bool autoUpgrade::UpgradeFromURL(const std::string& urlText, const AutopInfo* info) {
+  std::string text = replaceMacMarks(urlText, netGetMACText());
+  ns_net::autopUrl url;
+  // The text may carry credentials: only the masked form reaches the log.
+  std::string shown = url.Parse(text) && !url.password.empty() ? url.LogText() : text;
+  LOG_IFO("autoUpgrade::UpgradeFromURL(strReplaceURL=%s)", shown.c_str());
+  // A local path ("/tmp/local.cfg") stays a local file; any other text without a scheme is TFTP.
+  if (text.find("://") == std::string::npos && (text.empty() || text[0] != '/')) text = kDefaultScheme + text;
+  if (!url.Parse(text)) url.Clear();
+  LOG_IFO("type = %s,hostname = %s, username = %s, psw = ******, port = %d", url.scheme.c_str(), url.host.c_str(),
+          url.user.c_str(), url.port);
+  if (!url.IsValid()) {
+    LOG_IFO("Invalid URL !");
+    return false;
+  }
+
+  autoParser parser(info);
+  if (translatorOverride()) parser.setTranslator(translatorOverride());
+  if (rebootHandler()) parser.setRebootHandler(rebootHandler());
+  if (namesSingleFile(url)) {
+    if (parser.OpenDownloadStream(url)) {
+      int code = parser.updateConfig(false);
+      parser.CloseDownloadStream();
+      LOG_DEB("url update =%d", code);
+      return code != kUpdateNotDownloaded;
+    }
+    LOG_IFO("provisor: file[%s] can't be parsed ! look upon as DIR", url.LogText().c_str());
+  }
+  return upgradeDirectory(parser, url.ToText());
+}

@@ -1,0 +1,31 @@
+// autoUpgrade: where every source of a provisioning address ends. UpgradeFromURL completes the URL
+// text ("$mac", a default "tftp://"), decides whether it names one configuration file or a
+// directory, and for a directory processes the common file and then the per-device file
+// (<MAC>.cfg, or the custom location the common file gave), so per-device values win.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "autopInfo.h"
+
+class autopTranslator;
+
+class autoUpgrade {
+ public:
+  // True when at least one configuration file was downloaded, whatever became of it afterwards;
+  // false for an invalid URL or when nothing could be downloaded. `info` brings the request's keys.
+  static bool UpgradeFromURL(const std::string& urlText, const AutopInfo* info = nullptr);
+
+  // Called when an applied item needs a reboot (the service arranges it); none by default.
+  static void setRebootHandler(std::function<void()> handler);
+  // The table the parsers use (tests give their own); nullptr restores the process's table.
+  static void setTranslator(const autopTranslator* table);
+};
+
+// True when the text after the last "." is "cfg", "ini", "php" or "xml", ignoring case.
+bool isConfigFileName(const char* path);
+// strCommName of /config/system/system.ini, else of /phone/factory/system.ini; "" when neither.
+std::string getCommonConfigName();
+// Every "$mac" replaced by the MAC text, left to right, without rescanning what was inserted.
+std::string replaceMacMarks(const std::string& text, const std::string& macText);
