@@ -75,6 +75,7 @@ bool autoParser::OpenDownloadStream(const ns_net::autopUrl& url) {
 void autoParser::CloseDownloadStream() { m_download.Close(); }
 
 int autoParser::fetchDownloaded() {
+  makeDirs("/tmp");
   unlink(hostPath(kDownloadedConfigPath).c_str());
   int written = m_download.DownloadToFile(kDownloadedConfigPath, false);
   // A transfer cut short is never taken for the whole file.
