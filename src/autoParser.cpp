@@ -146,7 +146,9 @@ bool autoParser::isConfigChanged(const std::string& path, std::string& memoryKey
   memoryKey = isPerDeviceFile() ? kDeviceDigestKey : kCommonDigestKey;
   std::string stored = brisaGetProfileString(kSystemIni, kDigestSection, memoryKey, "");
   if (fileMd5(path, &digest) && digest != stored) return true;
-  LOG_WAR("[%s](MD5) is same as old file", m_download.UrlText().c_str());
+  ns_net::autopUrl shown;
+  LOG_WAR("[%s](MD5) is same as old file",
+          shown.Parse(m_download.UrlText()) ? shown.LogText().c_str() : m_download.UrlText().c_str());
   digest.clear();
   return false;
 }

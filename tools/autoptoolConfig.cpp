@@ -42,9 +42,11 @@ std::string temporaryCopy(const std::string& source) {
   return writeFileAtomic(pattern, contents) ? pattern : "";
 }
 
+// Values the phone stores protected (and web passwords) are not echoed.
 void printItem(const std::string& key, const autopItem& item) {
+  bool secret = item.encrypt || item.type == "pwd";
   printf("%s -> %s %s [%s] %s = %s\n", key.c_str(), item.type.c_str(), item.path.c_str(), item.section.c_str(),
-         item.key.c_str(), item.value.c_str());
+         item.key.c_str(), secret ? "******" : item.value.c_str());
 }
 
 }  // namespace

@@ -1,0 +1,104 @@
+#!/usr/bin/env bash
+# One provisioning run end to end, in a throw-away sandbox root:
+#   - an nginx on a free loopback port publishes a common file and an encrypted per-device file;
+#   - `autoptool provision` runs the service's URL path against the sandbox: download, decrypt,
+#     translate, apply to the INI files; a second run finds both files unchanged (MD5);
+#   - the daemon starts in the sandbox, a stand-in application pushes a file and asks it to apply it.
+# Nothing outside the sandbox is touched; everything is stopped and removed at the end.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+top=$PWD
+
+bash scripts/install-deps.sh >/dev/null
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build -j "$(nproc 2>/dev/null || echo 2)" --target provisor msgctl autoptool >/dev/null
+
+sandbox=$(mktemp -d /tmp/provisor-demo-XXXXXX)
+chmod 755 "$sandbox"  # the web server's workers read the published files as another user
+www=$sandbox/www
+nginx_pid=""
+daemon_pid=""
+cleanup() {
+  [ -n "$daemon_pid" ] && kill "$daemon_pid" 2>/dev/null || true
+  [ -n "$nginx_pid" ] && kill "$nginx_pid" 2>/dev/null || true
+  sleep 0.2
+  rm -rf "$sandbox"
+}
+trap cleanup EXIT
+
+root=$sandbox/root
+mac=001565aabbcc
+export PROVISOR_ROOT=$root
+mkdir -p "$root/config/system" "$root/phone/resource" "$root/host" "$root/tmp" "$www/prov"
+printf '[device]\nmac = %s\nip = 127.0.0.1\n' "$mac" > "$root/host/device.ini"
+cp data/autopTranslator.xml "$root/phone/resource/autopTranslator.xml"
+cp data/demo/system.ini "$root/config/system/system.ini"
+mkdir -p "$root/config/user"
+printf '[PhoneSetting]\nEnLock = 1\n' > "$root/config/user/user.ini"  # sensitive values are stored protected
+
+echo "== publishing the configuration on a loopback web server"
+cp data/demo/common.cfg "$www/prov/common.cfg"
+# The per-device file travels encrypted with the key the phone has configured (strKeyAES16MAC).
+build/autoptool encrypt frontdesk-key "data/demo/$mac.cfg" "$www/prov/$mac.cfg"
+port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
+cat > "$sandbox/nginx.conf" <<CONF
+worker_processes 1;
+pid $sandbox/nginx.pid;
+error_log $sandbox/nginx-error.log;
+events { worker_connections 64; }
+http {
+  access_log $sandbox/nginx-access.log;
+  client_body_temp_path $sandbox/tmp-body;
+  proxy_temp_path $sandbox/tmp-proxy;
+  fastcgi_temp_path $sandbox/tmp-fastcgi;
+  uwsgi_temp_path $sandbox/tmp-uwsgi;
+  scgi_temp_path $sandbox/tmp-scgi;
+  server { listen 127.0.0.1:$port; root $www; }
+}
+CONF
+nginx -p "$sandbox" -c "$sandbox/nginx.conf" -g 'daemon off;' &
+nginx_pid=$!
+for _ in $(seq 50); do curl -fs "http://127.0.0.1:$port/prov/common.cfg" >/dev/null && break; sleep 0.1; done
+url="http://127.0.0.1:$port/prov/"
+echo "   $url: common.cfg, $mac.cfg (encrypted)"
+
+echo
+echo "== the administrator checks the common file before publishing it"
+build/autoptool check --table data/autopTranslator.xml data/demo/common.cfg | grep -v '^\['
+
+echo
+echo "== first provisioning run"
+build/autoptool provision "$url"
+echo
+echo "-- what the phone's settings look like now"
+for f in config/system/system.ini config/user/voip/sipAccount0.cfg config/user/vpm_linekey.cfg config/user/user.ini; do
+  echo "--- /$f"
+  cat "$root/$f"
+done
+
+echo
+echo "== second run: nothing changed on the server"
+build/autoptool provision "$url" | grep -E 'MD5|Autoprovision|Parse Finished' || true
+
+echo
+echo "== the daemon, and another application pushing settings to it"
+mkdir -p "$root/tmp"
+build/provisor -byzero > "$sandbox/autop.log" 2>&1 &
+daemon_pid=$!
+for _ in $(seq 50); do build/msgctl send provisor 0xa0001 0 0 >/dev/null 2>&1 && break; sleep 0.1; done
+printf '#!version:1.0.0.1\naccount.1.label = Front desk (pushed)\n' > "$root/tmp/XML.cfg"
+build/msgctl post provisor 0xa1003 0 0
+echo "run state: $(build/msgctl send provisor 0xa0001 0 0)"
+build/msgctl post provisor 0xa0003 0 0 --extra "front-desk"
+build/msgctl send provisor 0xa0001 0 0 >/dev/null
+kill -TERM "$daemon_pid"
+wait "$daemon_pid" && echo "daemon ended with status 0"
+daemon_pid=""
+echo "--- daemon log"
+cat "$sandbox/autop.log"
+echo "--- /config/user/voip/sipAccount0.cfg"
+cat "$root/config/user/voip/sipAccount0.cfg"
+echo "--- boot environment"
+cat "$root/host/bootenv.ini"
+echo
+echo "demo finished; the sandbox $sandbox is removed"
