@@ -27,7 +27,9 @@
 // written with the key index (stored - low + 1), so it leads back to the same target through
 // findItem. A mask that occurs in none of path, section and key leaves the index unknown and the
 // item is not reachable backwards. Items are asked in table order (depth first, children in file
-// order); the first that matches gives the key.
+// order); the first that matches gives the key. The reverse index files each template under its
+// fields without masks as they stand and its masked fields with their digits folded, so a target
+// costs a few hash lookups whatever the size of the table.
 #pragma once
 
 #include <cstdint>
