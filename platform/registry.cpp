@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <map>
+#include <set>
 #include <mutex>
 #include <vector>
 
@@ -97,8 +98,29 @@ class RegistryCache {
   bool flush(const std::string& file) {
     std::lock_guard<std::mutex> lock(mutex_);
     std::string hostFile = hostPath(file);
+    if (deferDepth_ > 0) {
+      deferredFiles_.insert(hostFile);
+      return true;
+    }
     auto it = files_.find(hostFile);
     return it == files_.end() || flushLocked(hostFile, it->second);
+  }
+
+  void beginDeferral() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++deferDepth_;
+  }
+
+  bool endDeferral() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (deferDepth_ == 0 || --deferDepth_ > 0) return true;
+    bool allWritten = true;
+    for (const std::string& hostFile : deferredFiles_) {
+      auto it = files_.find(hostFile);
+      if (it != files_.end()) allWritten = flushLocked(hostFile, it->second) && allWritten;
+    }
+    deferredFiles_.clear();
+    return allWritten;
   }
 
   bool flushAll() {
@@ -160,6 +182,8 @@ class RegistryCache {
 
   std::mutex mutex_;
   std::map<std::string, CachedFile> files_;
+  int deferDepth_ = 0;
+  std::set<std::string> deferredFiles_;
 };
 
 RegistryCache& cache() {
@@ -275,5 +299,9 @@ const std::string& registrySectionOf(const REGHANDLE& handle) {
 }
 
 bool regFlushAllFile() { return cache().flushAll(); }
+
+void registryBeginDeferredFlush() { cache().beginDeferral(); }
+
+bool registryEndDeferredFlush() { return cache().endDeferral(); }
 
 void registryResetCache() { cache().reset(); }

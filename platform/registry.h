@@ -42,6 +42,28 @@ const std::string& registrySectionOf(const REGHANDLE& handle);
 
 // Writes every changed cached file back. True when all flushes succeeded.
 bool regFlushAllFile();
+// Flushes of single files asked for between begin and end are carried out once, at the end (nested
+// scopes end with the outermost). A configuration file that writes one INI file in many small
+// batches then replaces each file once instead of once per batch; until the end, the files on disk
+// keep their old contents whole. End: true when every deferred flush succeeded.
+void registryBeginDeferredFlush();
+bool registryEndDeferredFlush();
+class RegistryDeferredFlush {
+ public:
+  RegistryDeferredFlush() { registryBeginDeferredFlush(); }
+  ~RegistryDeferredFlush() { end(); }
+  RegistryDeferredFlush(const RegistryDeferredFlush&) = delete;
+  RegistryDeferredFlush& operator=(const RegistryDeferredFlush&) = delete;
+  bool end() {
+    if (ended_) return true;
+    ended_ = true;
+    return registryEndDeferredFlush();
+  }
+
+ private:
+  bool ended_ = false;
+};
+
 // Forgets the whole cache without writing (tests, and a process that starts over).
 void registryResetCache();
 

@@ -215,6 +215,10 @@ void autoParser::fillBatch(size_t& next, autopItemList& batch) {
 void autoParser::applyBatches(bool unchanged) {
   m_pendingMethods.clear();
   autopItemList deferredFirmware;
+  // Keys of different INI files may take turns in a configuration file, cutting it into many small
+  // batches: each INI file is written once, whole, when the file's batches are through, and before
+  // the text methods tell the other applications to read the new values.
+  RegistryDeferredFlush oneWritePerFile;
   size_t next = 0;
   while (next < m_pairs.size()) {
     autopItemList batch;
@@ -235,6 +239,7 @@ void autoParser::applyBatches(bool unchanged) {
     }
     applyBatch(batch, unchanged);
   }
+  if (!oneWritePerFile.end()) LOG_WAR("Fail to flush all file !!");
   runPendingMethods();
   if (!deferredFirmware.empty()) {
     std::unique_ptr<autoFileUpgrader> upgrader = createFileUpgrader(kUpgradeTypeRom);

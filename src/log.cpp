@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <ctime>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -63,6 +64,23 @@ void writeRecord(Logger& lg, const char* text, size_t length) {
   }
 }
 
+// Without a system logger the C library tries to connect again for every record, which costs more
+// than the record itself; whether one listens is looked at again every ten seconds.
+bool systemLogReachable() {
+  static std::atomic<int64_t> checkedAt{-1};
+  static std::atomic<bool> reachable{false};
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  int64_t seconds = now.tv_sec;
+  int64_t last = checkedAt.load();
+  if (last < 0 || seconds - last >= 10) {
+    struct stat st;
+    reachable = stat("/dev/log", &st) == 0 && S_ISSOCK(st.st_mode);
+    checkedAt = seconds;
+  }
+  return reachable;
+}
+
 int fixedLevelV(int level, const char* word, const char* format, va_list args) {
   std::string withWord = std::string(word) + format;
   return logV(level, withWord.c_str(), args);
@@ -96,6 +114,10 @@ int logV(int level, const char* format, va_list args) {
   (void)written;
 
   writeRecord(lg, record, length);
+  if (!systemLogReachable()) {
+    if (LogSink sink = lg.sink.load()) sink(level, record);
+    return static_cast<int>(length);
+  }
   if (!lg.syslogOpen.exchange(true)) openlog("autop", LOG_PID | LOG_NDELAY, LOG_DAEMON);
   // The record goes in as data, not as a format: a "%" from a server-supplied URL must never be
   // read as a conversion.
