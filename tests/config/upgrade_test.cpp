@@ -127,9 +127,11 @@ TEST_F(UpgradeTest, InvalidUrlsAndFileNames) {
 
 TEST_F(UpgradeTest, HttpAndHttpsFileAndDirectoryUrlsWithCredentialsMasked) {
   TestCa ca("prov-ca");
-  ASSERT_TRUE(ca.create());
+  TestCa other("other-ca");
+  ASSERT_TRUE(ca.create() && ca.issueServerCertificate("server"));
+  ASSERT_TRUE(other.create() && other.issueServerCertificate("server"));
   HttpServer http;
-  ASSERT_TRUE(http.start(&ca));
+  ASSERT_TRUE(http.start(&ca, &other));
   http.put(std::string("files/") + kMac + ".cfg", m7("account.1.label = ViaMac\n"));
   http.put("files/common.cfg", m7("network.vlan = 30\n"));
   root->write("/config/certs/trusted/prov-ca.pem", [&] {
