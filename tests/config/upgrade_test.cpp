@@ -278,3 +278,23 @@ TEST_F(UpgradeTest, EncryptedFilesWithRequestKeysAndTheirFailures) {
   EXPECT_EQ(label(0), "unchanged");
   EXPECT_TRUE(log.contains("DecryptionFile error!"));
 }
+
+TEST_F(UpgradeTest, OpeningIsRetriedOnlyOnAWiredNetwork) {
+  ns_net::autopUrl url;
+  ASSERT_TRUE(url.Parse("/srv/absent.cfg"));
+  {
+    LogCapture log;
+    autoParser parser;
+    EXPECT_FALSE(parser.OpenDownloadStream(url));
+    EXPECT_TRUE(log.contains("Failed connect to server ! Try [1] times ... "));
+    EXPECT_FALSE(log.contains("Try [2] times"));
+    EXPECT_TRUE(log.contains("Can't connect server !! "));
+  }
+  root->write("/host/device.ini", std::string("[device]\nmac = ") + kMac + "\nnetwork_type = 2\n");
+  registryResetCache();
+  LogCapture log;
+  autoParser parser;
+  EXPECT_FALSE(parser.OpenDownloadStream(url));
+  EXPECT_TRUE(log.contains("Try [6] times"));
+  EXPECT_FALSE(log.contains("Try [7] times"));
+}
