@@ -108,8 +108,9 @@ class httpTransfer {
 
  private:
   void configure(const char* url, int32_t timeoutMs, bool tls);
-  // One round of work: true while the transfer goes on.
-  bool pump(SteadyClock::time_point deadline);
+  // Runs the transfer until `ready()` holds, it ends, or the deadline passes.
+  template <class Ready>
+  void pumpUntil(Ready ready, SteadyClock::time_point deadline);
   void finish(CURLcode result);
   void markBroken(const std::string& why);
   static size_t onBody(char* data, size_t size, size_t count, void* self);
@@ -117,7 +118,10 @@ class httpTransfer {
 
   CURL* easy_ = nullptr;
   CURLM* multi_ = nullptr;
+  static constexpr size_t kHighWaterBytes = 512 * 1024;
+
   bool added_ = false;
+  bool paused_ = false;
   bool headersDone_ = false;
   bool done_ = false;
   CURLcode result_ = CURLE_OK;
@@ -138,7 +142,14 @@ size_t httpTransfer::onBody(char* data, size_t size, size_t count, void* self) {
   curl_easy_getinfo(t->easy_, CURLINFO_RESPONSE_CODE, &code);
   // The body of an error page or of an authentication round is not the file.
   if (!isSuccessCode(code)) return bytes;
-  t->body_.insert(t->body_.end(), data, data + bytes);
+  // A reader slower than the network holds the transfer instead of piling the file up in memory;
+  // libcurl keeps this chunk and hands it over again when the reads resume it.
+  if (t->body_.size() - t->bodyStart_ >= kHighWaterBytes) {
+    t->paused_ = true;
+    return CURL_WRITEFUNC_PAUSE;
+  }
+  const uint8_t* first = reinterpret_cast<const uint8_t*>(data);
+  t->body_.insert(t->body_.end(), first, first + bytes);
   t->received_ += static_cast<int64_t>(bytes);
   t->headersDone_ = true;
   return bytes;
@@ -170,6 +181,8 @@ void httpTransfer::configure(const char* url, int32_t timeoutMs, bool tls) {
   curl_easy_setopt(easy_, CURLOPT_MAXREDIRS, 8L);
   curl_easy_setopt(easy_, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC | CURLAUTH_DIGEST));
   curl_easy_setopt(easy_, CURLOPT_NOPROXY, "*");
+  // Larger receive chunks: fewer callbacks and copies for firmware-sized files.
+  curl_easy_setopt(easy_, CURLOPT_BUFFERSIZE, 128L * 1024L);
   curl_easy_setopt(easy_, CURLOPT_USERAGENT, "provisor/3.0.0.80");
   // An https transfer never falls back to plain http through a redirect.
 #if LIBCURL_VERSION_NUM >= 0x075500
@@ -206,8 +219,7 @@ bool httpTransfer::open(const char* url, int32_t timeoutMs, bool tls) {
   }
   added_ = true;
   auto deadline = SteadyClock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!headersDone_ && pump(deadline)) {
-  }
+  pumpUntil([this] { return headersDone_; }, deadline);
   curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &responseCode);
   // Once a success header block is complete the body belongs to the reads, which report a body cut
   // short as a break rather than losing it in a failed open.
@@ -220,18 +232,20 @@ bool httpTransfer::open(const char* url, int32_t timeoutMs, bool tls) {
   return false;
 }
 
-bool httpTransfer::pump(SteadyClock::time_point deadline) {
-  if (done_) return false;
-  int running = 0;
-  curl_multi_perform(multi_, &running);
-  int queued = 0;
-  while (CURLMsg* message = curl_multi_info_read(multi_, &queued))
-    if (message->msg == CURLMSG_DONE) finish(message->data.result);
-  if (done_) return false;
-  int64_t left = msLeft(deadline);
-  if (left == 0) return false;
-  curl_multi_poll(multi_, nullptr, 0, static_cast<int>(std::min<int64_t>(left, 200)), nullptr);
-  return true;
+template <class Ready>
+void httpTransfer::pumpUntil(Ready ready, SteadyClock::time_point deadline) {
+  while (!done_) {
+    int running = 0;
+    curl_multi_perform(multi_, &running);
+    int queued = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi_, &queued))
+      if (message->msg == CURLMSG_DONE) finish(message->data.result);
+    // Only wait for the network when what came so far is not enough.
+    if (done_ || ready()) return;
+    int64_t left = msLeft(deadline);
+    if (left == 0) return;
+    curl_multi_poll(multi_, nullptr, 0, static_cast<int>(std::min<int64_t>(left, 200)), nullptr);
+  }
 }
 
 void httpTransfer::finish(CURLcode result) {
@@ -253,8 +267,7 @@ void httpTransfer::markBroken(const std::string& why) {
 int httpTransfer::read(uint8_t* out, size_t wanted, size_t unit, int32_t timeoutMs) {
   if (timeoutMs < 0) timeoutMs = 5000;
   auto deadline = SteadyClock::now() + std::chrono::milliseconds(timeoutMs);
-  while (body_.size() - bodyStart_ < wanted && pump(deadline)) {
-  }
+  pumpUntil([this, wanted] { return paused_ || body_.size() - bodyStart_ >= wanted; }, deadline);
   size_t buffered = body_.size() - bodyStart_;
   if (buffered < unit) {
     if (!done_)
@@ -269,9 +282,13 @@ int httpTransfer::read(uint8_t* out, size_t wanted, size_t unit, int32_t timeout
   if (bodyStart_ == body_.size()) {
     body_.clear();
     bodyStart_ = 0;
-  } else if (bodyStart_ > (1u << 20)) {  // keep the handed-out front from piling up
+  } else if (bodyStart_ >= body_.size() / 2) {  // the rest is smaller than what moved out: cheap
     body_.erase(body_.begin(), body_.begin() + static_cast<std::ptrdiff_t>(bodyStart_));
     bodyStart_ = 0;
+  }
+  if (paused_ && body_.size() - bodyStart_ < kHighWaterBytes / 2) {
+    paused_ = false;
+    curl_easy_pause(easy_, CURLPAUSE_CONT);
   }
   return static_cast<int>(n);
 }

@@ -3,8 +3,9 @@
 // Nothing here throws; every call returns a flag or a count and reports failures to the log.
 //
 // Waits are poll() calls on the descriptor, bounded by the time-out given. They follow the service
-// clock: with the fake clock of the tests a wait that sees nothing takes only a moment of real time
-// and then moves the clock on by the whole time-out, so retry ladders cost no real time.
+// clock: with the fake clock of the tests a wait that sees nothing takes at most 200 ms of real
+// time and then moves the clock on by the whole time-out, so retry ladders of half a minute cost a
+// second while real servers on a busy machine still have time to answer.
 #pragma once
 
 #include <netinet/in.h>

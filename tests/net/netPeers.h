@@ -12,16 +12,8 @@
 #include <cstring>
 #include <string>
 
-#include "clock.h"
 
 namespace net_test {
-
-// A fake clock that lets real waits last up to 200 ms, so a scripted peer on a busy machine still
-// answers within a wait while the retry ladders cost no real time.
-class PatientClock : public FakeClock {
- public:
-  int realWaitMs(int ms) override { return ms < 0 ? 200 : std::min(ms, 200); }
-};
 
 inline sockaddr_in loopback(uint16_t port) {
   sockaddr_in a{};

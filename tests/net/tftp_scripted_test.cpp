@@ -38,7 +38,7 @@ class TftpScripted : public ::testing::Test {
     return n;
   }
   std::unique_ptr<TempRoot> root;
-  PatientClock clock;
+  FakeClock clock;  // socket waits take at most 200 ms of real time, then the clock moves on
   Clock* previous = nullptr;
   LogCapture log;
 };
