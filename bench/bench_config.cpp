@@ -18,6 +18,7 @@
 
 #include "autopTranslator.h"
 #include "cfgUpgrader.h"
+#include "benchRoot.h"
 #include "paths.h"
 #include "registry.h"
 
@@ -29,25 +30,6 @@ constexpr int kItemsPerSubObject = 40;
 constexpr int kLookups = 50000;
 constexpr int kIniFiles = 20;
 constexpr int kSectionsPerFile = 5;
-
-// A throw-away root for the run under $TMPDIR (default /tmp), removed at exit.
-const std::string& benchRoot() {
-  static const std::string* root = [] {
-    const char* base = getenv("TMPDIR");
-    std::string pattern = std::string(base && *base ? base : "/tmp") + "/provisor-bench-XXXXXX";
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
-    auto* dir = new std::string(mkdtemp(buffer.data()) ? buffer.data() : "");
-    setenv("PROVISOR_ROOT", dir->c_str(), 1);
-    platformSetRoot(*dir);
-    return dir;
-  }();
-  static bool cleanup = atexit([] {
-    if (!benchRoot().empty()) (void)!system(("rm -rf '" + benchRoot() + "'").c_str());
-  }) == 0;
-  (void)cleanup;
-  return *root;
-}
 
 bool numbered(int object) { return object % 2 == 0; }
 

@@ -16,6 +16,7 @@
 
 #include "autoUpgrade.h"
 #include "autopTranslator.h"
+#include "benchRoot.h"
 #include "paths.h"
 #include "registry.h"
 
@@ -65,22 +66,12 @@ std::string generatedConfig(size_t bytes) {
   return text;
 }
 
-std::string makeRoot() {
-  const char* base = getenv("TMPDIR");
-  std::string pattern = std::string(base && *base ? base : "/tmp") + "/provisor-bench-XXXXXX";
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  std::string root = mkdtemp(buffer.data()) ? buffer.data() : "";
-  setenv("PROVISOR_ROOT", root.c_str(), 1);
-  platformSetRoot(root);
-  return root;
-}
-
 void BM_ConfigFile(benchmark::State& state) {
   std::string tableXml;
   platformSetRoot("");
   readTextFile(std::string(PROVISOR_SOURCE_DIR) + "/data/autopTranslator.xml", tableXml);
-  const std::string root = makeRoot();
+  const std::string root = benchRoot();
+  platformSetRoot(root);
   writeFileAtomic("/phone/resource/autopTranslator.xml", tableXml);
   const std::string config = generatedConfig(static_cast<size_t>(state.range(0)));
   size_t keys = 0;
@@ -117,7 +108,6 @@ void BM_ConfigFile(benchmark::State& state) {
   state.counters["items_per_s"] = benchmark::Counter(static_cast<double>(keys) * state.iterations(),
                                                      benchmark::Counter::kIsRate);
   state.counters["peak_rss_MiB"] = static_cast<double>(usage.ru_maxrss) / 1024.0;
-  (void)!system(("rm -rf '" + root + "'").c_str());
 }
 
 }  // namespace

@@ -5,29 +5,13 @@
 
 #include <string>
 
+#include "benchRoot.h"
 #include "paths.h"
 #include "registry.h"
 
 namespace {
 
 const char* kFile = "/config/system/system.ini";
-
-// A throw-away root for the run, removed at exit (kept on the heap: it must outlive static
-// destruction for the exit handler).
-const std::string& benchRoot() {
-  static const std::string* root = [] {
-    char pattern[] = "/tmp/provisor-bench-XXXXXX";
-    auto* dir = new std::string(mkdtemp(pattern) ? pattern : "");
-    setenv("PROVISOR_ROOT", dir->c_str(), 1);
-    platformSetRoot(*dir);
-    return dir;
-  }();
-  static bool cleanup = atexit([] {
-    if (!benchRoot().empty()) (void)!system(("rm -rf '" + benchRoot() + "'").c_str());
-  }) == 0;
-  (void)cleanup;
-  return *root;
-}
 
 void fill(int keys) {
   for (int i = 0; i < keys; ++i)
