@@ -72,7 +72,8 @@ void iniFile::LoadFromText(const std::string& text) {
     if (end == std::string::npos) end = text.size();
     std::string raw = text.substr(start, end - start);
     start = end + 1;
-    if (!raw.empty() && raw.back() == '\r') raw.pop_back();
+    // Any number of carriage returns ends a line: written back, the line must read the same.
+    while (!raw.empty() && raw.back() == '\r') raw.pop_back();
 
     std::string line = trim(raw);
     std::string name;

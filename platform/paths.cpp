@@ -15,8 +15,8 @@
 namespace {
 
 std::mutex& rootMutex() {
-  static std::mutex m;
-  return m;
+  static std::mutex* m = new std::mutex();
+  return *m;
 }
 
 std::string normalisedRoot(const char* value) {
@@ -25,9 +25,10 @@ std::string normalisedRoot(const char* value) {
   return root;
 }
 
+// Never destroyed: helper threads and exit handlers may still resolve paths during exit.
 std::string& rootStorage() {
-  static std::string root = normalisedRoot(getenv("PROVISOR_ROOT"));
-  return root;
+  static std::string* root = new std::string(normalisedRoot(getenv("PROVISOR_ROOT")));
+  return *root;
 }
 
 bool makeParentDirs(const std::string& hostFile) {

@@ -6,6 +6,9 @@ namespace ns_net {
 
 namespace {
 
+// The host of a local file path.
+constexpr const char* kLocalFileHost = "127.0.0.1";
+
 std::string lowerCase(std::string text) {
   for (char& c : text) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
   return text;
@@ -41,6 +44,8 @@ bool parseHostPort(const std::string& text, autopUrl& url) {
     url.host = text.substr(0, colon);
     if (colon != std::string::npos) portText = text.substr(colon + 1);
   }
+  // A bracket inside a host name could not be written back unambiguously.
+  if (url.host.find_first_of("[]") != std::string::npos) return false;
   url.port = parsePort(portText);
   return url.port != -2;
 }
@@ -76,7 +81,7 @@ bool autopUrl::Parse(const std::string& text) {
   if (text.empty()) return false;
   if (text[0] == '/') {
     scheme = "file";
-    host = "127.0.0.1";
+    host = kLocalFileHost;
     path = text;
     return true;
   }
@@ -99,6 +104,11 @@ bool autopUrl::Parse(const std::string& text) {
 }
 
 std::string autopUrl::ToText() const {
+  // A local file is written as its path: the path of "/dir/a?b" holds the "?" itself, and only the
+  // plain path form parses back into the same record.
+  if (scheme == "file" && host == kLocalFileHost && user.empty() && password.empty() && port == -1 &&
+      query.empty() && fragment.empty() && !path.empty() && path[0] == '/')
+    return path;
   std::string text = scheme + "://";
   if (!user.empty()) {
     text += user;

@@ -45,7 +45,7 @@ TEST(AutoptoolFetch, FailuresExitWithOneAndTheReason) {
   EXPECT_NE(output.find("fetch failed: invalid URL"), std::string::npos) << output;
 
   EXPECT_EQ(runCommand(fetchCommand("/config/none.cfg", root.host("/tmp/a")), &output), 1);
-  EXPECT_NE(output.find("fetch failed: cannot open file://127.0.0.1/config/none.cfg"), std::string::npos) << output;
+  EXPECT_NE(output.find("fetch failed: cannot open /config/none.cfg"), std::string::npos) << output;
 
   TcpPeer peer;
   std::thread script([&] {

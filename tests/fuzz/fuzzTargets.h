@@ -1,0 +1,19 @@
+// Entry points for the parsers of untrusted input: URL texts, configuration files of both models,
+// INI text, text-method calls, translation tables and cipher-text files. Each takes any bytes and
+// must neither crash nor overrun; where a parser promises a round trip, the target checks it and
+// aborts on a mismatch. The fuzz build (fuzz/) drives them with libFuzzer; the seed files under
+// tests/fuzz/seeds/<target>/ run through them as ordinary tests.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+struct FuzzTarget {
+  const char* name;
+  void (*run)(const uint8_t* data, size_t size);
+};
+
+// Every target, ending with {nullptr, nullptr}.
+extern const FuzzTarget kFuzzTargets[];
+const FuzzTarget* findFuzzTarget(const std::string& name);
