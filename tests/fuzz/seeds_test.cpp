@@ -14,7 +14,7 @@ namespace {
 
 std::vector<std::string> seedFiles(const std::string& target) {
   std::vector<std::string> files;
-  std::string dir = std::string(PROVISOR_SOURCE_DIR) + "/tests/fuzz/seeds/" + target;
+  std::string dir = std::string(PROVISOR_SOURCE_DIR) + "/fuzz/seeds/" + target;
   if (DIR* d = opendir(dir.c_str())) {
     while (dirent* entry = readdir(d))
       if (entry->d_name[0] != '.') files.push_back(dir + "/" + entry->d_name);

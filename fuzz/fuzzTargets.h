@@ -2,7 +2,7 @@
 // INI text, text-method calls, translation tables and cipher-text files. Each takes any bytes and
 // must neither crash nor overrun; where a parser promises a round trip, the target checks it and
 // aborts on a mismatch. The fuzz build (fuzz/) drives them with libFuzzer; the seed files under
-// tests/fuzz/seeds/<target>/ run through them as ordinary tests.
+// fuzz/seeds/<target>/ run through them as ordinary tests.
 #pragma once
 
 #include <cstddef>

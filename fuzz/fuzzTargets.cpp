@@ -1,4 +1,4 @@
-#define LOG_MODULE "./tests/fuzz"
+#define LOG_MODULE "./fuzz"
 #include "fuzzTargets.h"
 
 #include <unistd.h>
