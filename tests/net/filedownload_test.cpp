@@ -77,6 +77,9 @@ TEST_F(FileDownloadTest, FailedOpensAndArgumentChecks) {
   gopher.Parse("gopher://127.0.0.1/x");
   EXPECT_FALSE(d.OpenDownloadStream(gopher, -1));
   EXPECT_FALSE(d.IsOpen());
+  root->write("/config/sub/x.cfg", "x");
+  EXPECT_FALSE(d.OpenDownloadStream(localUrl("/config/sub"), -1)) << "a directory is not a file";
+  EXPECT_TRUE(log.contains("IFO Open Stream Failed : [path = /config/sub]"));
 
   EXPECT_TRUE(d.DownloadToNULL(0));
   EXPECT_FALSE(d.DownloadToNULL(-1));
