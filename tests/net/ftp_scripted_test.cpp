@@ -10,7 +10,6 @@
 #include "testRoot.h"
 
 using namespace net_test;
-using ns_net::autopUrl;
 using ns_net::fileDownload;
 using ns_net::sockFTP;
 using testing_support::LogCapture;
@@ -54,15 +53,6 @@ class FtpScripted : public ::testing::Test {
   void SetUp() override { root = std::make_unique<TempRoot>(); }
   std::string url(uint16_t port, const std::string& credentials, const std::string& path) {
     return "ftp://" + credentials + "127.0.0.1:" + std::to_string(port) + "/" + path;
-  }
-  // Opens and saves to /tmp/out; -1 when the open failed.
-  int download(const std::string& text, fileDownload& d) {
-    autopUrl u;
-    EXPECT_TRUE(u.Parse(text));
-    if (!d.OpenDownloadStream(u, -1)) return -1;
-    int n = d.DownloadToFile("/tmp/out", false);
-    d.Close();
-    return n;
   }
   std::unique_ptr<TempRoot> root;
   LogCapture log;
@@ -108,7 +98,7 @@ TEST_F(FtpScripted, CredentialsMultiLineRepliesAndPassiveTransfer) {
     close(s.fd);
   });
   fileDownload d;
-  EXPECT_EQ(download(url(control.port(), "u:p@", "dir/f.cfg"), d), 5);
+  EXPECT_EQ(downloadToOut(url(control.port(), "u:p@", "dir/f.cfg"), d), 5);
   script.join();
   EXPECT_EQ(root->read("/tmp/out"), "hello");
   EXPECT_EQ(s.commands, (std::vector<std::string>{"USER u", "PASS p", "TYPE I", "SIZE dir/f.cfg", "PASV",
@@ -146,7 +136,7 @@ TEST_F(FtpScripted, AnonymousLoginAndUserWithoutPassword) {
       close(s.fd);
     });
     fileDownload d;
-    EXPECT_EQ(download(url(control.port(), credentials, "f"), d), -1);
+    EXPECT_EQ(downloadToOut(url(control.port(), credentials, "f"), d), -1);
     script.join();
     if (credentials.empty())
       EXPECT_EQ(s.commands, (std::vector<std::string>{"USER anonymous", "PASS provisor@phone.local"}));
@@ -179,7 +169,7 @@ TEST_F(FtpScripted, RefusedPassiveFallsBackToActiveMode) {
     close(s.fd);
   });
   fileDownload d;
-  EXPECT_EQ(download(url(control.port(), "", "f"), d), 6);
+  EXPECT_EQ(downloadToOut(url(control.port(), "", "f"), d), 6);
   script.join();
   EXPECT_EQ(root->read("/tmp/out"), "active");
   EXPECT_EQ(port.find("PORT 127,0,0,1,"), 0u) << "the standard form, without parentheses: " << port;
@@ -220,7 +210,7 @@ TEST_F(FtpScripted, TransfersEndingEarlyAreBreaks) {
       close(s.fd);
     });
     fileDownload d;
-    EXPECT_EQ(download(url(control.port(), "", "f"), d), 0) << c.logged;
+    EXPECT_EQ(downloadToOut(url(control.port(), "", "f"), d), 0) << c.logged;
     script.join();
     EXPECT_TRUE(d.LastTransferBroken()) << c.logged;
     EXPECT_TRUE(log.contains(c.logged)) << c.logged;

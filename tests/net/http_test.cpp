@@ -14,7 +14,6 @@
 #include "testRoot.h"
 
 using namespace net_test;
-using ns_net::autopUrl;
 using ns_net::fileDownload;
 using testing_support::HttpServer;
 using testing_support::LogCapture;
@@ -59,18 +58,10 @@ class HttpTest : public ::testing::Test {
   std::string https(int port, const std::string& rest, const std::string& credentials = "") const {
     return "https://" + credentials + "127.0.0.1:" + std::to_string(port) + rest;
   }
-  // Downloads into /tmp/out: the bytes, or -1 when the open failed.
-  int fetch(const std::string& text, fileDownload& d) {
-    autopUrl u;
-    EXPECT_TRUE(u.Parse(text));
-    if (!d.OpenDownloadStream(u, -1)) return -1;
-    int n = d.DownloadToFile("/tmp/out", false);
-    d.Close();
-    return n;
-  }
+  int fetch(const std::string& text, fileDownload& d) { return downloadToOut(text, d); }
   int fetch(const std::string& text) {
     fileDownload d;
-    return fetch(text, d);
+    return downloadToOut(text, d);
   }
 
   static TestCa* ca;

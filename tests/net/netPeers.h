@@ -12,6 +12,9 @@
 #include <cstring>
 #include <string>
 
+#include <gtest/gtest.h>
+
+#include "fileStream.h"
 
 namespace net_test {
 
@@ -122,6 +125,19 @@ inline int connectTo(uint16_t port) {
     return -1;
   }
   return fd;
+}
+
+// Opens `url` and saves it to /tmp/out: the bytes written, or -1 when the open failed.
+inline int downloadToOut(const std::string& url, ns_net::fileDownload& d, int32_t timeoutMs = -1) {
+  ns_net::autopUrl parsed;
+  if (!parsed.Parse(url)) {
+    ADD_FAILURE() << "the test's URL does not parse: " << url;
+    return -1;
+  }
+  if (!d.OpenDownloadStream(parsed, timeoutMs)) return -1;
+  int n = d.DownloadToFile("/tmp/out", false);
+  d.Close();
+  return n;
 }
 
 }  // namespace net_test

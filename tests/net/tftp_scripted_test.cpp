@@ -11,7 +11,6 @@
 #include "tftpStream.h"
 
 using namespace net_test;
-using ns_net::autopUrl;
 using ns_net::fileDownload;
 using testing_support::LogCapture;
 using testing_support::TempRoot;
@@ -30,12 +29,7 @@ class TftpScripted : public ::testing::Test {
   }
   // Downloads tftp://127.0.0.1:<port>/<name> to /tmp/out; the bytes written (0 when it failed).
   int download(uint16_t port, const std::string& name, fileDownload& d, int32_t timeoutMs = -1) {
-    autopUrl url;
-    url.Parse("tftp://127.0.0.1:" + std::to_string(port) + "/" + name);
-    if (!d.OpenDownloadStream(url, timeoutMs)) return -1;
-    int n = d.DownloadToFile("/tmp/out", false);
-    d.Close();
-    return n;
+    return downloadToOut("tftp://127.0.0.1:" + std::to_string(port) + "/" + name, d, timeoutMs);
   }
   std::unique_ptr<TempRoot> root;
   FakeClock clock;  // socket waits take at most 200 ms of real time, then the clock moves on
@@ -49,6 +43,14 @@ size_t countOf(const std::string& text, const std::string& needle) {
   return count;
 }
 
+// The server's side of one block: send it from `peer` and check the client acknowledges it.
+void sendBlock(UdpPeer& peer, sockaddr_in& client, uint16_t block, const std::string& bytes) {
+  std::string packet;
+  peer.sendTo(tftpData(block, bytes), client);
+  ASSERT_TRUE(peer.receive(packet, client));
+  EXPECT_EQ(packet, tftpAck(block)) << "after block " << block;
+}
+
 TEST_F(TftpScripted, ExactMultipleOf512EndsWithEmptyBlockAndAcksGoToTransferPort) {
   UdpPeer server;    // the well-known port: only the request may arrive here
   UdpPeer transfer;  // the port the server answers from
@@ -59,15 +61,9 @@ TEST_F(TftpScripted, ExactMultipleOf512EndsWithEmptyBlockAndAcksGoToTransferPort
     ASSERT_TRUE(server.receive(packet, client));
     EXPECT_EQ(packet, tftpRequest("dir/k1.cfg"));
     EXPECT_EQ(packet.size(), std::string("dir/k1.cfg").size() + 9);
-    transfer.sendTo(tftpData(1, a), client);
-    ASSERT_TRUE(transfer.receive(packet, client));
-    EXPECT_EQ(packet, tftpAck(1));
-    transfer.sendTo(tftpData(2, b), client);
-    ASSERT_TRUE(transfer.receive(packet, client));
-    EXPECT_EQ(packet, tftpAck(2));
-    transfer.sendTo(tftpData(3, ""), client);
-    ASSERT_TRUE(transfer.receive(packet, client));
-    EXPECT_EQ(packet, tftpAck(3));  // the final acknowledgement
+    sendBlock(transfer, client, 1, a);
+    sendBlock(transfer, client, 2, b);
+    sendBlock(transfer, client, 3, "");  // the empty block ends it and is acknowledged too
     EXPECT_FALSE(server.receive(packet, client, 50)) << "nothing may go to the request port after block 1";
   });
   fileDownload d;
@@ -85,18 +81,12 @@ TEST_F(TftpScripted, DuplicatedAndLostBlocksAreRecovered) {
     std::string packet;
     sockaddr_in client{};
     ASSERT_TRUE(server.receive(packet, client));
-    transfer.sendTo(tftpData(1, a), client);
-    ASSERT_TRUE(transfer.receive(packet, client));
-    EXPECT_EQ(packet, tftpAck(1));
-    transfer.sendTo(tftpData(1, a), client);  // a duplicate of block 1
-    ASSERT_TRUE(transfer.receive(packet, client));
-    EXPECT_EQ(packet, tftpAck(1)) << "the same acknowledgement is sent again";
+    sendBlock(transfer, client, 1, a);
+    sendBlock(transfer, client, 1, a);  // a duplicate: the same acknowledgement is sent again
     // Block 2 is "lost": say nothing until the client asks a third time.
     ASSERT_TRUE(transfer.receive(packet, client));
     EXPECT_EQ(packet, tftpAck(1));
-    transfer.sendTo(tftpData(2, tail), client);
-    ASSERT_TRUE(transfer.receive(packet, client));
-    EXPECT_EQ(packet, tftpAck(2));
+    sendBlock(transfer, client, 2, tail);
   });
   fileDownload d;
   EXPECT_EQ(download(server.port(), "f", d), 612);
@@ -224,16 +214,12 @@ TEST_F(TftpScripted, DatagramsFromAnotherSourceAreRefusedWithUnknownTransferId) 
     std::string packet;
     sockaddr_in client{};
     ASSERT_TRUE(server.receive(packet, client));
-    transfer.sendTo(tftpData(1, a), client);
-    ASSERT_TRUE(transfer.receive(packet, client));
-    EXPECT_EQ(packet, tftpAck(1));
+    sendBlock(transfer, client, 1, a);
     stranger.sendTo(tftpData(2, "forged"), client);
     sockaddr_in from{};
     ASSERT_TRUE(stranger.receive(packet, from));
     EXPECT_EQ(packet, tftpError(5, "Unknown transfer ID"));
-    transfer.sendTo(tftpData(2, tail), client);
-    ASSERT_TRUE(transfer.receive(packet, client));
-    EXPECT_EQ(packet, tftpAck(2));
+    sendBlock(transfer, client, 2, tail);
   });
   fileDownload d;
   EXPECT_EQ(download(server.port(), "f", d), 519);
