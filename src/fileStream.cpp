@@ -1,8 +1,6 @@
 #define LOG_MODULE "./src/fileStream"
 #include "fileStream.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 
 #include "device.h"
@@ -33,20 +31,15 @@ uint16_t portOr(int32_t port, uint16_t fallback) { return port == -1 ? fallback 
 
 std::string pathWithoutSlash(const std::string& path) { return path.empty() ? path : path.substr(1); }
 
-// A directory opens for reading on Linux and only fails at the first read; refusing it here gives
-// the same answer as a missing file.
-bool isDirectory(const std::string& path) {
-  struct stat info;
-  return stat(hostPath(path).c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
 // localStream
 
 bool localStream::Open(const std::string& path) {
-  if (isDirectory(path) || !chFileStdio::Open(path, chFileStdio::kModeRead)) {
+  // A directory opens for reading on Linux and only fails at the first read: refuse it here, with
+  // the same answer as a missing file.
+  if (pathIsDirectory(path) || !chFileStdio::Open(path, chFileStdio::kModeRead)) {
     LOG_IFO("Open Stream Failed : [path = %s]", path.c_str());
     return false;
   }
