@@ -103,7 +103,8 @@ bool pnpIsAcceptableUrl(const std::string& url) {
   if (url.empty() || url.size() > kMaxUrlLength) return false;
   for (char c : url) {
     unsigned char u = static_cast<unsigned char>(c);
-    if (u <= 0x20 || u == 0x7f) return false;
+    // A URL is plain ASCII: blanks would make it two, control bytes never belong in one.
+    if (u <= 0x20 || u >= 0x7f) return false;
   }
   size_t separator = url.find("://");
   if (separator == std::string::npos) return false;

@@ -79,5 +79,5 @@ class PNPManger : public chThreadLocal {
 };
 
 // A NOTIFY body the phone takes as its provisioning URL: one tftp, ftp, http or https URL with a
-// host, at most 355 characters, no blanks or control characters.
+// host, at most 355 characters of printable ASCII without blanks.
 bool pnpIsAcceptableUrl(const std::string& url);
