@@ -1,6 +1,6 @@
 // Entry points for the parsers of untrusted input: URL texts, configuration files of both models,
-// INI text, text-method calls, translation tables and cipher-text files. Each takes any bytes and
-// must neither crash nor overrun; where a parser promises a round trip, the target checks it and
+// INI text, text-method calls, translation tables, cipher-text files and SIP messages. Each takes
+// any bytes and must neither crash nor overrun; where a parser promises a round trip, the target checks it and
 // aborts on a mismatch. The fuzz build (fuzz/) drives them with libFuzzer; the seed files under
 // fuzz/seeds/<target>/ run through them as ordinary tests.
 #pragma once
@@ -17,3 +17,6 @@ struct FuzzTarget {
 // Every target, ending with {nullptr, nullptr}.
 extern const FuzzTarget kFuzzTargets[];
 const FuzzTarget* findFuzzTarget(const std::string& name);
+
+// SIP messages of the plug-and-play discovery (fuzz/sipTargets.cpp).
+void fuzzSipMessage(const uint8_t* data, size_t size);

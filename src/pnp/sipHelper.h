@@ -2,12 +2,35 @@
 // it sends the SIP SUBSCRIBE for the "ua-profile" event to the multicast group named by the service's
 // AP_MSG_PNP_REQUEST, listens on port 5059 for the NOTIFY that carries the provisioning URL, and
 // posts that URL to the "provisor" thread (MSG_RESPOND_URL). The service owns the one instance.
+//
+// How the service drives it:
+//   Start()                      before the first request; the thread is reachable by name on return.
+//   AP_MSG_PNP_REQUEST (post)    wParam 0, lParam 0, extra data: the multicast address text with its
+//                                terminating zero. Sends a SUBSCRIBE at once and three more a second
+//                                apart until a NOTIFY brings a URL.
+//   MSG_RESPOND_URL (received)   at most once per request: extra data is the URL text with its
+//                                terminating zero. No answer within the four tries: nothing is posted.
+//   AP_MSG_PNP_DONE (post)       after the run the URL started; only logged.
+//   Stop()                       before the service's thread goes away.
+//
+// Choices where the platform's description is silent:
+// - The socket is opened when the thread starts; when the network was down then, the next request
+//   tries again, so a phone whose link comes up late still discovers its server.
+// - The port monitor runs while the socket is open and reads every datagram waiting at each tick.
+// - The answer to a NOTIFY goes to the address the datagram came from (a server behind NAT or with
+//   a port of its own gets it), with status "200 OK".
 #pragma once
 
-#include <memory>
+#include <cstdint>
+#include <deque>
+#include <string>
 #include <thread>
+#include <utility>
 
 #include "msgqueue.h"
+#include "netSocket.h"
+
+class sipMessage;
 
 class PNPManger : public chThreadLocal {
  public:
@@ -22,6 +45,39 @@ class PNPManger : public chThreadLocal {
   bool TryThreadMessage(msgObject& msg) override;
   bool OnTimerMessage(msgObject& msg) override;
 
+  // The port the phone listens on and the port the SUBSCRIBE goes to.
+  static constexpr uint16_t kPnpPort = 5059;
+  static constexpr uint16_t kServerPort = 5060;
+
  private:
+  void OnThreadStart();
+  bool OpenSocket();
+  void CloseSocket();
+  void OnPnpRequest(const msgObject& msg);
+  void SendRequest();
+  std::string BuildSubscribe();
+  void OnRequestTimer();
+  void OnMonitorTimer();
+  void HandleDatagram(const ns_net::netAddress& from);
+  void HandleNotify(const sipMessage& notify, const ns_net::netAddress& from, size_t size);
+  void Answer(const sipMessage& notify, const ns_net::netAddress& from);
+  bool AlreadyTaken(const sipMessage& notify) const;
+  void RememberTaken(const sipMessage& notify);
+  void PostUrl(const std::string& url);
+
   std::thread worker_;
+  ns_net::netSocketUDP socket_;
+  std::string requestTarget_;
+  std::string lastCallId_;
+  uint64_t requestCounter_ = 0;
+  // From the first SUBSCRIBE until the URL is handed over or the fourth try has timed out.
+  bool requestOutstanding_ = false;
+  // Call-ID and CSeq number of the NOTIFYs whose URL was handed over (the latest few).
+  std::deque<std::pair<std::string, uint32_t>> takenNotifies_;
+  chThreadTimer requestTimer_;
+  chThreadTimer monitorTimer_;
 };
+
+// A NOTIFY body the phone takes as its provisioning URL: one tftp, ftp, http or https URL with a
+// host, at most 355 characters of printable ASCII without blanks.
+bool pnpIsAcceptableUrl(const std::string& url);
