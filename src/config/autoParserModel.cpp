@@ -125,7 +125,8 @@ bool takeM1Section(const iniFile& file, const iniSection& section, const autopTr
       appendLookedUp(table, target, m2Target("psw", entry.key, entry.value), pairs);
       continue;
     }
-    std::string name = section.name + "." + entry.key;
+    // An older-model setting outside the password file is named after its section alone.
+    std::string name = "security." + section.name;
     LOG_DEB("%s = %s", name.c_str(), isSecretKey(entry.key) ? "******" : entry.value.c_str());
     pairs.emplace_back(name, trim(entry.value));
   }
