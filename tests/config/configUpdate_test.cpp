@@ -1,6 +1,7 @@
-// One configuration file through the parser as a run takes it: what is left in /tmp, files that give
-// no item, values the INI files cannot hold, writes that fail, the size limit against a server that
-// never stops, reboots asked for by a table object, and the older model's key names.
+// One configuration file through the parser as a run takes it: the key that decrypts it, what is
+// left in /tmp, files that give no item, values the INI files cannot hold, writes that fail, the
+// size limit against a server that never stops, reboots asked for by a table object, and the older
+// model's key names. Cipher files are made by openssl.
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
@@ -65,6 +66,22 @@ class ConfigUpdateTest : public RootedTest {
     registryResetCache();
     return brisaGetProfileString(file, section, key, "<none>");
   }
+  // `plain` (whole 16-byte blocks) encrypted with a key text, zero padded to 16 bytes.
+  void encrypt(const std::string& logical, const std::string& plain, const std::string& keyText) {
+    std::string hex;
+    char digits[3];
+    for (size_t i = 0; i < 16; ++i) {
+      snprintf(digits, sizeof(digits), "%02x", i < keyText.size() ? static_cast<unsigned char>(keyText[i]) : 0);
+      hex += digits;
+    }
+    root->write("/tmp/plain.in", plain);
+    std::string out;
+    ASSERT_EQ(runCommand("openssl enc -aes-128-ecb -nopad -K " + hex + " -in '" + root->host("/tmp/plain.in") +
+                             "' -out '" + root->host(logical) + "'",
+                         &out),
+              0)
+        << out;
+  }
   autopTranslator table;
 };
 
@@ -72,15 +89,30 @@ std::string m7(const std::string& body) { return "#!version:1.0.0.1\n" + body; }
 
 }  // namespace
 
+TEST_F(ConfigUpdateTest, BuiltInKeyTextIsNoCustomKeyAndTheDefaultWhenNoneIsSet) {
+  const std::string builtIn = kBuiltInAesKeyText;
+  struct Case {
+    std::string keys;  // [AutoProvision] lines
+    bool perDevice;
+    std::string encryptedWith;
+  } cases[] = {
+      {"strKeyAES16MAC = " + builtIn + "\nstrKeyAES16 = commonKey\n", true, "commonKey"},
+      {"", true, builtIn},
+      {"", false, builtIn},
+  };
+  const std::string plain = m7("account.label = x\n") + std::string(12, ' ');
+  for (const Case& c : cases) {
+    root->write("/config/system/system.ini", "[AutoProvision]\n" + c.keys);
+    registryResetCache();
+    encrypt("/tmp/xxx.cfg", plain, c.encryptedWith);
+    EXPECT_TRUE(decryptIfNeeded("/tmp/xxx.cfg", c.perDevice, AesKeySources{})) << c.keys << c.perDevice;
+    EXPECT_EQ(root->read("/tmp/xxx.cfg"), plain) << c.keys << c.perDevice;
+  }
+}
+
 TEST_F(ConfigUpdateTest, DecryptedFileIsGoneAfterUse) {
-  root->write("/tmp/plain.in", m7("account.label = secret-holder\n") + std::string(16, ' '));
-  std::string out;
   root->write("/config/system/system.ini", "[AutoProvision]\nstrKeyAES16 = 0123456789abcdef\n");
-  ASSERT_EQ(runCommand("openssl enc -aes-128-ecb -nopad -K 30313233343536373839616263646566 -in '" +
-                           root->host("/tmp/plain.in") + "' -out '" + root->host("/tmp/enc.cfg") + "'",
-                       &out),
-            0)
-      << out;
+  encrypt("/tmp/enc.cfg", m7("account.label = secret-holder\n") + std::string(16, ' '), "0123456789abcdef");
   ASSERT_EQ(update("/tmp/enc.cfg"), kUpdateDone);
   EXPECT_EQ(ini("/config/user/voip/sipAccount0.cfg", "account", "Label"), "secret-holder");
   EXPECT_FALSE(root->exists("/tmp/xxx.cfg"));
