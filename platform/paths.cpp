@@ -1,14 +1,18 @@
 #define LOG_MODULE "./platform/paths"
 #include "paths.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <atomic>
+#include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <mutex>
+#include <vector>
 
 #include "log.h"
 
@@ -61,7 +65,74 @@ bool writeAll(int fd, const std::string& data) {
   return true;
 }
 
+constexpr mode_t kNewFileMode = 0644;
+constexpr const char* kTemporaryMark = ".tmp";
+
+// "<base>.tmp<digits>.<digits>": the only names writeFileAtomic gives its temporaries.
+bool isTemporaryOf(const std::string& name, const std::string& base) {
+  const std::string prefix = base + kTemporaryMark;
+  if (name.compare(0, prefix.size(), prefix) != 0) return false;
+  size_t at = prefix.size();
+  auto digits = [&name, &at] {
+    size_t start = at;
+    while (at < name.size() && isdigit(static_cast<unsigned char>(name[at]))) ++at;
+    return at > start;
+  };
+  if (!digits() || at >= name.size() || name[at] != '.') return false;
+  ++at;
+  return digits() && at == name.size();
+}
+
+// Removes the temporary when no writer holds its lock and the name still is the file locked.
+bool removeIfUnlocked(const std::string& file) {
+  FdGuard fd{open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC)};
+  if (fd.fd < 0 || flock(fd.fd, LOCK_EX | LOCK_NB) != 0) return false;
+  struct stat held, named;
+  if (fstat(fd.fd, &held) != 0 || lstat(file.c_str(), &named) != 0) return false;
+  if (held.st_dev != named.st_dev || held.st_ino != named.st_ino) return false;
+  return unlink(file.c_str()) == 0;
+}
+
+// A new temporary beside `target`, created, locked and still linked under `temporary`.
+int createLockedTemporary(const std::string& target, mode_t mode, std::string& temporary) {
+  static std::atomic<unsigned> sequence{0};
+  for (int attempt = 0; attempt < 8; ++attempt) {
+    temporary = target + kTemporaryMark + std::to_string(getpid()) + "." + std::to_string(sequence.fetch_add(1));
+    int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    if (fd < 0) {
+      if (errno == EEXIST) continue;
+      return -1;
+    }
+    struct stat st;
+    // A clean-up of another process may have taken it for stale before the lock: start again.
+    if (flock(fd, LOCK_EX) == 0 && fstat(fd, &st) == 0 && st.st_nlink > 0 && fchmod(fd, mode) == 0) return fd;
+    close(fd);
+  }
+  return -1;
+}
+
 }  // namespace
+
+std::string lexicalPath(const std::string& absolutePath) {
+  std::vector<std::string> parts;
+  size_t start = 0;
+  while (start <= absolutePath.size()) {
+    size_t end = absolutePath.find('/', start);
+    if (end == std::string::npos) end = absolutePath.size();
+    std::string part = absolutePath.substr(start, end - start);
+    if (part == "..") {
+      if (!parts.empty()) parts.pop_back();
+    } else if (!part.empty() && part != ".") {
+      parts.push_back(std::move(part));
+    }
+    start = end + 1;
+  }
+  std::string out;
+  for (const std::string& part : parts) out += "/" + part;
+  if (out.empty()) return "/";
+  if (absolutePath.back() == '/') out += "/";
+  return out;
+}
 
 const std::string& platformRoot() {
   std::lock_guard<std::mutex> lock(rootMutex());
@@ -76,10 +147,11 @@ void platformSetRoot(const std::string& root) {
 std::string hostPath(const std::string& logicalPath) {
   const std::string& root = platformRoot();
   if (root.empty() || logicalPath.empty() || logicalPath[0] != '/') return logicalPath;
-  if (logicalPath.compare(0, root.size(), root) == 0 &&
-      (logicalPath.size() == root.size() || logicalPath[root.size()] == '/'))
-    return logicalPath;
-  return root + logicalPath;
+  bool needsResolving = logicalPath.find("/.") != std::string::npos || logicalPath.find("//") != std::string::npos;
+  const std::string path = needsResolving ? lexicalPath(logicalPath) : logicalPath;
+  if (path.compare(0, root.size(), root) == 0 && (path.size() == root.size() || path[root.size()] == '/'))
+    return path;
+  return root + path;
 }
 
 FilePtr openFile(const std::string& logicalPath, const char* mode) {
@@ -106,23 +178,37 @@ bool readTextFile(const std::string& logicalPath, std::string& out) {
   return !ferror(f.get());
 }
 
+int removeStaleTemporaries(const std::string& logicalPath) {
+  const std::string target = hostPath(logicalPath);
+  size_t slash = target.rfind('/');
+  const std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : target.substr(0, slash));
+  const std::string base = slash == std::string::npos ? target : target.substr(slash + 1);
+  std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(dir.c_str()), closedir);
+  if (!listing) return 0;
+  std::vector<std::string> stale;
+  while (const dirent* entry = readdir(listing.get()))
+    if (isTemporaryOf(entry->d_name, base)) stale.push_back(pathAppend(dir, entry->d_name));
+  int removed = 0;
+  for (const std::string& file : stale) removed += removeIfUnlocked(file) ? 1 : 0;
+  return removed;
+}
+
 bool writeFileAtomic(const std::string& logicalPath, const std::string& contents) {
   const std::string target = hostPath(logicalPath);
   if (!makeParentDirs(target)) return false;
-  static std::atomic<unsigned> sequence{0};
-  const std::string temporary =
-      target + ".tmp" + std::to_string(getpid()) + "." + std::to_string(sequence.fetch_add(1));
+  // Leftovers of writers killed before their rename would otherwise pile up beside the file.
+  removeStaleTemporaries(target);
+  struct stat existing;
+  mode_t mode = stat(target.c_str(), &existing) == 0 ? (existing.st_mode & 07777) : kNewFileMode;
+  std::string temporary;
   {
-    FdGuard fd{open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)};
+    // The lock lives until the descriptor closes, after the rename.
+    FdGuard fd{createLockedTemporary(target, mode, temporary)};
     if (fd.fd < 0) return false;
-    if (!writeAll(fd.fd, contents) || fsync(fd.fd) != 0) {
+    if (!writeAll(fd.fd, contents) || fsync(fd.fd) != 0 || rename(temporary.c_str(), target.c_str()) != 0) {
       unlink(temporary.c_str());
       return false;
     }
-  }
-  if (rename(temporary.c_str(), target.c_str()) != 0) {
-    unlink(temporary.c_str());
-    return false;
   }
   // The rename itself must reach the disk before we call the new contents written.
   size_t slash = target.rfind('/');
@@ -130,6 +216,13 @@ bool writeFileAtomic(const std::string& logicalPath, const std::string& contents
                    O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
   if (dir.fd >= 0) fsync(dir.fd);
   return true;
+}
+
+bool createPrivateFile(const std::string& logicalPath) {
+  const std::string file = hostPath(logicalPath);
+  FdGuard fd{open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)};
+  // An older file of that name may have been readable by all.
+  return fd.fd >= 0 && fchmod(fd.fd, 0600) == 0;
 }
 
 std::string pathAppend(const std::string& dir, const std::string& name) {

@@ -14,8 +14,12 @@ const std::string& platformRoot();
 void platformSetRoot(const std::string& root);
 
 // Logical absolute path -> host path. Relative paths are returned unchanged; a path that already
-// lies under the root is returned unchanged too, so resolving twice is harmless.
+// lies under the root is returned unchanged too, so resolving twice is harmless. "." and ".." are
+// resolved lexically first and ".." stops at the root, as it does at "/": a server-given path such
+// as "/../../x" names <root>/x and never reaches above the root.
 std::string hostPath(const std::string& logicalPath);
+// An absolute path with "." and ".." resolved lexically and repeated "/" folded; ".." of "/" is "/".
+std::string lexicalPath(const std::string& absolutePath);
 
 // RAII FILE handle.
 struct FileCloser {
@@ -34,7 +38,18 @@ bool pathIsDirectory(const std::string& logicalPath);
 bool readTextFile(const std::string& logicalPath, std::string& out);
 // Atomic replacement of a file: temporary file beside it, fsync, rename, fsync of the directory.
 // A crash at any moment leaves either the old or the new contents. Missing parents are created.
+// The new file keeps the permissions of the one it replaces (0644 for a new one).
+//
+// Temporaries are named "<name>.tmp<pid>.<n>" and are held under an exclusive lock (flock) from
+// creation until they are renamed or removed. A process killed in between leaves its temporary
+// unlocked: each write of a file first removes that file's stale temporaries, taking only names of
+// exactly that form whose lock it can take, so another writer's temporary in flight is never hit.
 bool writeFileAtomic(const std::string& logicalPath, const std::string& contents);
+// Removes the stale temporaries of one file (see writeFileAtomic); the number removed.
+int removeStaleTemporaries(const std::string& logicalPath);
+// Creates or truncates a file readable by its owner only (0600): for downloads that may hold
+// secrets in clear.
+bool createPrivateFile(const std::string& logicalPath);
 // "dir/name" with exactly one "/" between them.
 std::string pathAppend(const std::string& dir, const std::string& name);
 // Offset of the file name within a path (after the last "/").

@@ -33,7 +33,10 @@ bool parseNumber(const std::string& text, long long& out) {
   if (text.empty()) return false;
   errno = 0;
   char* end = nullptr;
-  out = strtoll(text.c_str(), &end, 0);  // decimal, or hexadecimal with 0x
+  // Decimal, or hexadecimal with 0x: a leading zero is no octal mark ("010" is ten).
+  bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+  if (hex && strchr("+- \t\n\v\f\r", text[2])) return false;  // no sign or blank after 0x
+  out = strtoll(text.c_str() + (hex ? 2 : 0), &end, hex ? 16 : 10);
   return errno == 0 && end && *end == '\0';
 }
 

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "autopUrl.h"
 #include "device.h"
 #include "log.h"
 #include "pwdUpgrader.h"
@@ -186,7 +187,7 @@ int autoCfgUpgrader::upgrade(autopItemList& items) {
       LOG_DEB("%s.%s value has special char", item->section.c_str(), item->key.c_str());
     else
       LOG_DEB("--- Set [%s::%s] Value [%s]", item->section.c_str(), item->key.c_str(),
-              isSecretItem(*item) ? kHiddenValue : item->value.c_str());
+              isSecretItem(*item) ? kHiddenValue : ns_net::maskedUrlText(item->value).c_str());
     carryUserName(item, oldValue);
     item->changed = true;
     anySet = 1;

@@ -77,13 +77,16 @@ void autoParser::CloseDownloadStream() { m_download.Close(); }
 int autoParser::fetchDownloaded() {
   makeDirs("/tmp");
   unlink(hostPath(kDownloadedConfigPath).c_str());
-  int written = m_download.DownloadToFile(kDownloadedConfigPath, false);
+  // The file may hold passwords in clear (before and after decryption): the owner's only.
+  createPrivateFile(kDownloadedConfigPath);
+  // /tmp lives in RAM: a server that sends without end is cut off just past the limit.
+  int64_t written = m_download.DownloadToFile(kDownloadedConfigPath, false, kMaxConfigFileSize);
   // A transfer cut short is never taken for the whole file.
   if (written <= 0 || m_download.LastTransferBroken()) {
     LOG_ERR("Fail to download Autop Config Model !!");
     return kUpdateNotDownloaded;
   }
-  if (fileSize(kDownloadedConfigPath) > kMaxConfigFileSize) {
+  if (written > kMaxConfigFileSize) {
     LOG_ERR("The Model Config File is larger than %d", static_cast<int>(kMaxConfigFileSize));
     return kUpdateNotLoadable;
   }
@@ -97,6 +100,7 @@ int autoParser::fetchPushed() {
   chMutexLock held(lock);
   unlink(hostPath(kDownloadedConfigPath).c_str());
   if (!pathFileExist(kPushedConfigPath)) return kUpdateNotDownloaded;
+  createPrivateFile(kDownloadedConfigPath);
   // Moved, not copied: the pushing application finds the hand-over file gone once it is taken.
   int copied = copyFile(kPushedConfigPath, kDownloadedConfigPath);
   unlink(hostPath(kPushedConfigPath).c_str());
@@ -146,9 +150,7 @@ bool autoParser::isConfigChanged(const std::string& path, std::string& memoryKey
   memoryKey = isPerDeviceFile() ? kDeviceDigestKey : kCommonDigestKey;
   std::string stored = brisaGetProfileString(kSystemIni, kDigestSection, memoryKey, "");
   if (fileMd5(path, &digest) && digest != stored) return true;
-  ns_net::autopUrl shown;
-  LOG_WAR("[%s](MD5) is same as old file",
-          shown.Parse(m_download.UrlText()) ? shown.LogText().c_str() : m_download.UrlText().c_str());
+  LOG_WAR("[%s](MD5) is same as old file", ns_net::maskedUrlText(m_download.UrlText()).c_str());
   digest.clear();
   return false;
 }
@@ -165,6 +167,10 @@ void autoParser::rememberDigest(const std::string& memoryKey, const std::string&
 }
 
 int autoParser::updateConfig(bool pushed) {
+  // The downloaded file, decrypted, holds SIP passwords in clear: it goes as soon as it is applied.
+  struct RemoveAfterUse {
+    ~RemoveAfterUse() { unlink(hostPath(kDownloadedConfigPath).c_str()); }
+  } removeAfterUse;
   int fetched = pushed ? fetchPushed() : fetchDownloaded();
   if (fetched != kUpdateDone) return fetched;
   LOG_IFO("");
@@ -178,8 +184,9 @@ int autoParser::updateConfig(bool pushed) {
   std::string memoryKey, digest;
   bool unchanged = !pushed && !isConfigChanged(kDownloadedConfigPath, memoryKey, digest);
   if (unchanged) LOG_IFO("MD5 is same as before! Just upgrade [bin|rom] file !");
-  applyBatches(unchanged);
-  if (!digest.empty()) rememberDigest(memoryKey, digest);
+  bool allWritten = applyBatches(unchanged);
+  // A file some of whose settings could not be written must apply again next time.
+  if (!digest.empty() && allWritten) rememberDigest(memoryKey, digest);
   LOG_IFO("Update Config Model Parse Finished !");
   return kUpdateDone;
 }
@@ -200,6 +207,12 @@ void autoParser::fillBatch(size_t& next, autopItemList& batch) {
       LOG_WAR("Warning! Not found item %s", pair.first.c_str());
       continue;
     }
+    // C readers of the INI file would see the value cut at the byte, others the byte itself: the
+    // value is refused whole rather than applied as something the server did not send.
+    if (pair.second.find('\0') != std::string::npos) {
+      LOG_WAR("Warning! Value of item %s holds a NUL byte, skipped", pair.first.c_str());
+      continue;
+    }
     item->name = pair.first;
     item->value = pair.second == kNullValue ? "" : pair.second;
     item->changed = false;
@@ -212,7 +225,7 @@ void autoParser::fillBatch(size_t& next, autopItemList& batch) {
   }
 }
 
-void autoParser::applyBatches(bool unchanged) {
+bool autoParser::applyBatches(bool unchanged) {
   m_pendingMethods.clear();
   autopItemList deferredFirmware;
   // Keys of different INI files may take turns in a configuration file, cutting it into many small
@@ -224,7 +237,8 @@ void autoParser::applyBatches(bool unchanged) {
     autopItemList batch;
     fillBatch(next, batch);
     if (batch.empty()) {
-      if (next < m_pairs.size()) LOG_WAR("Autop item list is empty !");
+      // The rest of the file gave no item (every key unknown or empty).
+      LOG_WAR("Autop item list is empty !");
       continue;
     }
     const autopItem& first = *batch.front();
@@ -239,7 +253,8 @@ void autoParser::applyBatches(bool unchanged) {
     }
     applyBatch(batch, unchanged);
   }
-  if (!oneWritePerFile.end()) LOG_WAR("Fail to flush all file !!");
+  bool allWritten = oneWritePerFile.end();
+  if (!allWritten) LOG_WAR("Fail to flush all file !!");
   runPendingMethods();
   if (!deferredFirmware.empty()) {
     std::unique_ptr<autoFileUpgrader> upgrader = createFileUpgrader(kUpgradeTypeRom);
@@ -248,6 +263,7 @@ void autoParser::applyBatches(bool unchanged) {
     else
       LOG_WAR("Fail to upgrade rom file !");
   }
+  return allWritten;
 }
 
 void autoParser::applyBatch(autopItemList& batch, bool unchanged) {

@@ -68,7 +68,8 @@ class autoParser {
   void rememberDigest(const std::string& memoryKey, const std::string& digest);
   // Fills `batch` from the pairs starting at `next`; advances `next` past what it took.
   void fillBatch(size_t& next, autopItemList& batch);
-  void applyBatches(bool unchanged);
+  // False when some INI file could not be written.
+  bool applyBatches(bool unchanged);
   void applyBatch(autopItemList& batch, bool unchanged);
   void collectChanges(const autopItemList& batch);
   void runPendingMethods();

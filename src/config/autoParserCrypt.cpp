@@ -35,7 +35,10 @@ struct MdCtxFree {
 
 bool isBuiltInOrEmpty(const std::string& key) { return key.empty() || key == kBuiltInAesKeyText; }
 
-std::string configured(const char* key) { return brisaGetProfileString(kSystemIni, kSection, key, ""); }
+// A configured key; the factory default (the built-in key text) when the configuration holds none.
+std::string configured(const char* key) {
+  return brisaGetProfileString(kSystemIni, kSection, key, kBuiltInAesKeyText);
+}
 
 // A key that may be stored in the platform's protected form, as plain text when it is.
 std::string unprotected(const std::string& key) {
@@ -159,7 +162,8 @@ bool selectAesKey(bool perDevice, const AesKeySources& sources, AesKey& key) {
   } else if (!sources.infoCommonKey.empty()) {
     LOG_IFO("Use AutopInfo Struct AES Key !");
     text = sources.infoCommonKey;
-  } else if (!configured("strKeyAES16MAC").empty()) {
+  } else if (!isBuiltInOrEmpty(configured("strKeyAES16MAC"))) {
+    // The built-in key text there is no custom key: the common file's key serves instead.
     LOG_IFO("Use Config MAC AES KEY");
     text = configured("strKeyAES16MAC");
     std::string plain = unprotected(text);
@@ -193,7 +197,8 @@ bool decryptFile(const std::string& path, const AesKey& key) {
   }
   bool ok;
   {
-    FilePtr out = openFile(output, "wb");
+    // The output is the configuration in clear, passwords included: the owner's only.
+    FilePtr out = createPrivateFile(output) ? openFile(output, "wb") : nullptr;
     if (!out) {
       LOG_ERR("Can't open the file %s !", output.c_str());
       return false;

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "autopTranslator.h"
+#include "autopUrl.h"
 #include "inifile.h"
 #include "log.h"
 #include "paths.h"
@@ -125,8 +126,9 @@ bool takeM1Section(const iniFile& file, const iniSection& section, const autopTr
       appendLookedUp(table, target, m2Target("psw", entry.key, entry.value), pairs);
       continue;
     }
-    std::string name = section.name + "." + entry.key;
-    LOG_DEB("%s = %s", name.c_str(), isSecretKey(entry.key) ? "******" : entry.value.c_str());
+    // An older-model setting outside the password file is named after its section alone.
+    std::string name = "security." + section.name;
+    LOG_DEB("%s = %s", name.c_str(), isSecretKey(entry.key) ? "******" : ns_net::maskedUrlText(entry.value).c_str());
     pairs.emplace_back(name, trim(entry.value));
   }
   return true;

@@ -217,6 +217,8 @@ void completeItem(const autopItem& tmpl, const MatchChain& chain, autopItem& ite
   item.path = innermostText(chain.depth, nodeAt, &autopObject::path, tmpl.path);
   item.section = innermostText(chain.depth, nodeAt, &autopObject::section, tmpl.section);
   item.action = chainedAction(chain.depth, nodeAt, tmpl.action);
+  // An object marked reboot="1" means every change of its items needs one.
+  for (size_t i = 0; i < chain.depth; ++i) item.reboot = item.reboot || chain.nodes[i]->object->reboot;
   for (size_t i = chain.depth; i-- > 0;) {
     const ObjectNode* node = chain.nodes[i];
     if (!node->numbered) continue;

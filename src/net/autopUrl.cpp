@@ -129,6 +129,11 @@ std::string autopUrl::LogText() const {
   return masked.ToText();
 }
 
+std::string maskedUrlText(const std::string& text) {
+  autopUrl url;
+  return url.Parse(text) && !url.password.empty() ? url.LogText() : text;
+}
+
 bool autopUrl::IsValid() const { return !scheme.empty() && !host.empty() && port != 0; }
 
 bool autopUrl::operator==(const autopUrl& o) const {

@@ -2,6 +2,7 @@
 #include "fileStream.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "device.h"
 #include "ftpStream.h"
@@ -127,13 +128,17 @@ bool fileDownload::OpenDownloadStream(const autopUrl& url, int32_t timeoutMs) {
     LOG_ERR("The fileDownload stream has been openned !");
     return false;
   }
+  clearLastError();
   m_pCurrentStream = openStream(url, timeoutMs);
-  if (m_pCurrentStream) {
-    m_urlText = url.ToText();
-    m_breakLogged = false;
-  }
+  if (m_pCurrentStream) m_urlText = url.ToText();
   LOG_IFO("Open URL %s", m_pCurrentStream ? "OK" : "Fail");
   return m_pCurrentStream != nullptr;
+}
+
+void fileDownload::clearLastError() {
+  m_lastErrorCategory = 0;
+  m_lastErrorCode = 0;
+  m_breakLogged = false;
 }
 
 void fileDownload::noteBreak(int64_t missing) {
@@ -144,9 +149,9 @@ void fileDownload::noteBreak(int64_t missing) {
   const std::string& reason = m_pCurrentStream ? m_pCurrentStream->BrokenReason() : std::string();
   std::string why = reason.empty() ? brisaTransLastError() : reason;
   if (missing >= 0)
-    LOG_WAR("Broken at -%d bytes : %s", static_cast<int>(missing), why.c_str());
+    LOG_WAR("Broken at -%lld bytes : %s", static_cast<long long>(missing), why.c_str());
   else
-    LOG_WAR("Broken after %d bytes : %s", static_cast<int>(m_byteCount), why.c_str());
+    LOG_WAR("Broken after %lld bytes : %s", static_cast<long long>(m_byteCount), why.c_str());
 }
 
 int fileDownload::readChunk(void* buffer, int bytes) {
@@ -172,7 +177,11 @@ int fileDownload::Read(void* pBuffer, int nBytes) {
   return total;
 }
 
-int fileDownload::DownloadToFile(const std::string& path, bool append) {
+int64_t fileDownload::DownloadToFile(const std::string& path, bool append) {
+  return DownloadToFile(path, append, INT64_MAX);
+}
+
+int64_t fileDownload::DownloadToFile(const std::string& path, bool append, int64_t maxBytes) {
   if (!LOG_CHECK(m_pCurrentStream != NULL)) return 0;
   chFileStdio file;
   if (!file.Open(path, append ? chFileStdio::kModeAppend : chFileStdio::kModeWrite)) {
@@ -180,9 +189,11 @@ int fileDownload::DownloadToFile(const std::string& path, bool append) {
     return 0;
   }
   uint8_t chunk[kChunk];
-  int total = 0;
-  int n;
-  while ((n = readChunk(chunk, kChunk)) >= 1) {
+  int64_t total = 0;
+  // One byte past the limit is enough to tell the file is too large.
+  while (total <= maxBytes) {
+    int n = readChunk(chunk, static_cast<int>(std::min<int64_t>(kChunk - 1, maxBytes - total) + 1));
+    if (n < 1) break;
     if (file.Write(chunk, 1, static_cast<size_t>(n)) != static_cast<size_t>(n)) {
       LOG_ERR("File [%s] write error !", path.c_str());
       return 0;
@@ -244,8 +255,8 @@ void fileDownload::Close() {
 
 bool fileDownload::Attach(pipeStream* stream) {
   if (!LOG_CHECK(m_pCurrentStream == NULL)) return false;
+  clearLastError();
   m_pCurrentStream.reset(stream);
-  m_breakLogged = false;
   return true;
 }
 

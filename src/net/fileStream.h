@@ -46,7 +46,10 @@ class httpsStream : public httpStreamBase<httpsFile> {
 };
 
 // Holds at most one open stream. The last error is category 6, code 10 after a transfer that broke
-// before the end of its file; such a file is never to be taken for a whole one.
+// before the end of its file; such a file is never to be taken for a whole one. The mark belongs to
+// that one transfer: it stays readable after the close and is cleared when the next stream is
+// opened or attached. Byte counts are 64-bit, so a
+// stream past 2 GiB never wraps.
 class fileDownload {
  public:
   static constexpr int32_t kBrokenCategory = 6;
@@ -64,7 +67,11 @@ class fileDownload {
   int Read(void* pBuffer, int nBytes);
   // The whole stream into a file (logical path); the bytes written, 0 when the file cannot be
   // opened or the transfer broke before its end.
-  int DownloadToFile(const std::string& path, bool append);
+  int64_t DownloadToFile(const std::string& path, bool append);
+  // The same, but a stream longer than maxBytes is cut off as soon as it passes the limit: the
+  // result is then maxBytes + 1 and the rest is never read, so an endless server cannot fill the
+  // disk.
+  int64_t DownloadToFile(const std::string& path, bool append, int64_t maxBytes);
   // Exactly nBytes into a file; true when none are missing.
   bool DownloadToFile(const std::string& path, int nBytes, bool append);
   // Reads and discards nBytes; true when none are missing.
@@ -76,7 +83,7 @@ class fileDownload {
   bool IsOpen() const { return m_pCurrentStream != nullptr; }
   pipeStream* CurrentStream() const { return m_pCurrentStream.get(); }
   const std::string& UrlText() const { return m_urlText; }
-  int32_t ByteCount() const { return m_byteCount; }
+  int64_t ByteCount() const { return m_byteCount; }
   int32_t LastErrorCategory() const { return m_lastErrorCategory; }
   int32_t LastErrorCode() const { return m_lastErrorCode; }
   bool LastTransferBroken() const { return m_lastErrorCategory == kBrokenCategory && m_lastErrorCode == kBrokenCode; }
@@ -86,10 +93,11 @@ class fileDownload {
   // One stream read, counted; notes a break of the stream when it reads nothing.
   int readChunk(void* buffer, int bytes);
   void noteBreak(int64_t missing);
+  void clearLastError();
 
   std::unique_ptr<pipeStream> m_pCurrentStream;
   std::string m_urlText;
-  int32_t m_byteCount = 0;
+  int64_t m_byteCount = 0;
   int32_t m_lastErrorCategory = 0;
   int32_t m_lastErrorCode = 0;
   bool m_breakLogged = false;

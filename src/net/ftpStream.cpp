@@ -155,8 +155,9 @@ bool ftpStream::StartRetrieval(const std::string& path) {
   }
   reply = ExecuteCommand("PASV\r\n");
   LOG_IFO("ExcuteCommandE [PASV], ret = %s", reply.c_str());
-  bool dataReady = startsWith(reply, "227") && ConnectPassive(reply);
-  if (!dataReady) dataReady = PrepareActive();
+  // Active mode is for a server that refuses passive mode; an accepted passive mode whose data
+  // connection fails ends the retrieval.
+  bool dataReady = startsWith(reply, "227") ? ConnectPassive(reply) : PrepareActive();
   if (!dataReady) {
     LOG_WAR("connect data pipe fail");
     return false;

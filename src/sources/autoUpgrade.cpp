@@ -55,7 +55,7 @@ bool upgradeDirectory(autoParser& parser, const std::string& urlText) {
   std::string deviceUrl = directory + deviceFile;
   const std::string& custom = parser.customMacUrl();
   if (!custom.empty()) {
-    LOG_IFO("Get Custom MAC.CFG's URL: %s", custom.c_str());
+    LOG_IFO("Get Custom MAC.CFG's URL: %s", ns_net::maskedUrlText(custom).c_str());
     deviceUrl = isConfigFileName(custom.c_str()) ? custom : withTrailingSlash(custom) + deviceFile;
   }
   int deviceCode = updateOneFile(parser, deviceUrl);
@@ -97,10 +97,9 @@ void autoUpgrade::setTranslator(const autopTranslator* table) { translatorOverri
 
 bool autoUpgrade::UpgradeFromURL(const std::string& urlText, const AutopInfo* info) {
   std::string text = replaceMacMarks(urlText, netGetMACText());
-  ns_net::autopUrl url;
   // The text may carry credentials: only the masked form reaches the log.
-  std::string shown = url.Parse(text) && !url.password.empty() ? url.LogText() : text;
-  LOG_IFO("autoUpgrade::UpgradeFromURL(strReplaceURL=%s)", shown.c_str());
+  LOG_IFO("autoUpgrade::UpgradeFromURL(strReplaceURL=%s)", ns_net::maskedUrlText(text).c_str());
+  ns_net::autopUrl url;
   // A local path ("/tmp/local.cfg") stays a local file; any other text without a scheme is TFTP.
   if (text.find("://") == std::string::npos && (text.empty() || text[0] != '/')) text = kDefaultScheme + text;
   if (!url.Parse(text)) url.Clear();

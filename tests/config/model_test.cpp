@@ -109,7 +109,7 @@ TEST_F(ModelTest, M1SectionsAndLegacyWebLogins) {
   RawPairList pairs;
   LogCapture log;
   ASSERT_TRUE(loadM1OrM2Pairs("/tmp/xxx.cfg", table, pairs));
-  RawPairList expected = {{"network.vlan", "7"}, {"security.user_password", "root:s3cret"}};
+  RawPairList expected = {{"security.network", "7"}, {"security.user_password", "root:s3cret"}};
   EXPECT_EQ(pairs, expected);
   // No login name for "user" anywhere: the section ends there.
   EXPECT_TRUE(log.contains("Fail to get [user] name for WEB Login !"));
