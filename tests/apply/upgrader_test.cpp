@@ -90,45 +90,28 @@ class CfgUpgraderTest : public RootedTest {
   autoCfgUpgrader upgrader{&store};
 };
 
-TEST(UpgraderFramework, UpgradeTypesAndOperations) {
-  EXPECT_EQ(upgradeTypeOf("cfg"), 0);
-  EXPECT_EQ(upgradeTypeOf("bin"), 1);
-  EXPECT_EQ(upgradeTypeOf("pwd"), 2);
-  EXPECT_EQ(upgradeTypeOf("rom"), 3);
-  EXPECT_EQ(upgradeTypeOf("CFG"), 4);
-  EXPECT_EQ(upgradeTypeOf(""), 4);
+TEST(UpgraderFramework, UpgradeTypesOperationsAndTheFactory) {
+  const std::pair<const char*, int> types[] = {{"cfg", 0}, {"bin", 1}, {"pwd", 2}, {"rom", 3}, {"CFG", 4}, {"", 4}};
+  for (const auto& [word, type] : types) EXPECT_EQ(upgradeTypeOf(word), type) << word;
   EXPECT_EQ(upgradeTypeOf(static_cast<const char*>(nullptr)), 4);
-  EXPECT_EQ(upgradeTypeOf(std::string("rom")), 3);
-
-  EXPECT_EQ(operationOf("modify.anything at all"), 2);
-  EXPECT_EQ(operationOf("cover.contact_list"), 1);
-  EXPECT_EQ(operationOf("delete.trusted_cert"), 3);
-  EXPECT_EQ(operationOf("cover"), 1);
-  EXPECT_EQ(operationOf("modify"), 1);  // no "." at all: cover is the default
-  EXPECT_EQ(operationOf("unknown.x"), 0);
-  EXPECT_EQ(operationOf(".x"), 0);
-  EXPECT_EQ(operationOf(""), 1);
+  // The word before the first "." decides; none at all is cover. It is compared from a 30-byte
+  // buffer: 29 characters at most.
+  const std::pair<std::string, int> operations[] = {
+      {"modify.anything at all", 2}, {"cover.contact_list", 1}, {"delete.trusted_cert", 3}, {"cover", 1},
+      {"modify", 1}, {"unknown.x", 0}, {".x", 0}, {"", 1}, {"Cover.x", 0}, {std::string(29, 'x') + ".y", 0},
+      {"cover" + std::string(25, ' ') + ".y", 0}};
+  for (const auto& [usage, operation] : operations) EXPECT_EQ(operationOf(usage), operation) << usage;
   EXPECT_EQ(operationOf(static_cast<const char*>(nullptr)), 1);
-  EXPECT_EQ(operationOf("Cover.x"), 0);
-  // The word is compared from a 30-byte buffer: 29 characters at most.
-  EXPECT_EQ(operationOf(std::string(29, 'x') + ".y"), 0);
-  EXPECT_EQ(operationOf("cover" + std::string(25, ' ') + ".y"), 0);
-}
 
-TEST(UpgraderFramework, FactoryAndBaseUpgrade) {
   EXPECT_NE(dynamic_cast<autoCfgUpgrader*>(createFileUpgrader(0).get()), nullptr);
   EXPECT_NE(dynamic_cast<autoBinUpgrader*>(createFileUpgrader(1).get()), nullptr);
   EXPECT_NE(dynamic_cast<autoPwdUpgader*>(createFileUpgrader(2).get()), nullptr);
   EXPECT_NE(dynamic_cast<autoRomUpgrader*>(createFileUpgrader(3).get()), nullptr);
   EXPECT_EQ(createFileUpgrader(4), nullptr);
   EXPECT_EQ(createFileUpgrader(-1), nullptr);
+}
 
-  auto upgrader = createFileUpgrader(0);
-  EXPECT_EQ(upgrader->isUnchanged(), 0);
-  upgrader->setUnchanged(true);
-  EXPECT_EQ(upgrader->isUnchanged(), 1);
-
-  // The base applies every item without stopping at a failure.
+TEST(UpgraderFramework, BaseAppliesEveryItemWithoutStoppingAtAFailure) {
   struct Recording : autoFileUpgrader {
     int upgradeItem(autopItem* item) override {
       seen.push_back(item ? item->key : "<null>");
@@ -138,15 +121,11 @@ TEST(UpgraderFramework, FactoryAndBaseUpgrade) {
   } recording;
   autopItemList items;
   EXPECT_EQ(recording.upgrade(items), 0);
-  items.push_back(makeItem("/p", "s", "a", "1"));
-  items.push_back(makeItem("/p", "s", "bad", "1"));
-  items.push_back(nullptr);
-  items.push_back(makeItem("/p", "s", "c", "1"));
+  for (const char* key : {"a", "bad", "", "c"}) items.push_back(*key ? makeItem("/p", "s", key, "1") : nullptr);
   EXPECT_EQ(recording.upgrade(items), 0);
   EXPECT_EQ(recording.seen, (std::vector<std::string>{"a", "bad", "<null>", "c"}));
   items.erase(items.begin() + 1, items.begin() + 3);
   EXPECT_EQ(recording.upgrade(items), 1);
-
   struct Plain : autoFileUpgrader {
   } plain;
   EXPECT_EQ(plain.upgradeItem(nullptr), 0);
@@ -169,27 +148,20 @@ TEST(UpgraderFramework, CommonDestinationPath) {
 class Md5Test : public RootedTest {};
 
 TEST_F(Md5Test, DigestOfFilesAndFailures) {
-  std::string md5;
-  root->write("/tmp/abc", "abc");
-  ASSERT_EQ(fileMd5("/tmp/abc", &md5), 1);
-  EXPECT_EQ(md5, "900150983cd24fb0d6963f7d28e17f72");
-  root->write("/tmp/empty", "");
-  ASSERT_EQ(fileMd5("/tmp/empty", &md5), 1);
-  EXPECT_EQ(md5, "d41d8cd98f00b204e9800998ecf8427e");
-
-  // Several read blocks, and a block boundary inside the data.
+  // Empty, short, and several read blocks with a block boundary inside the data, against md5sum.
   std::string big;
   for (int i = 0; i < 3000; ++i) big += static_cast<char>('a' + i % 26);
-  root->write("/tmp/big", big);
-  ASSERT_EQ(fileMd5("/tmp/big", &md5), 1);
-  std::string expected;
-  ASSERT_EQ(runCommand("md5sum '" + root->host("/tmp/big") + "' | cut -c1-32", &expected), 0);
-  EXPECT_EQ(md5 + "\n", expected);
-
+  for (const std::string& contents : {std::string(), std::string("abc"), big}) {
+    root->write("/tmp/f", contents);
+    std::string md5, expected;
+    ASSERT_EQ(fileMd5("/tmp/f", &md5), 1);
+    ASSERT_EQ(runCommand("md5sum '" + root->host("/tmp/f") + "' | cut -c1-32", &expected), 0);
+    EXPECT_EQ(md5 + "\n", expected) << contents.size();
+  }
   LogCapture log;
-  EXPECT_EQ(fileMd5("/tmp/abc", nullptr), 0);
+  EXPECT_EQ(fileMd5("/tmp/f", nullptr), 0);
   EXPECT_TRUE(log.contains("IFO MD5 error\n"));
-  md5 = "unchanged";
+  std::string md5 = "unchanged";
   EXPECT_EQ(fileMd5("/tmp/missing", &md5), 0);
   EXPECT_TRUE(log.contains("IFO /tmp/missing can't be opened\n"));
   EXPECT_EQ(md5, "unchanged");
@@ -217,15 +189,13 @@ TEST_F(CfgUpgraderTest, OneOpenAndOneFlushPerRunOfASection) {
   EXPECT_FALSE(items[5]->changed);  // the store refused it
   EXPECT_TRUE(items[6]->changed);
 
-  std::string text = log.text();
-  EXPECT_NE(text.find("IFO ***** Upgrade CFG File ***** \n"), std::string::npos);
-  EXPECT_NE(text.find("DEB --- Open File [/config/a.ini]"), std::string::npos);
-  EXPECT_EQ(text.find("Open File [/config/b.ini]"), std::string::npos);  // reopening is silent
-  EXPECT_NE(text.find("DEB --- Set [one::k1] Value [v1]"), std::string::npos);
-  EXPECT_NE(text.find("DEB two.k6 value has special char"), std::string::npos);
-  EXPECT_EQ(text.find("Set [two::k6]"), std::string::npos);
-  EXPECT_EQ(text.find("readonly"), std::string::npos);
-  EXPECT_NE(text.find("WAR Unexpected null pointer !"), std::string::npos);
+  for (const char* line : {"IFO ***** Upgrade CFG File ***** \n", "DEB --- Open File [/config/a.ini]",
+                           "DEB --- Set [one::k1] Value [v1]", "DEB two.k6 value has special char",
+                           "WAR Unexpected null pointer !"})
+    EXPECT_TRUE(log.contains(line)) << line;
+  // Reopening is silent; a value with special characters is not echoed; a refusal says nothing.
+  for (const char* line : {"Open File [/config/b.ini]", "Set [two::k6]", "readonly"})
+    EXPECT_FALSE(log.contains(line)) << line;
 
   // Nothing written: 0, and an empty list opens nothing.
   autopItemList refused;
@@ -237,68 +207,54 @@ TEST_F(CfgUpgraderTest, OneOpenAndOneFlushPerRunOfASection) {
   EXPECT_EQ(store.opens, opensBefore);
 }
 
-TEST_F(CfgUpgraderTest, CustomMacLocationAndRandomKeyRules) {
-  LogCapture log;
-  auto mac = makeItem("/tmp/download.cfg", "CUSTOM_MAC_CFG_PATH", "server_address", "tftp://10.0.0.1/");
-  EXPECT_EQ(prepare(*mac), 1);
-  EXPECT_EQ(mac->path, "/tmp/autop_tmp_config.cfg");
-  EXPECT_EQ(mac->value, "tftp://10.0.0.1/");
-  EXPECT_TRUE(log.contains("IFO Get CustomMacUrl, Set to file /tmp/autop_tmp_config.cfg"));
-  auto otherPath = makeItem("/tmp/other.cfg", "CUSTOM_MAC_CFG_PATH", "server_address", "x");
-  EXPECT_EQ(prepare(*otherPath), 0);
-  EXPECT_EQ(otherPath->path, "/tmp/other.cfg");
-
-  auto key = [](const std::string& value) { return makeItem("/phone/config/ADVnumber.cfg", "sn", "AES_RANDOM_KEY", value); };
-  // Switch off (the default): any value is written as it stands.
-  auto shortKey = key("abcdefghijklmno");
-  EXPECT_EQ(prepare(*shortKey), 0);
-  EXPECT_EQ(shortKey->value, "abcdefghijklmno");
-  EXPECT_FALSE(log.contains("AES_RANDOM_KEY is invalid"));
-
-  store.values["/config/system/system.ini|AutoProvision|use_build_in_aes_key_16_mac"] = "1";
-  for (const char* bad : {"abcdefghijklmno", "abcdefgh-jklmnop", "abcdefghijklmnopq", "", "abcdefgh\xc3\xa9jklmno"}) {
-    auto item = key(bad);
-    log.clear();
-    EXPECT_EQ(prepare(*item), 1) << bad;
-    EXPECT_EQ(item->value, "") << bad;
-    EXPECT_TRUE(log.contains("WAR AES_RANDOM_KEY is invalid ! Will clear it !"));
+TEST_F(CfgUpgraderTest, ValueRules) {
+  const std::string account = "/config/user/voip/sipAccount3.cfg", adv = "/phone/config/ADVnumber.cfg";
+  const std::string keySwitch = "/config/system/system.ini|AutoProvision|use_build_in_aes_key_16_mac";
+  struct Rule {
+    std::string path, section, key, value, valueType;
+    bool switchOn;   // the built-in MAC key switch
+    int result;      // what the rules report: 1 when they changed the item
+    std::string out, outPath, logged;
+  };
+  const std::string invalid = "WAR AES_RANDOM_KEY is invalid ! Will clear it !";
+  const Rule rules[] = {
+      // The custom per-device location moves to the file the phone reads; only from the download.
+      {"/tmp/download.cfg", "CUSTOM_MAC_CFG_PATH", "server_address", "tftp://10.0.0.1/", "", false, 1,
+       "tftp://10.0.0.1/", "/tmp/autop_tmp_config.cfg", "IFO Get CustomMacUrl, Set to file /tmp/autop_tmp_config.cfg"},
+      {"/tmp/other.cfg", "CUSTOM_MAC_CFG_PATH", "server_address", "x", "", false, 0, "x", "/tmp/other.cfg", ""},
+      // The random key: any value with the switch off, 16 letters or digits with it on.
+      {adv, "sn", "AES_RANDOM_KEY", "abcdefghijklmno", "", false, 0, "abcdefghijklmno", adv, ""},
+      {adv, "sn", "AES_RANDOM_KEY", "abcdefghijklmno", "", true, 1, "", adv, invalid},
+      {adv, "sn", "AES_RANDOM_KEY", "abcdefgh-jklmnop", "", true, 1, "", adv, invalid},
+      {adv, "sn", "AES_RANDOM_KEY", "abcdefghijklmnopq", "", true, 1, "", adv, invalid},
+      {adv, "sn", "AES_RANDOM_KEY", "", "", true, 1, "", adv, invalid},
+      {adv, "sn", "AES_RANDOM_KEY", "abcdefgh\xc3\xa9jklmno", "", true, 1, "", adv, invalid},
+      {adv, "sn", "AES_RANDOM_KEY", "0123456789abcDEF", "", true, 0, "0123456789abcDEF", adv, ""},
+      // Shared-line words in the account files; another word is left, and no inversion after it.
+      {account, "account", "ShareLine", "shared", "", false, 1, "1", account, ""},
+      {account, "account", "ShareLine", "private", "", false, 1, "0", account, ""},
+      {account, "account", "ShareLine", "1", "!boolean", false, 0, "1", account, ""},
+      {"/config/user/user.ini", "account", "ShareLine", "shared", "", false, 0, "shared", "/config/user/user.ini", ""},
+      {"/config/user/user.ini", "account", "ShareLine", "shared", "!boolean", false, 1, "0", "/config/user/user.ini", ""},
+      // Inverted booleans; plain ones stay.
+      {account, "account", "HideLine", "0", "!boolean", false, 1, "1", account, ""},
+      {account, "account", "HideLine", "1", "!boolean", false, 1, "0", account, ""},
+      {account, "account", "HideLine", "yes", "!boolean", false, 1, "0", account, ""},
+      {account, "account", "HideLine", "", "!boolean", false, 1, "0", account, ""},
+      {account, "account", "Enable", "1", "boolean", false, 0, "1", account, ""},
+  };
+  for (const Rule& r : rules) {
+    SCOPED_TRACE(r.key + " = " + r.value + " " + r.valueType);
+    store.values[keySwitch] = r.switchOn ? "1" : "0";
+    LogCapture log;
+    auto item = makeItem(r.path, r.section, r.key, r.value);
+    item->valueType = r.valueType;
+    EXPECT_EQ(prepare(*item), r.result);
+    EXPECT_EQ(item->value, r.out);
+    EXPECT_EQ(item->path, r.outPath);
+    EXPECT_TRUE(r.logged.empty() || log.contains(r.logged));
+    EXPECT_EQ(log.contains("AES_RANDOM_KEY is invalid"), r.logged == invalid);
   }
-  auto good = key("0123456789abcDEF");
-  EXPECT_EQ(prepare(*good), 0);
-  EXPECT_EQ(good->value, "0123456789abcDEF");
-}
-
-TEST_F(CfgUpgraderTest, SharedLineWordsAndInvertedBooleans) {
-  const std::string account = "/config/user/voip/sipAccount3.cfg";
-  auto shared = makeItem(account, "account", "ShareLine", "shared");
-  EXPECT_EQ(prepare(*shared), 1);
-  EXPECT_EQ(shared->value, "1");
-  auto priv = makeItem(account, "account", "ShareLine", "private");
-  EXPECT_EQ(prepare(*priv), 1);
-  EXPECT_EQ(priv->value, "0");
-  // Another word is left, and the shared-line rule decides: no inversion after it.
-  auto other = makeItem(account, "account", "ShareLine", "1");
-  other->valueType = "!boolean";
-  EXPECT_EQ(prepare(*other), 0);
-  EXPECT_EQ(other->value, "1");
-  // Outside the account files only the later rules apply.
-  auto elsewhere = makeItem("/config/user/user.ini", "account", "ShareLine", "shared");
-  EXPECT_EQ(prepare(*elsewhere), 0);
-  EXPECT_EQ(elsewhere->value, "shared");
-  elsewhere->valueType = "!boolean";
-  EXPECT_EQ(prepare(*elsewhere), 1);
-  EXPECT_EQ(elsewhere->value, "0");
-
-  for (auto [in, out] : std::vector<std::pair<std::string, std::string>>{{"0", "1"}, {"1", "0"}, {"yes", "0"}, {"", "0"}}) {
-    auto item = makeItem(account, "account", "HideLine", in);
-    item->valueType = "!boolean";
-    EXPECT_EQ(prepare(*item), 1);
-    EXPECT_EQ(item->value, out) << in;
-  }
-  auto plainBoolean = makeItem(account, "account", "Enable", "1");
-  plainBoolean->valueType = "boolean";
-  EXPECT_EQ(prepare(*plainBoolean), 0);
-  EXPECT_EQ(plainBoolean->value, "1");
 }
 
 TEST_F(CfgUpgraderTest, PhoneLockPinIsHashed) {

@@ -49,15 +49,10 @@ TEST(TextMethod, ArgumentForms) {
 }
 
 TEST(TextMethod, ParameterOperators) {
-  EXPECT_EQ(operatorResult("[10-3]"), "7");
-  EXPECT_EQ(operatorResult("[3-10]"), "-7");
-  EXPECT_EQ(operatorResult("[5+3]"), "8");
-  EXPECT_EQ(operatorResult("[5--3]"), "8");
-  EXPECT_EQ(operatorResult("[-3+2]"), "-1");
-  EXPECT_EQ(operatorResult("[2147483647+1]"), "2147483648");
-  EXPECT_EQ(operatorResult("_ASSCII[65]"), "A");
-  EXPECT_EQ(operatorResult("_ASSCII[1]"), "\x01");
-  EXPECT_EQ(operatorResult("_ASSCII[127]"), "\x7f");
+  const std::pair<const char*, const char*> results[] = {
+      {"[10-3]", "7"}, {"[3-10]", "-7"}, {"[5+3]", "8"}, {"[5--3]", "8"}, {"[-3+2]", "-1"},
+      {"[2147483647+1]", "2147483648"}, {"_ASSCII[65]", "A"}, {"_ASSCII[1]", "\x01"}, {"_ASSCII[127]", "\x7f"}};
+  for (const auto& [text, result] : results) EXPECT_EQ(operatorResult(text), result) << text;
   for (const char* none : {"_ASSCII[0]", "_ASSCII[128]", "_ASSCII[-1]", "_ASSCII[]", "_ASSCII[6x]", "[10-]",
                            "[10]", "[10-3", "[10-3]x", "x[10-3]", "[a-3]", "[10*3]", "[99999999999+1]", "plain", ""})
     EXPECT_EQ(operatorResult(none), "<no match>") << none;
@@ -68,14 +63,12 @@ TEST(TextMethod, HelpTextListsTheTable) {
   const std::string help = textMethodHelp();
   EXPECT_EQ(help.substr(0, help.find('\n') + 1),
             "0001 iniGetString(LPCSTR lpszFile, LPCSTR lpszSection, LPCSTR lpszKey, LPCSTR lpszDefaultValue)\n");
-  EXPECT_NE(help.find("0002 msgPostMessage(LPCSTR lpszAppName, UINT uMessage, WPARAM wParam, LPARAM lParam)\n"),
-            std::string::npos);
-  EXPECT_NE(help.find("0004 msgBroadcastPostMessage(UINT uMessage, WPARAM wParam, LPARAM lParam)\n"),
-            std::string::npos);
-  EXPECT_NE(help.find("0006 msgSendMessageEx(LPCSTR lpszAppName, UINT uMessage, WPARAM wParam, LPARAM lParam, "
-                      "LPCSTR lpszExtraText)\n"),
-            std::string::npos);
-  EXPECT_NE(help.find("0007 sleep(int nSeconds)\n0008 system(LPCSTR lpszCommand)\n"), std::string::npos);
+  for (const char* line : {"0002 msgPostMessage(LPCSTR lpszAppName, UINT uMessage, WPARAM wParam, LPARAM lParam)\n",
+                           "0004 msgBroadcastPostMessage(UINT uMessage, WPARAM wParam, LPARAM lParam)\n",
+                           "0006 msgSendMessageEx(LPCSTR lpszAppName, UINT uMessage, WPARAM wParam, LPARAM lParam, "
+                           "LPCSTR lpszExtraText)\n",
+                           "0007 sleep(int nSeconds)\n0008 system(LPCSTR lpszCommand)\n"})
+    EXPECT_NE(help.find(line), std::string::npos) << line;
   EXPECT_EQ(help.substr(help.size() - 23), "0009 regFlushAllFile()\n");
 }
 

@@ -29,12 +29,13 @@ std::string hex(const AesKey& key) {
   return out;
 }
 
+std::string padded(const std::string& plain) { return plain + std::string((16 - plain.size() % 16) % 16, ' '); }
+
 class CryptTest : public RootedTest {
  protected:
   // Encrypts `plain` into the logical path with openssl, blank-padded to whole blocks.
   void encryptWithOpenssl(const std::string& logical, const std::string& plain, const AesKey& key) {
-    std::string padded = plain + std::string((16 - plain.size() % 16) % 16, ' ');
-    root->write("/tmp/plain.in", padded);
+    root->write("/tmp/plain.in", padded(plain));
     std::string out;
     ASSERT_EQ(runCommand("openssl enc -aes-128-ecb -nopad -K " + hex(key) + " -in '" + root->host("/tmp/plain.in") +
                              "' -out '" + root->host(logical) + "'",
@@ -47,19 +48,19 @@ class CryptTest : public RootedTest {
   }
 };
 
-std::string padded(const std::string& plain) { return plain + std::string((16 - plain.size() % 16) % 16, ' '); }
 
 }  // namespace
 
 TEST_F(CryptTest, CipherTextTest) {
-  root->write("/tmp/a.cfg", kPlain);
-  EXPECT_FALSE(looksEncrypted("/tmp/a.cfg"));
-  root->write("/tmp/b.cfg", "\xEF\xBB\xBF   \t\r;comment then \xFF\xFF\xFF bytes later");
-  EXPECT_FALSE(looksEncrypted("/tmp/b.cfg"));
-  root->write("/tmp/c.cfg", "abcdefghijklmnopqrst\xFF\xFF\xFF");  // 20 ASCII bytes: plain
-  EXPECT_FALSE(looksEncrypted("/tmp/c.cfg"));
-  root->write("/tmp/d.cfg", "abc\x80" "defghijklmnopqrstuvw");
-  EXPECT_TRUE(looksEncrypted("/tmp/d.cfg"));
+  const std::pair<std::string, bool> files[] = {
+      {kPlain, false},
+      {"\xEF\xBB\xBF   \t\r;comment then \xFF\xFF\xFF bytes later", false},
+      {"abcdefghijklmnopqrst\xFF\xFF\xFF", false},  // 20 ASCII bytes: plain
+      {"abc\x80" "defghijklmnopqrstuvw", true}};
+  for (const auto& [contents, encrypted] : files) {
+    root->write("/tmp/a.cfg", contents);
+    EXPECT_EQ(looksEncrypted("/tmp/a.cfg"), encrypted) << contents;
+  }
   LogCapture log;
   root->write("/tmp/e.cfg", "\x80short");
   EXPECT_FALSE(looksEncrypted("/tmp/e.cfg"));

@@ -2,6 +2,7 @@
 // lookups, and the shipped sample table.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -77,74 +78,46 @@ class TranslatorTest : public RootedTest {
   autopTranslator table;
 };
 
-TEST_F(TranslatorTest, IndexedKeysCountFromOneWithinTheRange) {
-  // Range 0-5: key index 1 is stored index 0, 6 is 5; 0, 7, negative and non-numbers are unknown.
-  EXPECT_EQ(target("acc.1.en"), "/config/acc0.cfg|line0|Enable0");
-  EXPECT_EQ(target("acc.6.en"), "/config/acc5.cfg|line5|Enable5");
-  for (const char* bad : {"acc.7.en", "acc.0.en", "acc.-1.en", "acc.x.en", "acc.1x.en", "acc..en", "acc.en",
-                          "acc.99999999999.en"})
-    EXPECT_EQ(target(bad), "") << bad;
-  // A range that does not start at 0 or 1 still counts keys from 1.
-  EXPECT_EQ(target("shifted.1.v"), "/config/shifted.cfg|s3|V");
-  EXPECT_EQ(target("shifted.3.v"), "/config/shifted.cfg|s5|V");
-  EXPECT_EQ(target("shifted.4.v"), "");
-  // Without a range the index is used as written.
-  EXPECT_EQ(target("free.0.v"), "/config/free0.cfg|free|V");
-  EXPECT_EQ(target("free.42.v"), "/config/free42.cfg|free|V");
+TEST_F(TranslatorTest, ForwardLookups) {
+  const std::pair<std::string, const char*> lookups[] = {
+      // Range 0-5: key index 1 is stored index 0, 6 is 5; 0, 7, negative and non-numbers are unknown.
+      {"acc.1.en", "/config/acc0.cfg|line0|Enable0"}, {"acc.6.en", "/config/acc5.cfg|line5|Enable5"},
+      {"acc.7.en", ""}, {"acc.0.en", ""}, {"acc.-1.en", ""}, {"acc.x.en", ""}, {"acc.1x.en", ""}, {"acc..en", ""},
+      {"acc.en", ""}, {"acc.99999999999.en", ""},
+      // A range that does not start at 0 or 1 still counts keys from 1; without one the index stands.
+      {"shifted.1.v", "/config/shifted.cfg|s3|V"}, {"shifted.3.v", "/config/shifted.cfg|s5|V"}, {"shifted.4.v", ""},
+      {"free.0.v", "/config/free0.cfg|free|V"}, {"free.42.v", "/config/free42.cfg|free|V"},
+      // Nested numbered objects replace their own masks and inherit the path; a bare object keeps the item's.
+      {"acc.2.codec.5.on", ""}, {"acc.2.plain.x", "/config/acc1.cfg|line1|X"}, {"bare.own", "/config/own.ini|Own|K"},
+      // Two objects named "dup": the first whose remainder matches wins; items before sub-objects,
+      // like-named sub-objects in order.
+      {"dup.a", "/config/first.ini|one|A"}, {"dup.b", "/config/second.ini|two|B"},
+      {"dup.x.y", "/config/first.ini|one|DottedItem"}, {"dup.x.q", "/config/first.ini|sub1|Q1"},
+      {"dup.x.z", "/config/first.ini|sub2|Z"}, {"dup.nothing", ""}, {"nothing.a", ""}, {"", ""}, {"not-an-object", ""},
+      // A lookup leaves the table as it was: the next key sees clean templates.
+      {"acc.5.en", "/config/acc4.cfg|line4|Enable4"}, {"acc.5.label", "/config/acc4.cfg|line4|Label"}};
+  for (const auto& [key, expected] : lookups) EXPECT_EQ(target(key), expected) << key;
+  // ... across groups too: the pwd object comes last.
+  autopItem item;
+  ASSERT_TRUE(table.findItem("dup.c", item));
+  EXPECT_EQ(item.type + "|" + item.usage, "pwd|cover.user");
 }
 
 TEST_F(TranslatorTest, CompletionReplacesTheIndexAndInheritsTheTarget) {
   autopItem item;
   ASSERT_TRUE(table.findItem("acc.3.en", item));
-  EXPECT_EQ(item.name, "acc.3.en");
-  EXPECT_EQ(item.type, "cfg");
-  EXPECT_EQ(item.path, "/config/acc2.cfg");
-  EXPECT_EQ(item.section, "line2");
-  EXPECT_EQ(item.key, "Enable2");
   // The item's own calls first, then its object's, each with the index in place.
-  EXPECT_EQ(item.action, "note(2);reload(2)");
-  EXPECT_TRUE(item.encrypt);
-  EXPECT_TRUE(item.reboot);
-  EXPECT_FALSE(item.changed);
-  EXPECT_EQ(item.valueType, "boolean");
-  EXPECT_EQ(item.value, "");
+  EXPECT_EQ(item.name + "|" + item.type + "|" + item.path + "|" + item.section + "|" + item.key + "|" + item.action +
+                "|" + item.valueType + "|" + item.value,
+            "acc.3.en|cfg|/config/acc2.cfg|line2|Enable2|note(2);reload(2)|boolean|");
+  EXPECT_TRUE(item.encrypt && item.reboot && !item.changed);
 
   // Nested numbered objects: each replaces its own mask; the sub-object inherits the path.
   ASSERT_TRUE(table.findItem("acc.2.codec.4.on", item));
-  EXPECT_EQ(item.path, "/config/acc1.cfg");
-  EXPECT_EQ(item.section, "audio4");
-  EXPECT_EQ(item.action, "reload(1)");
-  EXPECT_EQ(target("acc.2.codec.5.on"), "");
-  EXPECT_EQ(target("acc.2.plain.x"), "/config/acc1.cfg|line1|X");
-
-  // An object without a target leaves the item's own.
-  EXPECT_EQ(target("bare.own"), "/config/own.ini|Own|K");
-
-  // A lookup leaves the table as it was: the next key sees clean templates.
-  EXPECT_EQ(target("acc.5.en"), "/config/acc4.cfg|line4|Enable4");
-  EXPECT_EQ(target("acc.5.label"), "/config/acc4.cfg|line4|Label");
+  EXPECT_EQ(item.path + "|" + item.section + "|" + item.action, "/config/acc1.cfg|audio4|reload(1)");
   item.value = "stale";
   ASSERT_TRUE(table.findItem("acc.1.label", item));
   EXPECT_EQ(item.value, "");
-}
-
-TEST_F(TranslatorTest, FirstMatchFollowsTableOrder) {
-  // Two objects named "dup": the first whose remainder matches wins.
-  EXPECT_EQ(target("dup.a"), "/config/first.ini|one|A");
-  EXPECT_EQ(target("dup.b"), "/config/second.ini|two|B");
-  // ... across groups too: the pwd object comes last.
-  autopItem item;
-  ASSERT_TRUE(table.findItem("dup.c", item));
-  EXPECT_EQ(item.type, "pwd");
-  EXPECT_EQ(item.usage, "cover.user");
-  // Items come before sub-objects; like-named sub-objects are tried in order.
-  EXPECT_EQ(target("dup.x.y"), "/config/first.ini|one|DottedItem");
-  EXPECT_EQ(target("dup.x.q"), "/config/first.ini|sub1|Q1");
-  EXPECT_EQ(target("dup.x.z"), "/config/first.ini|sub2|Z");
-  EXPECT_EQ(target("dup.nothing"), "");
-  EXPECT_EQ(target("nothing.a"), "");
-  EXPECT_EQ(target(""), "");
-  EXPECT_EQ(target("not-an-object"), "");
 }
 
 TEST_F(TranslatorTest, LongKeysAreCutBeforeMatching) {
@@ -162,27 +135,21 @@ TEST_F(TranslatorTest, LongKeysAreCutBeforeMatching) {
 }
 
 TEST_F(TranslatorTest, ReverseLookupFindsTheKeyOfATarget) {
-  EXPECT_EQ(reverse("/config/first.ini", "one", "A"), "dup.a");
-  // The second "dup" gives the key even though the first one shadows it forwards.
-  EXPECT_EQ(reverse("/config/second.ini", "two", "A"), "dup.a");
-  EXPECT_EQ(reverse("/config/second.ini", "two", "B"), "dup.b");
-  EXPECT_EQ(reverse("/valdrun/config/.htpasswd", "user", ""), "dup.c");
-  EXPECT_EQ(reverse("/config/own.ini", "Own", "K"), "bare.own");
-  EXPECT_EQ(reverse("/config/first.ini", "one", "Z"), "<none>");
-
-  // Numbered objects: the mask stands for a stored index in range, written back as a key index.
-  EXPECT_EQ(reverse("/config/acc0.cfg", "line0", "Enable0"), "acc.1.en");
-  EXPECT_EQ(reverse("/config/acc5.cfg", "line5", "Label"), "acc.6.label");
-  EXPECT_EQ(reverse("/config/acc2.cfg", "audio3", "on"), "acc.3.codec.3.on");
-  EXPECT_EQ(reverse("/config/shifted.cfg", "s4", "V"), "shifted.2.v");
-  EXPECT_EQ(reverse("/config/free17.cfg", "free", "V"), "free.17.v");
-  // Out of range, one mask with two values, leading zeros, the mask text itself: no key.
-  EXPECT_EQ(reverse("/config/acc6.cfg", "line6", "Label"), "<none>");
-  EXPECT_EQ(reverse("/config/acc1.cfg", "line2", "Label"), "<none>");
-  EXPECT_EQ(reverse("/config/acc01.cfg", "line01", "Label"), "<none>");
-  EXPECT_EQ(reverse("/config/acc$i.cfg", "line$i", "Label"), "<none>");
-  EXPECT_EQ(reverse("/config/shifted.cfg", "s2", "V"), "<none>");
-  EXPECT_EQ(reverse("/config/acc2.cfg", "audio0", "on"), "<none>");
+  const std::pair<std::array<const char*, 3>, const char*> reverses[] = {
+      {{"/config/first.ini", "one", "A"}, "dup.a"},
+      // The second "dup" gives the key even though the first one shadows it forwards.
+      {{"/config/second.ini", "two", "A"}, "dup.a"}, {{"/config/second.ini", "two", "B"}, "dup.b"},
+      {{"/valdrun/config/.htpasswd", "user", ""}, "dup.c"}, {{"/config/own.ini", "Own", "K"}, "bare.own"},
+      {{"/config/first.ini", "one", "Z"}, "<none>"},
+      // Numbered objects: the mask stands for a stored index in range, written back as a key index.
+      {{"/config/acc0.cfg", "line0", "Enable0"}, "acc.1.en"}, {{"/config/acc5.cfg", "line5", "Label"}, "acc.6.label"},
+      {{"/config/acc2.cfg", "audio3", "on"}, "acc.3.codec.3.on"}, {{"/config/shifted.cfg", "s4", "V"}, "shifted.2.v"},
+      {{"/config/free17.cfg", "free", "V"}, "free.17.v"},
+      // Out of range, one mask with two values, leading zeros, the mask text itself: no key.
+      {{"/config/acc6.cfg", "line6", "Label"}, "<none>"}, {{"/config/acc1.cfg", "line2", "Label"}, "<none>"},
+      {{"/config/acc01.cfg", "line01", "Label"}, "<none>"}, {{"/config/acc$i.cfg", "line$i", "Label"}, "<none>"},
+      {{"/config/shifted.cfg", "s2", "V"}, "<none>"}, {{"/config/acc2.cfg", "audio0", "on"}, "<none>"}};
+  for (const auto& [where, key] : reverses) EXPECT_EQ(reverse(where[0], where[1], where[2]), key) << where[0];
 
   // Every key found backwards leads forwards to the same target.
   for (int i = 1; i <= 6; ++i) {
@@ -288,43 +255,40 @@ TEST_F(ShippedTableTest, CoversTheFourTypesAndKnownKeys) {
   std::set<std::string> types;
   for (const auto& object : table.objects()) types.insert(object->type);
   EXPECT_EQ(types, (std::set<std::string>{"cfg", "bin", "pwd", "rom"}));
-
+  // key, then type|path|section|key|usage|fileType|encrypt ("*" where the test does not care)
+  const std::pair<const char*, const char*> known[] = {
+      {"account.16.password", "cfg|/config/user/voip/sipAccount15.cfg|*|*|*|*|1"},
+      {"account.1.codec.2.enable", "*|*|audio2|*|*|*|*"},
+      {"phone_setting.phone_lock.unlock_pin", "*|*|Phone_Lock|Unlock_PIN|*|*|*"},
+      {"phone_setting.phone_lock.enable", "*|*|PhoneSetting|EnLock|*|*|*"},
+      {"custom_mac_cfg.url", "*|/tmp/download.cfg|CUSTOM_MAC_CFG_PATH|server_address|*|*|*"},
+      {"security.user_name.admin", "cfg|*|*|*|*|*|*"},
+      {"security.user_password", "pwd|/valdrun/config/.htpasswd|*|*|*|*|*"},
+      {"dialplan.replace.7.prefix", "bin|*|DialRule.Data.7|*|modify.dialplan|*|*"},
+      {"trusted_certificates.url", "*|*|*|*|*|cert|*"},
+      {"network.802_1x.root_cert_url", "bin|*|*|*|*|*|*"},
+      {"firmware.server_ip", "rom|*|*|*|*|*|*"}};
+  for (const auto& [key, expected] : known) {
+    autopItem item;
+    ASSERT_TRUE(table.findItem(key, item)) << key;
+    const std::string got[] = {item.type, item.path, item.section, item.key, item.usage, item.fileType,
+                               item.encrypt ? "1" : "0"};
+    std::stringstream parts(expected);
+    size_t field = 0;
+    for (std::string want; std::getline(parts, want, '|'); ++field)
+      EXPECT_TRUE(want == "*" || got[field] == want) << key << ", field " << field << ": " << got[field];
+    EXPECT_EQ(field, 7u);
+  }
   autopItem item;
-  ASSERT_TRUE(table.findItem("account.16.password", item));
-  EXPECT_EQ(item.path, "/config/user/voip/sipAccount15.cfg");
-  EXPECT_TRUE(item.encrypt);
   EXPECT_FALSE(table.findItem("account.17.password", item));
-  ASSERT_TRUE(table.findItem("account.1.codec.2.enable", item));
-  EXPECT_EQ(item.section, "audio2");
-  ASSERT_TRUE(table.findItem("phone_setting.phone_lock.unlock_pin", item));
-  EXPECT_EQ(item.section + "::" + item.key, "Phone_Lock::Unlock_PIN");
-  ASSERT_TRUE(table.findItem("phone_setting.phone_lock.enable", item));
-  EXPECT_EQ(item.section + "::" + item.key, "PhoneSetting::EnLock");
-  ASSERT_TRUE(table.findItem("custom_mac_cfg.url", item));
-  EXPECT_EQ(item.path + "|" + item.section + "|" + item.key, "/tmp/download.cfg|CUSTOM_MAC_CFG_PATH|server_address");
-  ASSERT_TRUE(table.findItem("security.user_name.admin", item));
-  EXPECT_EQ(item.type, "cfg");
-  ASSERT_TRUE(table.findItem("security.user_password", item));
-  EXPECT_EQ(item.type, "pwd");
-  EXPECT_EQ(item.path, "/valdrun/config/.htpasswd");
-  ASSERT_TRUE(table.findItem("dialplan.replace.7.prefix", item));
-  EXPECT_EQ(item.type, "bin");
-  EXPECT_EQ(item.section, "DialRule.Data.7");
-  EXPECT_EQ(item.usage, "modify.dialplan");
-  ASSERT_TRUE(table.findItem("trusted_certificates.url", item));
-  EXPECT_EQ(item.fileType, "cert");
-  ASSERT_TRUE(table.findItem("network.802_1x.root_cert_url", item));
-  EXPECT_EQ(item.type, "bin");
-  ASSERT_TRUE(table.findItem("firmware.server_ip", item));
-  EXPECT_EQ(item.type, "rom");
-
-  std::string name;
-  ASSERT_TRUE(table.findItemName("/config/user/voip/sipAccount0.cfg", "account", "Enable", name));
-  EXPECT_EQ(name, "account.1.enable");
-  ASSERT_TRUE(table.findItemName("/valdrun/config/.htpasswd", "del_user", "", name));
-  EXPECT_EQ(name, "security.delete_user");
-  ASSERT_TRUE(table.findItemName("/config/system/system.ini", "802.1X", "strIdentity", name));
-  EXPECT_EQ(name, "network.802_1x.identity");
+  const std::pair<std::array<const char*, 3>, const char*> reverses[] = {
+      {{"/config/user/voip/sipAccount0.cfg", "account", "Enable"}, "account.1.enable"},
+      {{"/valdrun/config/.htpasswd", "del_user", ""}, "security.delete_user"},
+      {{"/config/system/system.ini", "802.1X", "strIdentity"}, "network.802_1x.identity"}};
+  for (const auto& [where, key] : reverses) {
+    std::string name;
+    EXPECT_TRUE(table.findItemName(where[0], where[1], where[2], name) && name == key) << key;
+  }
 }
 
 TEST_F(ShippedTableTest, EveryNumberedKeyRoundTrips) {

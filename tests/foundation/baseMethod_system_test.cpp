@@ -70,32 +70,29 @@ class SystemHelpersTest : public RootedTest {
 
 }  // namespace
 
-TEST_F(SystemHelpersTest, CallEndWaitAsksUntilThePhoneAllowsARestart) {
-  StandIn phone(kThreadPhone, {0, 0, 1});
-  LogCapture capture;
-  EXPECT_EQ(waitCallEnd(), 0);
-  auto got = phone.received();
-  ASSERT_EQ(got.size(), 3u);
-  EXPECT_EQ(got[0], (std::vector<uint32_t>{MSG_REBOOT_REQUEST, 0, 0}));
-  EXPECT_EQ(fakeClock.elapsedMs(), 60u);
-  EXPECT_EQ(countOf(capture.text(), "IFO phone is in talking!"), 2u);
-  EXPECT_TRUE(capture.contains("IFO SEND MESSAGE:10011(0,0) to TalkLogic\n\n"));
-  EXPECT_TRUE(capture.contains("DEB receive msg return:1 \n"));
-}
-
-TEST_F(SystemHelpersTest, CallEndWaitGivesUpAfter242AnswersOfZero) {
-  StandIn phone(kThreadPhone, {0});
-  LogCapture capture;
-  EXPECT_EQ(waitCallEnd(), -1);
-  EXPECT_EQ(phone.received().size(), 242u);
-  EXPECT_EQ(fakeClock.elapsedMs(), 241u * 30u);  // every wait on the fake clock
-  EXPECT_EQ(countOf(capture.text(), "phone is in talking!"), 241u);
-}
-
-TEST_F(SystemHelpersTest, CallEndWaitStopsAtAnyOtherAnswer) {
-  StandIn phone(kThreadPhone, {0, 7});
-  EXPECT_EQ(waitCallEnd(), -1);
-  EXPECT_EQ(phone.received().size(), 2u);
+TEST_F(SystemHelpersTest, CallEndWaitAsksUntilThePhoneAllowsARestartOrGivesUp) {
+  struct Case {
+    std::vector<int32_t> answers;  // the phone's answers in turn, the last one repeating
+    int result;
+    size_t asked, talking;
+  } cases[] = {{{0, 0, 1}, 0, 3, 2}, {{0}, -1, 242, 241}, {{0, 7}, -1, 2, 1}};
+  for (const Case& c : cases) {
+    StandIn phone(kThreadPhone, c.answers);
+    LogCapture capture;
+    uint64_t before = fakeClock.elapsedMs();
+    EXPECT_EQ(waitCallEnd(), c.result);
+    auto got = phone.received();
+    ASSERT_EQ(got.size(), c.asked);
+    EXPECT_EQ(got[0], (std::vector<uint32_t>{MSG_REBOOT_REQUEST, 0, 0}));
+    EXPECT_EQ(countOf(capture.text(), "IFO phone is in talking!"), c.talking);
+    if (c.answers.back() != 7) {  // every wait on the fake clock
+      EXPECT_EQ(fakeClock.elapsedMs() - before, c.talking * 30u);
+    }
+    EXPECT_TRUE(capture.contains("IFO SEND MESSAGE:10011(0,0) to TalkLogic\n\n"));
+    if (c.result == 0) {
+      EXPECT_TRUE(capture.contains("DEB receive msg return:1 \n"));
+    }
+  }
 }
 
 TEST_F(SystemHelpersTest, SendsToTheTr069AgentOnlyWhenItRuns) {
@@ -197,35 +194,32 @@ bool inOrder(const std::string& text, const std::vector<std::string>& needles) {
 }  // namespace
 
 TEST_F(SystemHelpersTest, RebootBacksUpTheLogHandsOverToTheWatchdogAndRestarts) {
-  root->write("/dev/input/keypad0", "");
-  root->write("/tmp/autop.log", "second run\n");
-  root->write("/config/autop_log/log.0", "first run\n");
-  std::string out = root->host("/tmp/reboot.out");
-
-  int status = rebootInChild(out);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_EQ(actions(), "ioctl /dev/input/keypad0 0x400445a3 1\nreboot\n");
-  EXPECT_EQ(root->read("/config/autop_log/log.0"), "second run\n");
-  EXPECT_EQ(root->read("/config/autop_log/log.1"), "first run\n");
-  std::string log = root->read("/tmp/reboot.out");
-  EXPECT_TRUE(inOrder(log, {"IFO backup attlog to flash ... \n", "WAR Reboot by watchdog !\n", "WAR to ioctl ... \n",
-                            "WAR Successed in closing watchdog !!\n", "WAR Sleep 10s for reboot by watchdog ...\n",
-                            "WAR Reboot by syscall ... \n"}))
-      << log;
-  EXPECT_EQ(log.find("DUNA"), std::string::npos);
-}
-
-TEST_F(SystemHelpersTest, RebootWithoutWatchdogStillRestartsBySystemCall) {
-  std::string out = root->host("/tmp/reboot.out");
-  int status = rebootInChild(out);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_EQ(actions(), "reboot\n");
-  EXPECT_FALSE(root->exists("/config/autop_log/log.0"));  // nothing to back up
-  std::string log = root->read("/tmp/reboot.out");
-  EXPECT_TRUE(inOrder(log, {"skip backup! [/tmp/autop.log] file not exist !", "WAR Reboot by watchdog !\n",
-                            "ERR Can't open keypad0 !\n", "WAR DUNA: Fail to reboot by watchdog !\n",
-                            "WAR Sleep 10s for reboot by watchdog ...\n", "WAR Reboot by syscall ... \n"}))
-      << log;
+  for (bool watchdog : {true, false}) {
+    SCOPED_TRACE(watchdog ? "with the keypad watchdog" : "without it");
+    root.reset();  // the old root restores the environment before the new one is made
+    root = std::make_unique<TempRoot>();
+    if (watchdog) {
+      root->write("/dev/input/keypad0", "");
+      root->write("/tmp/autop.log", "second run\n");
+      root->write("/config/autop_log/log.0", "first run\n");
+    }
+    int status = rebootInChild(root->host("/tmp/reboot.out"));
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(actions(), watchdog ? "ioctl /dev/input/keypad0 0x400445a3 1\nreboot\n" : "reboot\n");
+    EXPECT_EQ(root->read("/config/autop_log/log.0"), watchdog ? "second run\n" : "");  // nothing to back up
+    EXPECT_EQ(root->read("/config/autop_log/log.1"), watchdog ? "first run\n" : "");
+    std::string log = root->read("/tmp/reboot.out");
+    std::vector<std::string> steps = {"WAR Reboot by watchdog !\n", "WAR Sleep 10s for reboot by watchdog ...\n",
+                                      "WAR Reboot by syscall ... \n"};
+    if (watchdog) {
+      steps.insert(steps.begin(), "IFO backup attlog to flash ... \n");
+      steps.insert(steps.begin() + 2, {"WAR to ioctl ... \n", "WAR Successed in closing watchdog !!\n"});
+    } else {
+      steps.insert(steps.begin(), "skip backup! [/tmp/autop.log] file not exist !");
+      steps.insert(steps.begin() + 2, {"ERR Can't open keypad0 !\n", "WAR DUNA: Fail to reboot by watchdog !\n"});
+    }
+    EXPECT_TRUE(inOrder(log, steps)) << log;
+    EXPECT_EQ(log.find("DUNA") == std::string::npos, watchdog);
+  }
 }

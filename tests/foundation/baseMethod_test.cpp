@@ -30,11 +30,8 @@ int fakeStatfs(const char* path, struct statfs* result) {
 }  // namespace
 
 TEST_F(BaseMethodTest, NumbersAndDirectoryNames) {
-  EXPECT_EQ(isNumber("0123456789"), 1);
-  EXPECT_EQ(isNumber(""), 1);
-  EXPECT_EQ(isNumber("12a"), 0);
-  EXPECT_EQ(isNumber("-1"), 0);
-  EXPECT_EQ(isNumber(" 1"), 0);
+  for (const auto& [text, number] : {std::pair<const char*, int>{"0123456789", 1}, {"", 1}, {"12a", 0}, {"-1", 0}, {" 1", 0}})
+    EXPECT_EQ(isNumber(text), number) << text;
   LogCapture capture;
   EXPECT_EQ(isNumber(nullptr), 0);
   EXPECT_TRUE(capture.contains("WAR Unexpected null pointer !"));
@@ -148,12 +145,8 @@ TEST_F(BaseMethodTest, PartitionFreeSize) {
 }
 
 TEST_F(BaseMethodTest, ResourceKindsAndTypes) {
-  EXPECT_EQ(resourceKindOf("xml"), 1);
-  EXPECT_EQ(resourceKindOf("image"), 2);
-  EXPECT_EQ(resourceKindOf("cert"), 3);
-  EXPECT_EQ(resourceKindOf("tar"), 4);
-  EXPECT_EQ(resourceKindOf("XML"), 0);
-  EXPECT_EQ(resourceKindOf(""), 0);
+  const std::pair<const char*, int> kinds[] = {{"xml", 1}, {"image", 2}, {"cert", 3}, {"tar", 4}, {"XML", 0}, {"", 0}};
+  for (const auto& [word, kind] : kinds) EXPECT_EQ(resourceKindOf(word), kind) << word;
   EXPECT_EQ(resourceKindOf(nullptr), 0);
 
   const std::pair<const char*, int> table[] = {
@@ -165,11 +158,6 @@ TEST_F(BaseMethodTest, ResourceKindsAndTypes) {
     EXPECT_EQ(resourceTypeOf(name), type) << name;
     EXPECT_EQ(resourceTypeOf((std::string("item.") + name).c_str()), type) << name;
   }
-  EXPECT_EQ(resourceTypeOf("x.ringtone"), 7);
-  EXPECT_EQ(resourceTypeOf("ringtone"), 7);
-  EXPECT_EQ(resourceTypeOf("a.b.ringtone"), 0);
-  EXPECT_EQ(resourceTypeOf("ringtone.wav"), 0);
-  EXPECT_EQ(resourceTypeOf("unknown"), 0);
-  EXPECT_EQ(resourceTypeOf(""), 0);
+  for (const char* none : {"a.b.ringtone", "ringtone.wav", "unknown", ""}) EXPECT_EQ(resourceTypeOf(none), 0) << none;
   EXPECT_EQ(resourceTypeOf(nullptr), 0);
 }

@@ -52,11 +52,7 @@ TEST(Log, LongRecordsAreCutTo510CharactersAndLoseTheirNewline) {
 }
 
 TEST(Log, SyslogPriorities) {
-  EXPECT_EQ(logSyslogPriority(1), LOG_CRIT);
-  EXPECT_EQ(logSyslogPriority(2), LOG_ERR);
-  EXPECT_EQ(logSyslogPriority(3), LOG_WARNING);
-  EXPECT_EQ(logSyslogPriority(4), LOG_INFO);
-  EXPECT_EQ(logSyslogPriority(5), LOG_DEBUG);
-  EXPECT_EQ(logSyslogPriority(0), LOG_DEBUG);
-  EXPECT_EQ(logSyslogPriority(9), LOG_DEBUG);
+  const std::pair<int, int> priorities[] = {{1, LOG_CRIT}, {2, LOG_ERR}, {3, LOG_WARNING}, {4, LOG_INFO},
+                                            {5, LOG_DEBUG}, {0, LOG_DEBUG}, {9, LOG_DEBUG}};
+  for (const auto& [level, priority] : priorities) EXPECT_EQ(logSyslogPriority(level), priority) << level;
 }

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <tuple>
 
 #include "netPeers.h"
 #include "netSocket.h"
@@ -18,37 +19,30 @@ using testing_support::LogCapture;
 namespace {
 
 TEST(NetSocket, AddressTexts) {
-  EXPECT_TRUE(netSocket::IsIPv4Text("0.0.0.0"));
-  EXPECT_TRUE(netSocket::IsIPv4Text("192.168.1.255"));
-  EXPECT_FALSE(netSocket::IsIPv4Text("192.168.1.256"));
-  EXPECT_FALSE(netSocket::IsIPv4Text("1.2.3"));
-  EXPECT_FALSE(netSocket::IsIPv4Text("1.2.3.4 "));
-  EXPECT_FALSE(netSocket::IsIPv4Text("1.2.3.4.5"));
-  EXPECT_FALSE(netSocket::IsIPv4Text("a.b.c.d"));
-  {
-    LogCapture log;
-    EXPECT_FALSE(netSocket::IsIPv4Text(nullptr));
-    EXPECT_TRUE(log.contains("lpszIPv4 != NULL"));
-  }
+  for (const char* ipv4 : {"0.0.0.0", "192.168.1.255"}) EXPECT_TRUE(netSocket::IsIPv4Text(ipv4)) << ipv4;
+  for (const char* bad : {"192.168.1.256", "1.2.3", "1.2.3.4 ", "1.2.3.4.5", "a.b.c.d"})
+    EXPECT_FALSE(netSocket::IsIPv4Text(bad)) << bad;
+  for (const char* ip : {"127.0.0.1", "2001:db8::1"}) EXPECT_TRUE(netSocket::IsIPText(ip)) << ip;
+  for (const char* bad : {"localhost", "[::1]"}) EXPECT_FALSE(netSocket::IsIPText(bad)) << bad;
+  LogCapture log;
+  EXPECT_FALSE(netSocket::IsIPv4Text(nullptr));
+  EXPECT_TRUE(log.contains("lpszIPv4 != NULL"));
 
+  // text and port in, family, length and text form out
+  const std::tuple<const char*, uint16_t, int, size_t, const char*> addresses[] = {
+      {"10.0.0.5", 5001, AF_INET, 16, "10.0.0.5:5001"},
+      {"[fe80::1]", 69, AF_INET6, 28, "[fe80::1]:69"},
+      {"::1", 21, AF_INET6, 28, "[::1]:21"}};
   netAddress a;
-  ASSERT_TRUE(netSocket::SetAddress(a, "10.0.0.5", 5001));
-  EXPECT_EQ(a.family(), AF_INET);
-  EXPECT_EQ(a.length(), 16u);
-  EXPECT_EQ(netSocket::AddressToText(a), "10.0.0.5:5001");
-  ASSERT_TRUE(netSocket::SetAddress(a, "[fe80::1]", 69));
-  EXPECT_EQ(a.family(), AF_INET6);
-  EXPECT_EQ(a.length(), 28u);
-  EXPECT_EQ(netSocket::AddressToText(a), "[fe80::1]:69");
-  ASSERT_TRUE(netSocket::SetAddress(a, "::1", 21));
-  EXPECT_EQ(a.port(), 21);
+  for (const auto& [text, port, family, length, shown] : addresses) {
+    ASSERT_TRUE(netSocket::SetAddress(a, text, port)) << text;
+    EXPECT_EQ(a.family(), family);
+    EXPECT_EQ(a.length(), length);
+    EXPECT_EQ(a.port(), port);
+    EXPECT_EQ(netSocket::AddressToText(a), shown);
+  }
   EXPECT_FALSE(netSocket::SetAddress(a, "not an address", 1));
   EXPECT_FALSE(netSocket::SetAddress(a, "fe80::zz", 1));
-
-  EXPECT_TRUE(netSocket::IsIPText("127.0.0.1"));
-  EXPECT_TRUE(netSocket::IsIPText("2001:db8::1"));
-  EXPECT_FALSE(netSocket::IsIPText("localhost"));
-  EXPECT_FALSE(netSocket::IsIPText("[::1]"));
 
   std::vector<std::string> resolved = netSocket::ResolveHost("localhost");
   ASSERT_FALSE(resolved.empty());

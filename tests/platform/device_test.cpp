@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cerrno>
 #include <set>
+#include <tuple>
 
 #include "device.h"
 #include "testRoot.h"
@@ -53,17 +54,11 @@ TEST_F(DeviceTest, FactsComeFromDeviceIniWithDefaults) {
 }
 
 TEST_F(DeviceTest, ResolvesNamesAndChecksIPv6Texts) {
-  EXPECT_EQ(netGetHostIPString("127.0.0.1", 2), "127.0.0.1");
-  EXPECT_EQ(netGetHostIPString("localhost", 2), "127.0.0.1");
-  EXPECT_EQ(netGetHostIPString("::1", 10), "::1");
-  EXPECT_EQ(netGetHostIPString("::1", 0), "::1");
-  EXPECT_EQ(netGetHostIPString("", 2), "");
-
-  EXPECT_TRUE(IsValidIPV6("::1"));
-  EXPECT_TRUE(IsValidIPV6("fe80::215:65ff:feab:cdef"));
-  EXPECT_FALSE(IsValidIPV6("10.0.0.1"));
-  EXPECT_FALSE(IsValidIPV6("fe80::zz"));
-  EXPECT_FALSE(IsValidIPV6(""));
+  const std::tuple<const char*, int, const char*> names[] = {
+      {"127.0.0.1", 2, "127.0.0.1"}, {"localhost", 2, "127.0.0.1"}, {"::1", 10, "::1"}, {"::1", 0, "::1"}, {"", 2, ""}};
+  for (const auto& [name, family, ip] : names) EXPECT_EQ(netGetHostIPString(name, family), ip) << name;
+  for (const char* v6 : {"::1", "fe80::215:65ff:feab:cdef"}) EXPECT_TRUE(IsValidIPV6(v6)) << v6;
+  for (const char* bad : {"10.0.0.1", "fe80::zz", ""}) EXPECT_FALSE(IsValidIPV6(bad)) << bad;
 }
 
 TEST_F(DeviceTest, BootEnvironmentPersistsAtomically) {
@@ -77,10 +72,9 @@ TEST_F(DeviceTest, BootEnvironmentPersistsAtomically) {
   EXPECT_EQ(userenv_get("strUpgradeURL"), "http://10.0.0.1/fw.rom?a=b");
 
   // Names or values that would break the file are refused and change nothing.
-  EXPECT_EQ(userenv_set("", "x"), -1);
-  EXPECT_EQ(userenv_set("A=B", "x"), -1);
-  EXPECT_EQ(userenv_set("[env]", "x"), -1);
-  EXPECT_EQ(userenv_set("HOST_NAME", "x\nBOOTMODE=normal"), -1);
+  for (const auto& [name, value] : {std::pair<const char*, const char*>{"", "x"}, {"A=B", "x"}, {"[env]", "x"},
+                                    {"HOST_NAME", "x\nBOOTMODE=normal"}})
+    EXPECT_EQ(userenv_set(name, value), -1) << name;
   EXPECT_EQ(root->read(kHostBootEnv),
             "[env]\nHOST_NAME=desk-1\nBOOTMODE=safe\nstrUpgradeURL=http://10.0.0.1/fw.rom?a=b\n");
 }

@@ -1,6 +1,8 @@
 // INI files in memory: parsing, writing back without losing comments, edits, hostile values.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "inifile.h"
 #include "testRoot.h"
 
@@ -27,16 +29,13 @@ const char* kSample =
 TEST(IniFile, ParsesSectionsKeysAndComments) {
   iniFile ini;
   ini.LoadFromText(kSample);
-  EXPECT_EQ(ini.GetTextValue("", "global", "x"), "1");
-  EXPECT_EQ(ini.GetTextValue("AutoProvision", "strServerURL", "x"), "http://10.0.0.1/cfg");
-  EXPECT_EQ(ini.GetTextValue("AutoProvision", "bEnablePNP", "x"), "1");
-  EXPECT_EQ(ini.GetTextValue("AutoProvision", "pair", "x"), "a=b");
-  EXPECT_EQ(ini.GetTextValue("Other", "key", "x"), "");
+  const std::tuple<const char*, const char*, const char*> values[] = {
+      {"", "global", "1"}, {"AutoProvision", "strServerURL", "http://10.0.0.1/cfg"}, {"AutoProvision", "bEnablePNP", "1"},
+      {"AutoProvision", "pair", "a=b"}, {"Other", "key", ""}, {"AutoProvision", "missing", "x"}, {"NoSection", "bEnablePNP", "x"}};
+  for (const auto& [section, key, value] : values) EXPECT_EQ(ini.GetTextValue(section, key, "x"), value) << key;
   EXPECT_TRUE(ini.HasKey("Other", "key"));
   EXPECT_FALSE(ini.HasKey("AutoProvision", "garbage line"));
   EXPECT_FALSE(ini.HasKey("AutoProvision", ""));
-  EXPECT_EQ(ini.GetTextValue("AutoProvision", "missing", "dflt"), "dflt");
-  EXPECT_EQ(ini.GetTextValue("NoSection", "bEnablePNP", "dflt"), "dflt");
 
   ASSERT_EQ(ini.sections().size(), 3u);
   EXPECT_EQ(ini.sections()[1].name, "AutoProvision");

@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <vector>
 
 #include "clock.h"
 #include "testRoot.h"
@@ -39,13 +40,9 @@ TEST(TimeUtil, FieldsDayOfWeekAndFormat) {
   UtcZone utc;
   chTime monday(2024, 1, 1, 8, 30, 15);
   EXPECT_EQ(monday.GetTime(), 1704097815);
-  EXPECT_EQ(monday.GetYear(), 2024);
-  EXPECT_EQ(monday.GetMonth(), 1);
-  EXPECT_EQ(monday.GetDay(), 1);
-  EXPECT_EQ(monday.GetHour(), 8);
-  EXPECT_EQ(monday.GetMinute(), 30);
-  EXPECT_EQ(monday.GetSecond(), 15);
-  EXPECT_EQ(monday.GetDayOfWeek(), 1);
+  EXPECT_EQ((std::vector<int>{monday.GetYear(), monday.GetMonth(), monday.GetDay(), monday.GetHour(), monday.GetMinute(),
+                              monday.GetSecond(), monday.GetDayOfWeek()}),
+            (std::vector<int>{2024, 1, 1, 8, 30, 15, 1}));
   EXPECT_EQ(monday.Format("%Y-%m-%d %H:%M:%S"), "2024-01-01 08:30:15");
   EXPECT_EQ(monday.GetLocalTm().tm_yday, 0);
 

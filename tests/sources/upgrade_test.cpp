@@ -115,11 +115,9 @@ TEST_F(UpgradeTest, InvalidUrlsAndFileNames) {
   EXPECT_FALSE(autoUpgrade::UpgradeFromURL("http:///x.cfg"));
   EXPECT_TRUE(log.contains("Invalid URL !"));
   EXPECT_FALSE(autoUpgrade::UpgradeFromURL("tftp://10.0.0.1:0/x"));
-  EXPECT_TRUE(isConfigFileName("/p/boot.PHP"));
-  EXPECT_TRUE(isConfigFileName("a.Xml"));
-  EXPECT_FALSE(isConfigFileName("/dir/file.txt"));
-  EXPECT_FALSE(isConfigFileName("/dir/file"));
-  EXPECT_FALSE(isConfigFileName(nullptr));
+  for (const char* name : {"/p/boot.PHP", "a.Xml"}) EXPECT_TRUE(isConfigFileName(name)) << name;
+  for (const char* name : {"/dir/file.txt", "/dir/file", static_cast<const char*>(nullptr)})
+    EXPECT_FALSE(isConfigFileName(name));
   EXPECT_EQ(replaceMacMarks("http://s/a$macb$mac", kMac), std::string("http://s/a") + kMac + "b" + kMac);
   EXPECT_EQ(replaceMacMarks("x$mac", ""), "x");
   EXPECT_EQ(replaceMacMarks("$ma$mac$", "$mac"), "$ma$mac$");  // inserted text is not scanned again
@@ -134,11 +132,7 @@ TEST_F(UpgradeTest, HttpAndHttpsFileAndDirectoryUrlsWithCredentialsMasked) {
   ASSERT_TRUE(http.start(&ca, &other));
   http.put(std::string("files/") + kMac + ".cfg", m7("account.1.label = ViaMac\n"));
   http.put("files/common.cfg", m7("network.vlan = 30\n"));
-  root->write("/config/certs/trusted/prov-ca.pem", [&] {
-    std::string pem;
-    runCommand("cat '" + ca.caCertificate() + "'", &pem);
-    return pem;
-  }());
+  root->write("/config/certs/trusted/prov-ca.pem", readHostFile(ca.caCertificate()));
 
   LogCapture log;
   const std::string base = "http://127.0.0.1:" + std::to_string(http.port());

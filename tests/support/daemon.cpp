@@ -5,8 +5,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <fstream>
-#include <sstream>
 
 #include "msgqueue.h"
 #include "testRoot.h"
@@ -38,27 +36,26 @@ DaemonProcess::~DaemonProcess() {
   if (pid_ > 0 && status_ == -1) stop(SIGKILL);
 }
 
-bool DaemonProcess::waitReachable(int timeoutMs) const {
-  for (int waited = 0; waited < timeoutMs; waited += 10) {
-    if (!msgGetThreadByName("provisor").empty()) return true;
-    usleep(10000);
-  }
+namespace {
+
+// Polls `done` every 10 ms of real time until it holds (true) or `timeoutMs` passed (false).
+template <class Condition>
+bool pollFor(Condition done, int timeoutMs) {
+  for (int waited = 0; waited < timeoutMs; waited += 10, usleep(10000))
+    if (done()) return true;
   return false;
 }
 
-std::string DaemonProcess::log() const {
-  std::ifstream in(logPath_);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
+}  // namespace
+
+bool DaemonProcess::waitReachable(int timeoutMs) const {
+  return pollFor([] { return !msgGetThreadByName("provisor").empty(); }, timeoutMs);
 }
+
+std::string DaemonProcess::log() const { return readHostFile(logPath_); }
 
 bool DaemonProcess::waitForLog(const std::string& text, int timeoutMs) const {
-  for (int waited = 0; waited < timeoutMs; waited += 10) {
-    if (log().find(text) != std::string::npos) return true;
-    usleep(10000);
-  }
-  return false;
+  return pollFor([&] { return log().find(text) != std::string::npos; }, timeoutMs);
 }
 
 int DaemonProcess::wait(int timeoutMs) {

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -125,6 +126,40 @@ inline int connectTo(uint16_t port) {
     return -1;
   }
   return fd;
+}
+
+// Reads one request's header block.
+inline std::string readRequest(int fd) {
+  std::string request;
+  char c;
+  while (request.find("\r\n\r\n") == std::string::npos && readable(fd, 5000) && recv(fd, &c, 1, 0) == 1)
+    request += c;
+  return request;
+}
+
+// One scripted FTP control connection; `commands` keeps every line the client sent.
+struct FtpSession {
+  int fd = -1;
+  std::vector<std::string> commands;
+  std::string expect() {
+    commands.push_back(readLine(fd));
+    return commands.back();
+  }
+  void reply(const std::string& text) { sendText(fd, text); }
+  // Answers the usual preamble up to and including PASV with the given replies.
+  void preamble(const std::string& sizeReply, const std::string& pasvReply) {
+    reply("220 Ready\r\n");
+    for (const std::string& r : {std::string("331 Password please\r\n"), std::string("230 Logged in\r\n"),
+                                 std::string("200 Binary\r\n"), sizeReply, pasvReply}) {
+      expect();
+      reply(r);
+    }
+  }
+};
+
+inline std::string pasvReply(uint16_t port) {
+  return "227 Entering Passive Mode (127,0,0,1," + std::to_string(port / 256) + "," + std::to_string(port % 256) +
+         ").\r\n";
 }
 
 // Opens `url` and saves it to /tmp/out: the bytes written, or -1 when the open failed.

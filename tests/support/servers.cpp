@@ -27,34 +27,25 @@ namespace {
 
 using Steady = std::chrono::steady_clock;
 
-void makeParents(const std::string& file) {
-  size_t pos = 0;
-  while ((pos = file.find('/', pos + 1)) != std::string::npos) mkdir(file.substr(0, pos).c_str(), 0755);
-}
-
 void writeFile(const std::string& path, const std::string& contents) {
-  makeParents(path);
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << contents;
-  out.close();
+  for (size_t pos = 0; (pos = path.find('/', pos + 1)) != std::string::npos;) mkdir(path.substr(0, pos).c_str(), 0755);
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
   chmod(path.c_str(), 0644);
 }
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
+sockaddr_in loopback4(int port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(static_cast<uint16_t>(port));
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return a;
 }
 
 // A UDP server is up once it answers a request for a file that does not exist.
 bool waitTftp(int port, int timeoutMs) {
   int fd = socket(AF_INET, SOCK_DGRAM, 0);
   if (fd < 0) return false;
-  sockaddr_in to{};
-  to.sin_family = AF_INET;
-  to.sin_port = htons(static_cast<uint16_t>(port));
-  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in to = loopback4(port);
   static const char request[] = "\0\001__probe__\0octet";  // with the final zero
   auto deadline = Steady::now() + std::chrono::milliseconds(timeoutMs);
   bool up = false;
@@ -139,23 +130,16 @@ std::string testBytes(size_t size, unsigned seed) {
 }
 
 bool waitTcpPort(int port, int timeoutMs, bool ipv6) {
-  auto deadline = Steady::now() + std::chrono::milliseconds(timeoutMs);
-  while (Steady::now() < deadline) {
-    int fd = socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0);
-    int rc;
-    if (ipv6) {
-      sockaddr_in6 to{};
-      to.sin6_family = AF_INET6;
-      to.sin6_port = htons(static_cast<uint16_t>(port));
-      to.sin6_addr = in6addr_loopback;
-      rc = connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof(to));
-    } else {
-      sockaddr_in to{};
-      to.sin_family = AF_INET;
-      to.sin_port = htons(static_cast<uint16_t>(port));
-      to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      rc = connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof(to));
-    }
+  sockaddr_in to4 = loopback4(port);
+  sockaddr_in6 to6{};
+  to6.sin6_family = AF_INET6;
+  to6.sin6_port = htons(static_cast<uint16_t>(port));
+  to6.sin6_addr = in6addr_loopback;
+  sockaddr* to = ipv6 ? reinterpret_cast<sockaddr*>(&to6) : reinterpret_cast<sockaddr*>(&to4);
+  socklen_t length = ipv6 ? sizeof(to6) : sizeof(to4);
+  for (auto deadline = Steady::now() + std::chrono::milliseconds(timeoutMs); Steady::now() < deadline;) {
+    int fd = socket(to->sa_family, SOCK_STREAM, 0);
+    int rc = connect(fd, to, length);
     close(fd);
     if (rc == 0) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -191,33 +175,17 @@ FtpServer::FtpServer() : dir_("ftp") { mkdir(dir_.file("files").c_str(), 0755); 
 
 bool FtpServer::start(const Options& options) {
   port_ = freePort();
+  const std::string files = dir_.file("files");
   std::ostringstream conf;
-  conf << "listen=" << (options.ipv6 ? "NO" : "YES") << "\n"
-       << "listen_ipv6=" << (options.ipv6 ? "YES" : "NO") << "\n"
-       << "listen_address=127.0.0.1\n"
-       << "listen_address6=::1\n"
-       << "listen_port=" << port_ << "\n"
-       << "background=NO\n"
-       << "anonymous_enable=YES\n"
-       << "no_anon_password=YES\n"
-       << "anon_root=" << dir_.file("files") << "\n"
-       << "local_enable=YES\n"
-       << "guest_enable=YES\n"
-       << "guest_username=ftp\n"
-       << "local_root=" << dir_.file("files") << "\n"
-       << "pam_service_name=runuser\n"
-       << "check_shell=NO\n"
-       << "userlist_enable=NO\n"
-       << "write_enable=NO\n"
-       << "pasv_enable=" << (options.passive ? "YES" : "NO") << "\n"
-       << "port_enable=YES\n"
-       << "connect_from_port_20=NO\n"
-       << "seccomp_sandbox=NO\n"
-       << "secure_chroot_dir=/var/run/vsftpd/empty\n"
-       << "vsftpd_log_file=" << dir_.file("vsftpd.log") << "\n"
-       << "xferlog_enable=YES\n"
-       << "dual_log_enable=YES\n"
-       << "log_ftp_protocol=YES\n";
+  conf << "listen=" << (options.ipv6 ? "NO" : "YES") << "\nlisten_ipv6=" << (options.ipv6 ? "YES" : "NO")
+       << "\nlisten_address=127.0.0.1\nlisten_address6=::1\nlisten_port=" << port_
+       << "\nbackground=NO\nanonymous_enable=YES\nno_anon_password=YES\nanon_root=" << files
+       << "\nlocal_enable=YES\nguest_enable=YES\nguest_username=ftp\nlocal_root=" << files
+       << "\npam_service_name=runuser\ncheck_shell=NO\nuserlist_enable=NO\nwrite_enable=NO\npasv_enable="
+       << (options.passive ? "YES" : "NO")
+       << "\nport_enable=YES\nconnect_from_port_20=NO\nseccomp_sandbox=NO\nsecure_chroot_dir=/var/run/vsftpd/empty"
+       << "\nvsftpd_log_file=" << dir_.file("vsftpd.log")
+       << "\nxferlog_enable=YES\ndual_log_enable=YES\nlog_ftp_protocol=YES\n";
   dir_.write("vsftpd.conf", conf.str());
   mkdir("/var/run/vsftpd", 0755);
   mkdir("/var/run/vsftpd/empty", 0755);
@@ -225,7 +193,7 @@ bool FtpServer::start(const Options& options) {
          waitTcpPort(port_, 5000, options.ipv6);
 }
 
-std::string FtpServer::log() const { return readFile(dir_.file("vsftpd.log")); }
+std::string FtpServer::log() const { return readHostFile(dir_.file("vsftpd.log")); }
 
 // ---------------------------------------------------------------------------------------------
 
@@ -258,50 +226,30 @@ HttpServer::HttpServer() : dir_("http") { mkdir(dir_.file("www").c_str(), 0755);
 
 bool HttpServer::start(const TestCa* ca, const TestCa* otherCa) {
   port_ = freePort();
-  std::string d = dir_.path();
+  const std::string d = dir_.path();
   dir_.write("htpasswd", "user:{PLAIN}secret\n");
-  std::ostringstream conf;
-  conf << "master_process off;\n"
-       << "error_log " << d << "/error.log;\n"
-       << "pid " << d << "/nginx.pid;\n"
-       << "events { worker_connections 64; }\n"
-       << "http {\n"
-       << "  access_log " << d << "/access.log;\n"
-       << "  client_body_temp_path " << d << "/body;\n"
-       << "  proxy_temp_path " << d << "/proxy;\n"
-       << "  fastcgi_temp_path " << d << "/fastcgi;\n"
-       << "  default_type application/octet-stream;\n"
-       << "  server {\n"
-       << "    listen 127.0.0.1:" << port_ << ";\n"
-       << "    root " << d << "/www;\n"
-       << "    location /auth/ { auth_basic \"provisor\"; auth_basic_user_file " << d << "/htpasswd; }\n"
-       << "    location = /redirect { return 302 /files/redirected.bin; }\n"
-       << "  }\n";
-  if (ca) {
-    tlsPort_ = freePort();
-    conf << "  server {\n"
-         << "    listen 127.0.0.1:" << tlsPort_ << " ssl;\n"
-         << "    ssl_certificate " << ca->file("server.pem") << ";\n"
-         << "    ssl_certificate_key " << ca->file("server.key") << ";\n"
-         << "    root " << d << "/www;\n"
-         << "    location /auth/ { auth_basic \"provisor\"; auth_basic_user_file " << d << "/htpasswd; }\n"
-         << "  }\n";
-  }
-  if (otherCa) {
-    otherTlsPort_ = freePort();
-    conf << "  server {\n"
-         << "    listen 127.0.0.1:" << otherTlsPort_ << " ssl;\n"
-         << "    ssl_certificate " << otherCa->file("server.pem") << ";\n"
-         << "    ssl_certificate_key " << otherCa->file("server.key") << ";\n"
-         << "    root " << d << "/www;\n"
-         << "  }\n";
-  }
-  conf << "}\n";
-  dir_.write("nginx.conf", conf.str());
+  const std::string authorised =
+      "    location /auth/ { auth_basic \"provisor\"; auth_basic_user_file " + d + "/htpasswd; }\n";
+  // One server block per port; TLS ones carry the certificate their CA issued.
+  auto server = [&](int port, const TestCa* tls, const std::string& extra) {
+    std::string block = "  server {\n    listen 127.0.0.1:" + std::to_string(port) + (tls ? " ssl" : "") + ";\n";
+    if (tls)
+      block += "    ssl_certificate " + tls->file("server.pem") + ";\n    ssl_certificate_key " +
+               tls->file("server.key") + ";\n";
+    return block + "    root " + d + "/www;\n" + extra + "  }\n";
+  };
+  std::string conf = "master_process off;\nerror_log " + d + "/error.log;\npid " + d +
+                     "/nginx.pid;\nevents { worker_connections 64; }\nhttp {\n  access_log " + d +
+                     "/access.log;\n  client_body_temp_path " + d + "/body;\n  proxy_temp_path " + d +
+                     "/proxy;\n  fastcgi_temp_path " + d + "/fastcgi;\n  default_type application/octet-stream;\n" +
+                     server(port_, nullptr, authorised + "    location = /redirect { return 302 /files/redirected.bin; }\n");
+  if (ca) conf += server(tlsPort_ = freePort(), ca, authorised);
+  if (otherCa) conf += server(otherTlsPort_ = freePort(), otherCa, "");
+  dir_.write("nginx.conf", conf + "}\n");
   bool started = process_.start({"/usr/sbin/nginx", "-p", d, "-c", d + "/nginx.conf", "-g", "daemon off;"},
                                 dir_.file("server.out"));
-  return started && waitTcpPort(port_, 5000) && (tlsPort_ < 0 || waitTcpPort(tlsPort_, 5000)) &&
-         (otherTlsPort_ < 0 || waitTcpPort(otherTlsPort_, 5000));
+  for (int port : {port_, tlsPort_, otherTlsPort_}) started = started && (port < 0 || waitTcpPort(port, 5000));
+  return started;
 }
 
 }  // namespace testing_support

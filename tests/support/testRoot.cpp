@@ -80,8 +80,10 @@ void TempRoot::write(const std::string& logical, const std::string& contents) co
   out << contents;
 }
 
-std::string TempRoot::read(const std::string& logical) const {
-  std::ifstream in(host(logical), std::ios::binary);
+std::string TempRoot::read(const std::string& logical) const { return readHostFile(host(logical)); }
+
+std::string readHostFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
   std::stringstream ss;
   ss << in.rdbuf();
   return ss.str();

@@ -54,6 +54,8 @@ class LogCapture {
   void clear();
 };
 
+// The whole contents of a file by its host path ("" when it cannot be read).
+std::string readHostFile(const std::string& path);
 // Path of a binary built by this build (provisor, msgctl, autoptool).
 std::string buildBinary(const std::string& name);
 // Runs a command through /bin/sh, returns its exit status and fills `output` with stdout+stderr.
