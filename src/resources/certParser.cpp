@@ -189,9 +189,13 @@ int autoCertParser::checkFile() {
 
 int autoCrtParser::upgradeFile() {
   certFileContents contents;
-  if (!readSource(m_srcPath, contents)) return 0;
+  bool readable = readCertFile(m_srcPath, contents);
   if (contents.hasPrivateKey) {
     LOG_ERR("A trusted certificate must not hold a private key [%s] !", m_srcPath.c_str());
+    return 0;
+  }
+  if (!readable || contents.certificates == 0) {
+    LOG_ERR("[%s] is not a certificate file !", m_srcPath.c_str());
     return 0;
   }
   std::string target = trustedName(m_destPath);
