@@ -8,7 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -70,6 +72,7 @@ struct entryInfo {
   entryKind kind = entryKind::kFile;
   std::string target;  // symlink text, or the normalised path a hard link names
   int64_t size = 0;
+  bool sparse = false;  // holes are not stored, so its data may end before its size
   mode_t mode = 0644;
 };
 
@@ -134,6 +137,7 @@ bool describeEntry(archive_entry* entry, entryInfo& info) {
     case AE_IFREG:
       info.kind = entryKind::kFile;
       info.size = archive_entry_size(entry);
+      info.sparse = archive_entry_sparse_count(entry) > 0;
       return info.size >= 0 || refuse(name, "negative size");
     case AE_IFDIR:
       info.kind = entryKind::kDirectory;
@@ -193,6 +197,38 @@ bool linksAreSafe(const std::vector<entryInfo>& entries) {
   return true;
 }
 
+bool writeAllAt(int fd, const char* data, size_t size, int64_t offset) {
+  while (size > 0) {
+    ssize_t written = pwrite(fd, data, size, offset);
+    if (written <= 0) return false;
+    data += written;
+    size -= static_cast<size_t>(written);
+    offset += written;
+  }
+  return true;
+}
+
+// Walks a regular entry's data, handing each block to `sink` (nullptr: only counted). False when
+// the data is cut short or runs past the entry's size: a seekable reader skips over a missing end
+// without noticing, so every byte is read.
+bool walkFileData(archive* reader, const entryInfo& info, int fd, int64_t& budget) {
+  int64_t end = 0;
+  for (;;) {
+    const void* block = nullptr;
+    size_t size = 0;
+    la_int64_t offset = 0;
+    int status = archive_read_data_block(reader, &block, &size, &offset);
+    if (status == ARCHIVE_EOF) break;
+    if (status != ARCHIVE_OK) return false;
+    budget -= static_cast<int64_t>(size);
+    end = std::max<int64_t>(end, offset + static_cast<int64_t>(size));
+    if (budget < 0 || end > info.size) return false;
+    if (fd >= 0 && !writeAllAt(fd, static_cast<const char*>(block), size, offset)) return false;
+  }
+  if (end != info.size && !info.sparse) return false;
+  return fd < 0 || (ftruncate(fd, info.size) == 0 && fsync(fd) == 0);
+}
+
 // Reads every header; false when the archive is broken or an entry is refused.
 bool scanArchive(const std::string& path, std::vector<entryInfo>& entries, archiveSummary& summary) {
   ReaderPtr reader = openReader(path);
@@ -205,6 +241,11 @@ bool scanArchive(const std::string& path, std::vector<entryInfo>& entries, archi
   while ((status = archive_read_next_header(reader.get(), &entry)) == ARCHIVE_OK) {
     entryInfo info;
     if (!describeEntry(entry, info)) return false;
+    int64_t unbounded = INT64_MAX;
+    if (info.kind == entryKind::kFile && !walkFileData(reader.get(), info, -1, unbounded)) {
+      LOG_ERR("Archive [%s] is broken : the data of [%s] is cut short", path.c_str(), info.path.c_str());
+      return false;
+    }
     ++summary.entries;
     if (info.kind == entryKind::kFile) summary.unpackedBytes += info.size;
     if (!info.path.empty()) entries.push_back(info);  // "." is the destination itself
@@ -237,30 +278,6 @@ int openDirectoryBelow(int root, const std::vector<std::string>& parts, size_t c
   return fd;
 }
 
-bool writeAllAt(int fd, const char* data, size_t size, int64_t offset) {
-  while (size > 0) {
-    ssize_t written = pwrite(fd, data, size, offset);
-    if (written <= 0) return false;
-    data += written;
-    size -= static_cast<size_t>(written);
-    offset += written;
-  }
-  return true;
-}
-
-bool writeFileData(archive* reader, int fd, int64_t& budget) {
-  for (;;) {
-    const void* block = nullptr;
-    size_t size = 0;
-    la_int64_t offset = 0;
-    int status = archive_read_data_block(reader, &block, &size, &offset);
-    if (status == ARCHIVE_EOF) return fsync(fd) == 0;
-    if (status != ARCHIVE_OK) return false;
-    budget -= static_cast<int64_t>(size);
-    if (budget < 0 || !writeAllAt(fd, static_cast<const char*>(block), size, offset)) return false;
-  }
-}
-
 bool writeEntry(archive* reader, const entryInfo& info, int stagingFd, int64_t& budget) {
   std::vector<std::string> parts = splitPath(info.path);
   FdGuard parent(openDirectoryBelow(stagingFd, parts, parts.size() - 1));
@@ -274,7 +291,7 @@ bool writeEntry(archive* reader, const entryInfo& info, int stagingFd, int64_t& 
     }
     case entryKind::kFile: {
       FdGuard out(openat(parent.get(), name, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, info.mode));
-      return out.get() >= 0 && writeFileData(reader, out.get(), budget);
+      return out.get() >= 0 && walkFileData(reader, info, out.get(), budget);
     }
     case entryKind::kSymlink:
       return symlinkat(info.target.c_str(), parent.get(), name) == 0;

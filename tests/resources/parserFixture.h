@@ -4,6 +4,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <dirent.h>
 #include <sys/stat.h>
 
 #include <map>
@@ -33,22 +34,22 @@ class ParserTest : public testing_support::RootedTest {
   int install(autoBinParser& parser, const std::string& name, const std::string& destination) const {
     return parser.installFile(("/tmp/" + name).c_str(), destination);
   }
-  // Every path under the root except /tmp and /scratch, with its contents ("->target" for links).
-  std::map<std::string, std::string> tree() const {
+  // Every path under `top` (logical) with its contents ("->link", "<dir>"); /tmp and /scratch skipped.
+  std::map<std::string, std::string> tree(const std::string& top = "") const {
     std::map<std::string, std::string> found;
-    std::string listing;
-    testing_support::runCommand("cd '" + root->path() + "' && find . -path ./tmp -prune -o -path ./scratch -prune -o -print",
-                                &listing);
-    size_t start = 0;
-    while (start < listing.size()) {
-      size_t end = listing.find('\n', start);
-      std::string path = listing.substr(start + 1, end - start - 1);
-      start = end == std::string::npos ? listing.size() : end + 1;
-      if (path.empty() || path == "/tmp" || path == "/scratch") continue;
+    DIR* listing = opendir(root->host(top.empty() ? "/" : top).c_str());
+    while (dirent* entry = listing ? readdir(listing) : nullptr) {
+      std::string name = entry->d_name, path = top + "/" + name;
+      if (name == "." || name == ".." || path == "/tmp" || path == "/scratch") continue;
       struct stat st;
       if (lstat(root->host(path).c_str(), &st) != 0) continue;
       found[path] = S_ISREG(st.st_mode) ? root->read(path) : S_ISLNK(st.st_mode) ? "->link" : "<dir>";
+      if (S_ISDIR(st.st_mode)) {
+        auto below = tree(path);
+        found.insert(below.begin(), below.end());
+      }
     }
+    if (listing) closedir(listing);
     return found;
   }
 };
