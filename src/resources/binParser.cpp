@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "baseMethod.h"
+#include "dsskeyParser.h"
 #include "log.h"
 #include "paths.h"
 
@@ -276,6 +277,16 @@ namespace {
 // The classes of the keyword table; nullptr for an id without a class.
 autoBinParser* newParserByType(int32_t typeId) {
   switch (typeId) {
+    case kBinTypeContactList:
+      return new (std::nothrow) autoContactParser();
+    case kBinTypeDialNow:
+      return new (std::nothrow) autoDialNow();
+    case kBinTypeDialPlan:
+      return new (std::nothrow) autoDialPlan();
+    case kBinTypeLineKey:
+      return new (std::nothrow) autoLineKey();
+    case kBinTypeMemoryKey:
+      return new (std::nothrow) autoMemoryKey();
     // ---- Media, certificate, archive and package parsers: not yet in this tree. ----
     case kBinTypeContactPhoto:
     case kBinTypePhotoTar:
@@ -299,6 +310,8 @@ autoBinParser* newParserByType(int32_t typeId) {
 // The fallback by resource kind; nullptr for a kind without a class.
 autoBinParser* newParserByKind(int32_t kind) {
   switch (kind) {
+    case kBinKindXml:
+      return new (std::nothrow) autoXmlParser();
     default:
       return nullptr;
   }
