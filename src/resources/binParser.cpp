@@ -11,9 +11,12 @@
 #include <new>
 #include <vector>
 
+#include "archiveParser.h"
 #include "baseMethod.h"
+#include "certParser.h"
 #include "dsskeyParser.h"
 #include "log.h"
+#include "mediaParser.h"
 #include "paths.h"
 
 namespace {
@@ -287,21 +290,31 @@ autoBinParser* newParserByType(int32_t typeId) {
       return new (std::nothrow) autoLineKey();
     case kBinTypeMemoryKey:
       return new (std::nothrow) autoMemoryKey();
-    // ---- Media, certificate, archive and package parsers: not yet in this tree. ----
     case kBinTypeContactPhoto:
+      return new (std::nothrow) autoContactPhoto();
     case kBinTypePhotoTar:
+      return new (std::nothrow) autoPhotoTarParser();
     case kBinTypeContactTar:
+      return new (std::nothrow) autoContactTar();
     case kBinTypeWallpaper:
+      return new (std::nothrow) autoWallpaper();
     case kBinTypeRingOld:
     case kBinTypeRingtone:
+      return new (std::nothrow) autoRingParser();
     case kBinTypeTrustedCert:
+      return new (std::nothrow) autoCrtParser();
     case kBinTypeServerCert:
+      return new (std::nothrow) autoPemParser();
     case kBinTypeFactoryConfig:
+      return new (std::nothrow) autoFactoryBinParser();
     case kBinTypeCustomConfig:
+      return new (std::nothrow) autoConfigBinParser();
     case kBinTypeLogo:
+      return new (std::nothrow) autoLogoParser();
     case kBinTypeOpenVpn:
+      return new (std::nothrow) autoOpenVpnParser();
     case kBinType8021X:
-      return nullptr;
+      return new (std::nothrow) auto802_1XCrtParser();
     default:
       return nullptr;
   }
@@ -312,6 +325,14 @@ autoBinParser* newParserByKind(int32_t kind) {
   switch (kind) {
     case kBinKindXml:
       return new (std::nothrow) autoXmlParser();
+    case kBinKindImage:
+      return new (std::nothrow) autoImageParser();
+    case kBinKindCert:
+      return new (std::nothrow) autoCertParser();
+    case kBinKindTar:
+      return new (std::nothrow) autoTarParser();
+    case kBinKindWav:
+      return new (std::nothrow) autoWavParser();
     default:
       return nullptr;
   }
