@@ -137,6 +137,8 @@ const FuzzTarget kFuzzTargets[] = {
     {"text_method", fuzzTextMethod},
     {"translation_table", fuzzTranslationTable},
     {"cipher_file", fuzzCipherFile},
+    {"password_file", fuzzPasswordFile},
+    {"xml_element_path", fuzzXmlElementPath},
     {nullptr, nullptr},
 };
 

@@ -17,3 +17,7 @@ struct FuzzTarget {
 // Every target, ending with {nullptr, nullptr}.
 extern const FuzzTarget kFuzzTargets[];
 const FuzzTarget* findFuzzTarget(const std::string& name);
+
+// resourceTargets.cpp: the web password file reader and the XML element-path editor.
+void fuzzPasswordFile(const uint8_t* data, size_t size);
+void fuzzXmlElementPath(const uint8_t* data, size_t size);

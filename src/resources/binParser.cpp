@@ -11,8 +11,12 @@
 #include <new>
 #include <vector>
 
+#include "archiveParser.h"
 #include "baseMethod.h"
+#include "certParser.h"
+#include "dsskeyParser.h"
 #include "log.h"
+#include "mediaParser.h"
 #include "paths.h"
 
 namespace {
@@ -276,21 +280,41 @@ namespace {
 // The classes of the keyword table; nullptr for an id without a class.
 autoBinParser* newParserByType(int32_t typeId) {
   switch (typeId) {
-    // ---- Media, certificate, archive and package parsers: not yet in this tree. ----
+    case kBinTypeContactList:
+      return new (std::nothrow) autoContactParser();
+    case kBinTypeDialNow:
+      return new (std::nothrow) autoDialNow();
+    case kBinTypeDialPlan:
+      return new (std::nothrow) autoDialPlan();
+    case kBinTypeLineKey:
+      return new (std::nothrow) autoLineKey();
+    case kBinTypeMemoryKey:
+      return new (std::nothrow) autoMemoryKey();
     case kBinTypeContactPhoto:
+      return new (std::nothrow) autoContactPhoto();
     case kBinTypePhotoTar:
+      return new (std::nothrow) autoPhotoTarParser();
     case kBinTypeContactTar:
+      return new (std::nothrow) autoContactTar();
     case kBinTypeWallpaper:
+      return new (std::nothrow) autoWallpaper();
     case kBinTypeRingOld:
     case kBinTypeRingtone:
+      return new (std::nothrow) autoRingParser();
     case kBinTypeTrustedCert:
+      return new (std::nothrow) autoCrtParser();
     case kBinTypeServerCert:
+      return new (std::nothrow) autoPemParser();
     case kBinTypeFactoryConfig:
+      return new (std::nothrow) autoFactoryBinParser();
     case kBinTypeCustomConfig:
+      return new (std::nothrow) autoConfigBinParser();
     case kBinTypeLogo:
+      return new (std::nothrow) autoLogoParser();
     case kBinTypeOpenVpn:
+      return new (std::nothrow) autoOpenVpnParser();
     case kBinType8021X:
-      return nullptr;
+      return new (std::nothrow) auto802_1XCrtParser();
     default:
       return nullptr;
   }
@@ -299,6 +323,16 @@ autoBinParser* newParserByType(int32_t typeId) {
 // The fallback by resource kind; nullptr for a kind without a class.
 autoBinParser* newParserByKind(int32_t kind) {
   switch (kind) {
+    case kBinKindXml:
+      return new (std::nothrow) autoXmlParser();
+    case kBinKindImage:
+      return new (std::nothrow) autoImageParser();
+    case kBinKindCert:
+      return new (std::nothrow) autoCertParser();
+    case kBinKindTar:
+      return new (std::nothrow) autoTarParser();
+    case kBinKindWav:
+      return new (std::nothrow) autoWavParser();
     default:
       return nullptr;
   }

@@ -73,7 +73,7 @@ enum binParserKind : int32_t {
 // Delete command types parsed from "<scheme>://localhost/<word>".
 enum binDeleteType : int32_t {
   kDeleteInvalid = -1,
-  kDeleteAll = 0,   // every file in the destination directory
+  kDeleteAll = 0,   // every entry of the destination directory, sub-directories with their contents
   kDeleteDir = 1,   // the destination directory itself
   kDeleteFile = 2,  // one named file of the destination directory
 };
@@ -142,6 +142,8 @@ int32_t parseDeleteCommand(const char* command, std::string* fileName);
 
 // The text-method runner that post steps use: the layer that owns text methods installs it once
 // at start (the parsers stand below it). It returns the call's result text; a text starting
-// "ERROR:" is a failed call. nullptr removes it.
+// "ERROR:" is a failed call. nullptr removes it. A post step tells the application at once, so it
+// reloads the new file before later items of the same configuration file run; the end-of-file
+// queue of that file may send the same call once more, which a reload takes in its stride.
 using binParserMethodRunner = std::string (*)(const std::string& callText);
 void setBinParserMethodRunner(binParserMethodRunner runner);

@@ -260,6 +260,7 @@ bool HttpServer::start(const TestCa* ca, const TestCa* otherCa) {
   port_ = freePort();
   std::string d = dir_.path();
   dir_.write("htpasswd", "user:{PLAIN}secret\n");
+  const std::string users = passwordFile_.empty() ? d + "/htpasswd" : passwordFile_;
   std::ostringstream conf;
   conf << "master_process off;\n"
        << "error_log " << d << "/error.log;\n"
@@ -274,7 +275,7 @@ bool HttpServer::start(const TestCa* ca, const TestCa* otherCa) {
        << "  server {\n"
        << "    listen 127.0.0.1:" << port_ << ";\n"
        << "    root " << d << "/www;\n"
-       << "    location /auth/ { auth_basic \"provisor\"; auth_basic_user_file " << d << "/htpasswd; }\n"
+       << "    location /auth/ { auth_basic \"provisor\"; auth_basic_user_file " << users << "; }\n"
        << "    location = /redirect { return 302 /files/redirected.bin; }\n"
        << "  }\n";
   if (ca) {
@@ -284,7 +285,7 @@ bool HttpServer::start(const TestCa* ca, const TestCa* otherCa) {
          << "    ssl_certificate " << ca->file("server.pem") << ";\n"
          << "    ssl_certificate_key " << ca->file("server.key") << ";\n"
          << "    root " << d << "/www;\n"
-         << "    location /auth/ { auth_basic \"provisor\"; auth_basic_user_file " << d << "/htpasswd; }\n"
+         << "    location /auth/ { auth_basic \"provisor\"; auth_basic_user_file " << users << "; }\n"
          << "  }\n";
   }
   if (otherCa) {
