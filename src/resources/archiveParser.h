@@ -26,7 +26,8 @@
 //   an archive, checked and unpacked over the directory as above, or one configuration file, checked
 //   as a downloaded configuration file is (not empty, at most 2097152 bytes, no zero byte, in one of
 //   the two models: "#!version:" first line with at least one "key = value" line, or INI sections
-//   with keys) and installed with the atomic copy. Either way whole or not at all.
+//   with keys; the configuration layer stands above the parsers, so this small check is their own)
+//   and installed with the atomic copy. Either way whole or not at all.
 //   Space: the factory package must fit beside the package it replaces (the old files stay until
 //   the new ones are complete), so its unpacked size must not exceed the free space. The
 //   configuration package must in addition leave 128 KiB free on the configuration partition, which
