@@ -138,6 +138,8 @@ const FuzzTarget kFuzzTargets[] = {
     {"translation_table", fuzzTranslationTable},
     {"cipher_file", fuzzCipherFile},
     {"sip_message", fuzzSipMessage},
+    {"password_file", fuzzPasswordFile},
+    {"xml_element_path", fuzzXmlElementPath},
     {nullptr, nullptr},
 };
 

@@ -20,3 +20,6 @@ const FuzzTarget* findFuzzTarget(const std::string& name);
 
 // SIP messages of the plug-and-play discovery (fuzz/sipTargets.cpp).
 void fuzzSipMessage(const uint8_t* data, size_t size);
+// resourceTargets.cpp: the web password file reader and the XML element-path editor.
+void fuzzPasswordFile(const uint8_t* data, size_t size);
+void fuzzXmlElementPath(const uint8_t* data, size_t size);

@@ -33,6 +33,8 @@ mkdir -p "$root/config/system" "$root/phone/resource" "$root/host" "$root/tmp" "
 printf '[device]\nmac = %s\nip = 127.0.0.1\n' "$mac" > "$root/host/device.ini"
 cp data/autopTranslator.xml "$root/phone/resource/autopTranslator.xml"
 cp data/demo/system.ini "$root/config/system/system.ini"
+# The phone's picture-scaling script (wallpapers, contact photos); on the host it is ours.
+mkdir -p "$root/phone/scripts" && cp platform/scripts/imageScale.sh "$root/phone/scripts/imageScale.sh"
 mkdir -p "$root/config/user"
 printf '[PhoneSetting]\nEnLock = 1\n' > "$root/config/user/user.ini"  # sensitive values are stored protected
 

@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   tftpd-hpa vsftpd nginx-light openssl curl sip-tester
   python3 procps iproute2 ca-certificates
+  libarchive-dev imagemagick
 )
 
 missing=()

@@ -7,6 +7,7 @@
 
 #include "autopTranslator.h"
 #include "baseMethod.h"
+#include "binParser.h"
 #include "callMethod.h"
 #include "device.h"
 #include "fileUpgrader.h"
@@ -227,6 +228,8 @@ void autoParser::fillBatch(size_t& next, autopItemList& batch) {
 
 bool autoParser::applyBatches(bool unchanged) {
   m_pendingMethods.clear();
+  // The resource parsers stand below the text methods; their post steps reach them through this.
+  setBinParserMethodRunner(callTextMethod);
   autopItemList deferredFirmware;
   // Keys of different INI files may take turns in a configuration file, cutting it into many small
   // batches: each INI file is written once, whole, when the file's batches are through, and before

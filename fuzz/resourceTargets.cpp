@@ -1,0 +1,61 @@
+// Fuzz targets of the resource side: the web password file reader and the XML element-path editor.
+#define LOG_MODULE "./fuzz"
+#include <tinyxml2.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "fuzzTargets.h"
+#include "pwdUpgrader.h"
+#include "xmlParser.h"
+
+namespace {
+
+void require(bool condition) {
+  if (!condition) abort();
+}
+
+std::string nextLine(std::string& rest) {
+  size_t end = rest.find('\n');
+  std::string line = rest.substr(0, end);
+  rest = end == std::string::npos ? std::string() : rest.substr(end + 1);
+  return line;
+}
+
+}  // namespace
+
+// Any text reads into entries that write out and read back unchanged.
+void fuzzPasswordFile(const uint8_t* data, size_t size) {
+  autoPwdEntryList entries;
+  autoPwdUpgader::parsePasswordText(std::string(reinterpret_cast<const char*>(data), size), entries);
+  std::string written;
+  for (const auto& entry : entries) {
+    require(entry.name.find(':') == std::string::npos && entry.hash.find('\n') == std::string::npos);
+    written += entry.name + ":" + entry.hash + "\n";
+  }
+  autoPwdEntryList again;
+  autoPwdUpgader::parsePasswordText(written, again);
+  require(again.size() == entries.size());
+  for (size_t i = 0; i < again.size(); ++i)
+    require(again[i].name == entries[i].name && again[i].hash == entries[i].hash);
+}
+
+// Input: a section line, a key line, then an XML document. An edit of a well-formed document
+// leaves it well-formed, and an applied item's attribute holds its value.
+void fuzzXmlElementPath(const uint8_t* data, size_t size) {
+  std::string rest(reinterpret_cast<const char*>(data), size);
+  autopItemList items;
+  items.push_back(std::make_unique<autopItem>());
+  items.back()->section = nextLine(rest);
+  items.back()->key = nextLine(rest);
+  items.back()->value = "v<&\"'>";
+  tinyxml2::XMLDocument document;
+  bool wellFormed = document.Parse(rest.data(), rest.size()) == tinyxml2::XML_SUCCESS;
+  if (!wellFormed) document.Clear();
+  int applied = xmlApplyItems(document, items);
+  require(applied == (items.back()->changed ? 1 : 0));
+  tinyxml2::XMLPrinter printer;
+  document.Print(&printer);
+  tinyxml2::XMLDocument reread;
+  require(!wellFormed || reread.Parse(printer.CStr()) == tinyxml2::XML_SUCCESS);
+}

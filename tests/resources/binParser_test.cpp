@@ -1,0 +1,160 @@
+// The parser framework: the factory's table and fallback, the delete command, the install sequence
+// with its post step, and the free-space check against a really small partition.
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <typeinfo>
+#include <vector>
+
+#include "archiveParser.h"
+#include "baseMethod.h"
+#include "certParser.h"
+#include "dsskeyParser.h"
+#include "mediaParser.h"
+#include "parserFixture.h"
+
+namespace {
+
+using parser_test::ParserTest;
+using testing_support::LogCapture;
+
+struct FactoryCase {
+  const char* kind;
+  const char* usage;
+  const std::type_info* made;  // nullptr: none
+};
+
+TEST(BinParserFactory, KeywordFirstThenKindWord) {
+  const FactoryCase cases[] = {
+      {"xml", "cover.dialplan", &typeid(autoDialPlan)},     {"xml", "modify.dialnow", &typeid(autoDialNow)},
+      {"xml", "cover.contact_list", &typeid(autoContactParser)}, {"", "cover.line_key", &typeid(autoLineKey)},
+      {"", "cover.memory_key", &typeid(autoMemoryKey)},     {"xml", "cover.unknown", &typeid(autoXmlParser)},
+      {"xml", "cover.Dialplan", &typeid(autoXmlParser)},    {"bogus", "cover.unknown", nullptr},
+      {"wav", "cover.ringtone", &typeid(autoRingParser)},   {"tar", "cover.openvpn", &typeid(autoOpenVpnParser)},
+      {"image", "cover", &typeid(autoImageParser)},         {"cert", "delete.x", &typeid(autoCertParser)},
+      {"tar", "cover.", &typeid(autoTarParser)},            {"cert", "cover.802_1X", &typeid(auto802_1XCrtParser)},
+  };
+  for (const auto& c : cases) {
+    autopItem item;
+    item.fileType = c.kind;
+    item.usage = c.usage;
+    std::unique_ptr<autoBinParser> parser = createBinParserFor(item);
+    SCOPED_TRACE(std::string(c.kind) + " " + c.usage);
+    if (!c.made) {
+      EXPECT_EQ(parser, nullptr);
+      continue;
+    }
+    ASSERT_NE(parser, nullptr);
+    EXPECT_EQ(typeid(*parser), *c.made);
+  }
+  EXPECT_EQ(typeid(*createBinParser(0, 6)), typeid(autoRingParser));
+  EXPECT_EQ(typeid(*createBinParser(kBinKindWav, 0)), typeid(autoWavParser));
+  EXPECT_EQ(createBinParser(kBinKindReserved, 0), nullptr);
+}
+
+TEST(BinParserDelete, CommandWords) {
+  std::string name;
+  EXPECT_EQ(parseDeleteCommand("http://localhost/all", &name), kDeleteAll);
+  EXPECT_EQ(parseDeleteCommand("tftp://localhost/dir", &name), kDeleteDir);
+  EXPECT_EQ(parseDeleteCommand("x://localhost/a.wav", &name), kDeleteFile);
+  EXPECT_EQ(name, "a.wav");
+  EXPECT_EQ(parseDeleteCommand("http://host/all", &name), kDeleteInvalid);
+  EXPECT_EQ(parseDeleteCommand("://localhost/all", &name), kDeleteInvalid);
+  EXPECT_EQ(parseDeleteCommand(("http://localhost/" + std::string(300, 'a')).c_str(), &name), kDeleteFile);
+  EXPECT_EQ(name.size(), 99u);
+}
+
+class BinParserTest : public ParserTest {};
+
+TEST_F(BinParserTest, DeleteStaysInsideTheDestination) {
+  root->write("/config/ring/a.wav", "a");
+  root->write("/config/secret", "keep");
+  autoBinParser parser;
+  LogCapture log;
+  EXPECT_EQ(parser.deleteFile("/config/ring/", "http://localhost/../secret"), 0);
+  EXPECT_TRUE(log.contains("Fail to remove !!"));
+  EXPECT_EQ(parser.deleteFile("/config/ring", "http://elsewhere/a.wav"), 0);
+  EXPECT_EQ(parser.deleteFile("/config/none", "http://localhost/all"), 0);
+  EXPECT_EQ(root->read("/config/secret"), "keep");
+  EXPECT_TRUE(root->exists("/config/ring/a.wav"));
+  // A destination that is a file goes whatever the command says.
+  EXPECT_EQ(parser.deleteFile("/config/ring/a.wav", nullptr), 1);
+  EXPECT_FALSE(root->exists("/config/ring/a.wav"));
+}
+
+std::vector<std::string> g_calls;
+std::string recordCall(const std::string& call) {
+  g_calls.push_back(call);
+  return call.find("fail") != std::string::npos ? "ERROR: unknown method" : "1";
+}
+
+TEST_F(BinParserTest, InstallChecksThenCopiesAndAFailedPostStillCounts) {
+  setBinParserMethodRunner(recordCall);
+  g_calls.clear();
+  LogCapture log;
+  root->write("/tmp/c.xml", "<ContactData><Contact Name=\"A\"/></ContactData>");
+  autoContactParser contacts;
+  contacts.setAction(" msgPostMessage(\"app_vpPhone\",0x60002,0,0) ; fail() ");
+  EXPECT_EQ(contacts.installFile("/tmp/c.xml", "/config/data/contactData1.xml"), 1);
+  EXPECT_EQ(root->read("/config/data/contactData1.xml"), root->read("/tmp/c.xml"));
+  EXPECT_EQ(g_calls, (std::vector<std::string>{"msgPostMessage(\"app_vpPhone\",0x60002,0,0)", "fail()"}));
+  EXPECT_TRUE(log.contains("Warning! Exception occurred in UpgradePost func !"));
+
+  // Wrong root, broken XML, no file: refused, the installed file unchanged.
+  for (const char* body : {"<DialRule/>", "<ContactData><Contact></ContactData>", ""}) {
+    root->write("/tmp/bad.xml", body);
+    if (!*body) remove(root->host("/tmp/bad.xml").c_str());
+    EXPECT_EQ(autoContactParser().installFile("/tmp/bad.xml", "/config/data/contactData1.xml"), 0) << body;
+  }
+  EXPECT_TRUE(log.contains("Error! Invalid Upgrade BIN File [/tmp/bad.xml]!"));
+  EXPECT_EQ(root->read("/config/data/contactData1.xml"), root->read("/tmp/c.xml"));
+  EXPECT_EQ(g_calls.size(), 2u);
+  setBinParserMethodRunner(nullptr);
+}
+
+// Runs inside a private mount namespace (re-executed by the test below): a 64 KiB tmpfs holds the
+// destination.
+TEST_F(BinParserTest, SpaceCheckInsideSmallPartition) {
+  if (!getenv("PROVISOR_SMALL_PARTITION")) GTEST_SKIP() << "only in the re-executed child";
+  root->write("/config/small/keep", "");
+  ASSERT_EQ(mount("tmpfs", root->host("/config/small").c_str(), "tmpfs", 0, "size=64k"), 0);
+  root->write("/config/small/dp.xml", "<DialRule/>");
+  root->write("/tmp/dp.xml", "<DialRule>" + std::string(200 * 1024, ' ') + "</DialRule>");
+  LogCapture log;
+  EXPECT_EQ(autoDialPlan().installFile("/tmp/dp.xml", "/config/small/dp.xml"), 0);
+  EXPECT_TRUE(log.contains("is larger than partion free size !"));
+  EXPECT_EQ(root->read("/config/small/dp.xml"), "<DialRule/>");
+  EXPECT_FALSE(root->exists("/tmp/dp.xml"));
+  // Past the space check (its answer faked), the full partition fails the copy and nothing changes.
+  setPartitionStatfs([](const char*, struct statfs* s) {
+    *s = {};
+    s->f_bsize = 4096;
+    s->f_bfree = 1 << 20;
+    return 0;
+  });
+  root->write("/tmp/dp.xml", "<DialRule>" + std::string(200 * 1024, ' ') + "</DialRule>");
+  EXPECT_EQ(autoDialPlan().installFile("/tmp/dp.xml", "/config/small/dp.xml"), 0);
+  setPartitionStatfs(nullptr);
+  EXPECT_EQ(root->read("/config/small/dp.xml"), "<DialRule/>");
+  std::string listing;
+  testing_support::runCommand("ls -A '" + root->host("/config/small") + "'", &listing);
+  EXPECT_EQ(listing, "dp.xml\n");  // no temporary left behind
+  umount2(root->host("/config/small").c_str(), MNT_DETACH);
+}
+
+TEST(BinParserSpace, FileLargerThanThePartitionIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "mounting a small partition needs root";
+  char self[4096] = {};
+  ASSERT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
+  std::string out;
+  int status = testing_support::runCommand(
+      std::string("PROVISOR_SMALL_PARTITION=1 unshare -m --propagation private '") + self +
+          "' --gtest_filter=BinParserTest.SpaceCheckInsideSmallPartition",
+      &out);
+  EXPECT_EQ(status, 0) << out;
+  EXPECT_NE(out.find("[  PASSED  ] 1 test"), std::string::npos) << out;
+  EXPECT_EQ(out.find("SKIPPED"), std::string::npos) << out;
+}
+
+}  // namespace
