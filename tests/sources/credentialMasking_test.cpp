@@ -2,7 +2,7 @@
 // per-device location, a URL-valued setting) leaves none of them in the log.
 #include <gtest/gtest.h>
 
-#include <string>
+#include <unistd.h>
 
 #include "autoUpgrade.h"
 #include "autopTranslator.h"
@@ -12,60 +12,27 @@
 
 using namespace testing_support;
 
-namespace {
-
-const char* kMac = "001565aabbcc";
-
-const char* kTable = R"XML(<?xml version="1.0"?>
-<autopTranslator>
-  <cfg>
-    <object name="account" path="/config/user/voip/sipAccount0.cfg" section="account">
-      <item name="label" key="Label"/>
-    </object>
-    <object name="auto_provision" path="/config/system/system.ini" section="AutoProvision">
-      <item name="server_url" key="strServerURL"/>
-    </object>
-    <object name="custom_mac_cfg" path="/tmp/download.cfg" section="CUSTOM_MAC_CFG_PATH">
-      <item name="url" key="server_address"/>
-    </object>
-  </cfg>
-</autopTranslator>
-)XML";
-
-class CredentialMaskingTest : public RootedTest {
- protected:
-  void SetUp() override {
-    RootedTest::SetUp();
-    root->write("/tmp/table.xml", kTable);
-    ASSERT_TRUE(table.loadTransData("/tmp/table.xml"));
-    autoUpgrade::setTranslator(&table);
-    root->write("/host/device.ini", std::string("[device]\nmac = ") + kMac + "\nip = 127.0.0.1\nnetwork_type = 0\n");
-    root->write("/config/system/system.ini", "[AutoProvision]\nstrCommName = common.cfg\n");
-    registryResetCache();
-  }
-  void TearDown() override {
-    autoUpgrade::setTranslator(nullptr);
-    registryResetCache();
-    RootedTest::TearDown();
-  }
+TEST(CredentialMasking, NoPasswordOfAnyUrlReachesTheLog) {
+  TempRoot root;
+  ASSERT_EQ(symlink(PROVISOR_SOURCE_DIR "/data/autopTranslator.xml", root.host("/tmp/table.xml").c_str()), 0);
   autopTranslator table;
-};
-
-}  // namespace
-
-TEST_F(CredentialMaskingTest, NoPasswordOfAnyUrlReachesTheLog) {
+  ASSERT_TRUE(table.loadTransData("/tmp/table.xml"));
+  root.write("/host/device.ini", "[device]\nmac = 001565aabbcc\nip = 127.0.0.1\nnetwork_type = 0\n");
+  root.write("/config/system/system.ini", "[AutoProvision]\nstrCommName = common.cfg\n");
+  registryResetCache();
   HttpServer http;
   ASSERT_TRUE(http.start());
   // The test server takes user:secret for /auth/; every other URL carries a password of its own.
   const std::string server = "127.0.0.1:" + std::to_string(http.port());
   http.put("auth/common.cfg", "#!version:1.0.0.1\n"
                               "custom_mac_cfg.url = http://user:secret@" + server + "/auth/devices/\n"
-                              "auto_provision.server_url = ftp://admin:secret@" + server + "/prov/\n");
-  http.put(std::string("auth/devices/") + kMac + ".cfg", "#!version:1.0.0.1\naccount.label = Reached\n");
-
+                              "auto_provision.server.url = ftp://admin:secret@" + server + "/prov/\n");
+  http.put("auth/devices/001565aabbcc.cfg", "#!version:1.0.0.1\naccount.1.label = Reached\n");
+  autoUpgrade::setTranslator(&table);
   LogCapture log;
   // Twice: the second run also logs the unchanged files by their URLs.
   for (int run = 0; run < 2; ++run) EXPECT_TRUE(autoUpgrade::UpgradeFromURL("http://user:secret@" + server + "/auth"));
+  autoUpgrade::setTranslator(nullptr);
   registryResetCache();
   EXPECT_EQ(brisaGetProfileString("/config/user/voip/sipAccount0.cfg", "account", "Label", ""), "Reached");
   EXPECT_EQ(brisaGetProfileString("/config/system/system.ini", "AutoProvision", "strServerURL", ""),
