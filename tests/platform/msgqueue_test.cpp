@@ -201,7 +201,7 @@ TEST_F(MsgQueueTest, TimersRepeatOnTheFakeClockAndQuitEndsTheLoop) {
   uCSystemShareHelper::CreateLocalThread(thread);
   chThreadTimer timer;
   // An hour-long period costs no real time on the fake clock.
-  ASSERT_TRUE(timer.SetTimer(3600u * 1000u));
+  ASSERT_TRUE(timer.SetTimer(3600u * 1000u, true));
   EXPECT_TRUE(timer.IsTimerRuning());
   RealClock real;
   uint32_t start = real.tickMs();
