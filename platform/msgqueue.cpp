@@ -497,7 +497,9 @@ bool chThreadTimer::SetTimer(uint64_t ms, bool repeat) {
 }
 
 void chThreadTimer::KillTimer() {
+  // Forget the thread too: a timer may outlive the thread object it was armed on.
   if (host_) host_->KillThreadTimer(id_);
+  host_ = nullptr;
 }
 
 bool chThreadTimer::IsTimerRuning() const { return host_ && host_->IsThreadTimerArmed(id_); }
