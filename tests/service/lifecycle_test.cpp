@@ -217,12 +217,17 @@ TEST_F(DaemonRunTest, UpdateConfigRecordBringsUrlCredentialsAndKeys) {
   ASSERT_TRUE(daemon.waitReachable());
   EXPECT_EQ(msgctl("post provisor 0xb0001 2 0 --extra-file '" + peers.file("info.bin") + "'"), "");
   ASSERT_TRUE(waitBroadcast(kResultOk)) << daemon.log();
-  EXPECT_EQ(daemon.stop(SIGTERM), 0);
   EXPECT_NE(marker().find("From=encrypted"), std::string::npos) << marker();
+  // A record cut short inside its URL field: only the bytes sent are read, the URL ends there.
+  peers.write("short.bin", std::string(reinterpret_cast<const char*>(&info), 200 + serverUrl.size() - 2));
+  EXPECT_EQ(msgctl("post provisor 0xb0001 2 0 --extra-file '" + peers.file("short.bin") + "'"), "");
+  EXPECT_EQ(msgctl("send provisor 0xa0001"), "0\n");
+  EXPECT_EQ(daemon.stop(SIGTERM), 0);
   std::string log = daemon.log();
   EXPECT_NE(log.find("uuuu:******@127.0.0.1"), std::string::npos) << log;
   EXPECT_EQ(log.find("s3cret"), std::string::npos);
   EXPECT_NE(log.find("Autop Success,Close Redirect!"), std::string::npos);
+  EXPECT_NE(log.find("fileDownload::OpenDownloadStream[127.0.0.1][/en/"), std::string::npos) << log;
 }
 
 TEST_F(DaemonRunTest, ForcedRebootAfterTheRunWithAndWithoutUnregisterDelay) {
