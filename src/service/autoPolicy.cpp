@@ -112,6 +112,7 @@ void weeklyPolicy::OnTimer() {
 policyManger::~policyManger() { Stop(); }
 
 void policyManger::Start() {
+  started_ = true;
   monitorId_ = registryMonitorSection(kSystemIni, kSection, [this](const REGHANDLE& handle) {
     OnSectionChanged(handle);
   });
@@ -121,6 +122,7 @@ void policyManger::Start() {
 }
 
 void policyManger::Stop() {
+  started_ = false;
   if (monitorId_) registryStopMonitor(monitorId_);
   monitorId_ = 0;
   repeat.Stop();
@@ -133,7 +135,9 @@ int policyManger::OnSectionChanged(const REGHANDLE& handle) {
   return 1;
 }
 
-void policyManger::ReloadRepeat() { repeat.Load(registryOpen(kSystemIni, kSection)); }
+void policyManger::ReloadRepeat() {
+  if (started_) repeat.Load(registryOpen(kSystemIni, kSection));
+}
 
 bool policyManger::OnTimerMessage(const msgObject& msg) {
   if (msg.message != MSG_THREAD_TIMER) return false;

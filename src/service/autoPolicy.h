@@ -71,7 +71,8 @@ class policyManger {
   void Stop();
   // Another application changed the section: both policies are read again.
   int OnSectionChanged(const REGHANDLE& handle);
-  // After every run: the repeat period counts from the end of that run.
+  // After every run: the repeat period counts from the end of that run. Nothing while the policies
+  // are not started (zero-touch mode): there runs come only from messages.
   void ReloadRepeat();
   // MSG_WEEKLY_CHECK: the local time may have become trusted.
   void WeeklyCheck() { weekly.Schedule(); }
@@ -83,4 +84,5 @@ class policyManger {
 
  private:
   uint32_t monitorId_ = 0;
+  bool started_ = false;
 };

@@ -101,6 +101,7 @@ bool provisorObject::OnLaunchAutoProvision(msgObject& msg) {
   int32_t result = 0;
   switch (msg.message) {
     case MSG_NETWORK_CHANGED:
+      // The same sources as the default run: a new network may have brought new DHCP options.
       LOG_IFO("Receive MSG_NETWORK_CHANGED MSG to OnLaunchAutoProvision!!");
       result = autoLaunch::launchUpgrade() ? 1 : 0;
       break;
