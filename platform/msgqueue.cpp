@@ -28,6 +28,7 @@ constexpr uint32_t kKindMessage = 1;
 constexpr uint32_t kKindReply = 2;
 constexpr size_t kMaxDatagram = 192 * 1024;
 constexpr int32_t kDefaultSendTimeoutMs = 10000;
+constexpr uint64_t kMaxLoopWaitMs = 24u * 3600u * 1000u;
 
 struct WireHeader {
   uint32_t magic;
@@ -148,9 +149,11 @@ void msgObject::ReplyMessage(int32_t value) {
 }
 
 struct chThreadLocal::Impl {
+  // Due times are 64-bit milliseconds on the thread's own extended tick, so that an interval of
+  // 2^31 ms or more neither goes negative nor fires at once.
   struct Timer {
     uint64_t periodMs;
-    uint32_t dueTick;
+    uint64_t dueMs;
     bool repeat;
   };
   struct LocalItem {
@@ -163,6 +166,8 @@ struct chThreadLocal::Impl {
   std::mutex mutex;  // guards localQueue and timers
   std::deque<LocalItem> localQueue;
   std::map<uint32_t, Timer> timers;
+  uint32_t lastTick = brisaGetTickCount();
+  uint64_t tick64 = 0;
   std::atomic<bool> quit{false};
   std::atomic<int> exitCode{0};
   std::atomic<bool> running{false};
@@ -176,6 +181,15 @@ struct chThreadLocal::Impl {
     uint64_t one = 1;
     ssize_t ignored = write(wakeFd, &one, sizeof(one));
     (void)ignored;
+  }
+  // The platform tick wraps at 2^32 ms; the loop looks at it far more often than that (its waits are
+  // capped), so the unsigned difference since the last look extends it to 64 bits. Call with
+  // `mutex` held.
+  uint64_t nowMs() {
+    uint32_t tick = brisaGetTickCount();
+    tick64 += static_cast<uint32_t>(tick - lastTick);
+    lastTick = tick;
+    return tick64;
   }
   void drainWake() {
     uint64_t value;
@@ -269,10 +283,10 @@ bool chThreadLocal::IsCalledByThisThread() const { return tlsCurrentThread == th
 
 chThreadLocal* chThreadLocal::Current() { return tlsCurrentThread; }
 
-void chThreadLocal::SetThreadTimer(uint32_t timerId, uint64_t ms) {
+void chThreadLocal::SetThreadTimer(uint32_t timerId, uint64_t ms, bool repeat) {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   uint64_t period = std::max<uint64_t>(ms, 1);
-  impl_->timers[timerId] = Impl::Timer{period, brisaGetTickCount() + static_cast<uint32_t>(period), true};
+  impl_->timers[timerId] = Impl::Timer{period, impl_->nowMs() + period, repeat};
   impl_->wake();
 }
 
@@ -330,19 +344,20 @@ int chThreadLocal::Run() {
     int waitMs = -1;
     {
       std::lock_guard<std::mutex> lock(impl_->mutex);
-      uint32_t now = brisaGetTickCount();
+      const uint64_t now = impl_->nowMs();
       for (auto it = impl_->timers.begin(); it != impl_->timers.end();) {
-        int32_t left = static_cast<int32_t>(it->second.dueTick - now);
-        if (left <= 0) {
+        Impl::Timer& timer = it->second;
+        if (timer.dueMs <= now) {
           due.push_back(it->first);
-          if (!it->second.repeat) {
+          if (!timer.repeat) {
             it = impl_->timers.erase(it);
             continue;
           }
-          it->second.dueTick = now + static_cast<uint32_t>(it->second.periodMs);
-          left = static_cast<int32_t>(it->second.periodMs);
+          timer.dueMs = now + timer.periodMs;
         }
-        waitMs = waitMs < 0 ? left : std::min(waitMs, static_cast<int>(left));
+        // One wait never spans more than kMaxLoopWaitMs, so the tick is looked at before it wraps.
+        int left = static_cast<int>(std::min<uint64_t>(timer.dueMs - now, kMaxLoopWaitMs));
+        waitMs = waitMs < 0 ? left : std::min(waitMs, left);
         ++it;
       }
     }
@@ -472,25 +487,27 @@ chThreadTimer::chThreadTimer() : id_(nextTimerId.fetch_add(1)) {}
 
 chThreadTimer::~chThreadTimer() { KillTimer(); }
 
-bool chThreadTimer::SetTimer(uint64_t ms) {
+bool chThreadTimer::SetTimer(uint64_t ms, bool repeat) {
   chThreadLocal* thread = chThreadLocal::Current();
   if (!thread) return false;
   if (host_ && host_ != thread) host_->KillThreadTimer(id_);
   host_ = thread;
-  host_->SetThreadTimer(id_, ms);
+  host_->SetThreadTimer(id_, ms, repeat);
   return true;
 }
 
 void chThreadTimer::KillTimer() {
+  // Forget the thread too: a timer may outlive the thread object it was armed on.
   if (host_) host_->KillThreadTimer(id_);
+  host_ = nullptr;
 }
 
 bool chThreadTimer::IsTimerRuning() const { return host_ && host_->IsThreadTimerArmed(id_); }
 
-bool timerSetThreadTimer(uint32_t timerId, uint64_t ms) {
+bool timerSetThreadTimer(uint32_t timerId, uint64_t ms, bool repeat) {
   chThreadLocal* thread = chThreadLocal::Current();
   if (!thread) return false;
-  thread->SetThreadTimer(timerId, ms);
+  thread->SetThreadTimer(timerId, ms, repeat);
   return true;
 }
 

@@ -74,9 +74,10 @@ class chThreadLocal {
   void QueueCall(std::function<void()> fn);
   bool IsCalledByThisThread() const;
 
-  // Thread timers by an id of the caller's choice: each expiry queues MSG_THREAD_TIMER with the
-  // id in wParam, again and again every `ms` until killed.
-  void SetThreadTimer(uint32_t timerId, uint64_t ms);
+  // Thread timers by an id of the caller's choice: the expiry queues MSG_THREAD_TIMER with the id
+  // in wParam, once, or with `repeat` again and again every `ms` until killed. `ms` is 64-bit end
+  // to end.
+  void SetThreadTimer(uint32_t timerId, uint64_t ms, bool repeat);
   void KillThreadTimer(uint32_t timerId);
   bool IsThreadTimerArmed(uint32_t timerId) const;
 
@@ -127,8 +128,8 @@ class chThreadTimer {
   chThreadTimer();
   ~chThreadTimer();
   uint32_t id() const { return id_; }
-  // Arms the timer on the calling thread (repeating every `ms` until killed).
-  bool SetTimer(uint64_t ms);
+  // Arms the timer on the calling thread: once, or with `repeat` every `ms` until killed.
+  bool SetTimer(uint64_t ms, bool repeat = false);
   void KillTimer();
   bool IsTimerRuning() const;
   chThreadLocal* hostThread() const { return host_; }
@@ -138,6 +139,6 @@ class chThreadTimer {
   chThreadLocal* host_ = nullptr;
 };
 
-// Arms or stops a timer of the calling thread by id.
-bool timerSetThreadTimer(uint32_t timerId, uint64_t ms);
+// Arms or stops a timer of the calling thread by id (once, or with `repeat` until killed).
+bool timerSetThreadTimer(uint32_t timerId, uint64_t ms, bool repeat);
 bool timerKillThreadTimer(uint32_t timerId);

@@ -3,7 +3,9 @@
 #   - an nginx on a free loopback port publishes a common file and an encrypted per-device file;
 #   - `autoptool provision` runs the service's URL path against the sandbox: download, decrypt,
 #     translate, apply to the INI files; a second run finds both files unchanged (MD5);
-#   - the daemon starts in the sandbox, a stand-in application pushes a file and asks it to apply it.
+#   - the daemon starts in the sandbox, a stand-in application pushes a file and asks it to apply it;
+#   - the daemon starts in normal mode with the server configured: it provisions by itself at
+#     power-on, and again when the server's file changed and another application asks for a run.
 # Nothing outside the sandbox is touched; everything is stopped and removed at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -18,8 +20,10 @@ chmod 755 "$sandbox"  # the web server's workers read the published files as ano
 www=$sandbox/www
 nginx_pid=""
 daemon_pid=""
+peer_pids=""
 cleanup() {
   [ -n "$daemon_pid" ] && kill "$daemon_pid" 2>/dev/null || true
+  for pid in $peer_pids; do kill "$pid" 2>/dev/null || true; done
   [ -n "$nginx_pid" ] && kill "$nginx_pid" 2>/dev/null || true
   sleep 0.2
   rm -rf "$sandbox"
@@ -102,5 +106,44 @@ echo "--- /config/user/voip/sipAccount0.cfg"
 cat "$root/config/user/voip/sipAccount0.cfg"
 echo "--- boot environment"
 cat "$root/host/bootenv.ini"
+
+echo
+echo "== the daemon provisions by itself"
+# Stand-ins: the phone application (never in a call) and the screen, which sees the broadcasts.
+build/msgctl listen app_vpPhone --reply 1 > "$sandbox/phone.log" 2>&1 &
+peer_pids="$peer_pids $!"
+build/msgctl listen app_vpScreen > "$sandbox/screen.log" 2>&1 &
+peer_pids="$peer_pids $!"
+sed -i "/^\[AutoProvision\]/a strServerURL = $url\nbEnablePoweron = 1" "$root/config/system/system.ini"
+echo "   configured: strServerURL = $url, bEnablePoweron = 1"
+sed -i 's/^phone_setting.backlight_time = .*/phone_setting.backlight_time = 30/' "$www/prov/common.cfg"
+wait_runs() {  # until the log holds $1 End lines
+  for _ in $(seq 300); do
+    [ "$(grep -c 'Autoprovision End' "$sandbox/autop2.log" 2>/dev/null)" -ge "$1" ] && return 0
+    sleep 0.1
+  done
+  echo "no run finished" >&2
+  return 1
+}
+build/provisor > "$sandbox/autop2.log" 2>&1 &
+daemon_pid=$!
+wait_runs 1
+echo "-- power-on run:"
+grep -E 'Launch (Upgrade|Config URL)|strReplaceURL|BackLightTime|Upgrade finished|Autoprovision (Begin|End)' "$sandbox/autop2.log"
+
+echo
+echo "-- the server's file changes and an application asks for a run (MSG_START_AUTO_PROVISION)"
+sed -i 's/^phone_setting.backlight_time = .*/phone_setting.backlight_time = 45/' "$www/prov/common.cfg"
+build/msgctl post provisor 0xa0000
+wait_runs 2
+grep -E 'Receive MSG_START_AUTO_PROVISION|BackLightTime|Upgrade finished' "$sandbox/autop2.log" | tail -3
+echo "-- broadcasts the screen stand-in saw (0x10201 = result, lparam 1 = success):"
+cat "$sandbox/screen.log"
+echo "-- /config/user/user.ini"
+cat "$root/config/user/user.ini"
+kill -TERM "$daemon_pid"
+wait "$daemon_pid" && echo "daemon ended with status 0"
+daemon_pid=""
+
 echo
 echo "demo finished; the sandbox $sandbox is removed"

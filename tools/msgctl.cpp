@@ -1,8 +1,8 @@
 // msgctl: stands in for the phone's other applications. Posts, sends and broadcasts messages to the
 // message-queue threads under $PROVISOR_ROOT, and listens as a named thread.
 //
-//   msgctl post THREAD ID [WPARAM [LPARAM]] [--extra TEXT]
-//   msgctl send THREAD ID [WPARAM [LPARAM]] [--extra TEXT] [--timeout MS]
+//   msgctl post THREAD ID [WPARAM [LPARAM]] [--extra TEXT | --extra-file FILE]
+//   msgctl send THREAD ID [WPARAM [LPARAM]] [--extra TEXT | --extra-file FILE] [--timeout MS]
 //   msgctl broadcast ID [WPARAM [LPARAM]]
 //   msgctl listen THREAD [--reply N] [--count N] [--timeout S]
 #define LOG_MODULE "./tools/msgctl"
@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -22,6 +24,7 @@ namespace {
 struct Options {
   std::vector<std::string> positional;
   bool hasExtra = false;
+  bool extraIsText = true;  // texts travel with their terminating zero, file bytes as they are
   std::string extra;
   int32_t timeoutMs = 10000;
   int32_t reply = 1;
@@ -54,8 +57,8 @@ int fail(const std::string& message) {
 
 int usage() {
   return fail(
-      "usage: msgctl post THREAD ID [WPARAM [LPARAM]] [--extra TEXT] | send THREAD ID [WPARAM [LPARAM]] "
-      "[--extra TEXT] [--timeout MS] | broadcast ID [WPARAM [LPARAM]] | listen THREAD [--reply N] [--count N] "
+      "usage: msgctl post THREAD ID [WPARAM [LPARAM]] [--extra TEXT | --extra-file FILE] | send THREAD ID "
+      "[WPARAM [LPARAM]] [--extra TEXT | --extra-file FILE] [--timeout MS] | broadcast ID [WPARAM [LPARAM]] | listen THREAD [--reply N] [--count N] "
       "[--timeout S]");
 }
 
@@ -75,6 +78,17 @@ bool parseOptions(int argc, char** argv, Options& o, std::string& error) {
     if (arg == "--extra") {
       if (!value(o.extra)) return false;
       o.hasExtra = true;
+      o.extraIsText = true;
+    } else if (arg == "--extra-file") {
+      if (!value(v)) return false;
+      std::ifstream in(v, std::ios::binary);
+      if (!in) {
+        error = "can't read " + v;
+        return false;
+      }
+      o.extra.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+      o.hasExtra = true;
+      o.extraIsText = false;
     } else if (arg == "--timeout" || arg == "--reply" || arg == "--count") {
       if (!value(v)) return false;
       if (!parseNumber(v, n)) {
@@ -122,8 +136,8 @@ int runPostOrSend(const std::string& verb, const Options& o) {
   msgThreadHandle thread = msgGetThreadByName(name);
   if (thread.empty()) return fail("no thread named " + name);
   // Texts travel with their terminating zero, as the phone's applications send them.
-  uint32_t extraSize = o.hasExtra ? static_cast<uint32_t>(o.extra.size() + 1) : 0;
-  const void* extra = o.hasExtra ? o.extra.c_str() : nullptr;
+  uint32_t extraSize = o.hasExtra ? static_cast<uint32_t>(o.extra.size() + (o.extraIsText ? 1 : 0)) : 0;
+  const void* extra = extraSize ? o.extra.c_str() : nullptr;
   if (verb == "post") {
     if (!msgPostMsgToThreadEx(thread, id, wParam, lParam, extraSize, extra)) return fail("post to " + name + " failed");
     return 0;
@@ -141,6 +155,26 @@ int runBroadcast(const Options& o) {
   return 0;
 }
 
+// A text (printable characters, then nothing but terminating zeros) as it is; any other block as
+// two lower-case hexadecimal digits per byte.
+std::string printableExtra(const char* data, uint32_t size) {
+  if (!data || size == 0) return "";
+  size_t text = strnlen(data, size);
+  bool isText = true;
+  for (size_t i = 0; i < size && isText; ++i) {
+    unsigned char c = static_cast<unsigned char>(data[i]);
+    isText = i < text ? (c >= 0x20 && c != 0x7f) || c == '\t' : c == 0;
+  }
+  if (isText) return std::string(data, text);
+  std::string hex;
+  char pair[3];
+  for (uint32_t i = 0; i < size; ++i) {
+    snprintf(pair, sizeof(pair), "%02x", static_cast<unsigned char>(data[i]));
+    hex += pair;
+  }
+  return hex;
+}
+
 // A listening application: prints every message and answers synchronous ones.
 class Listener : public chThreadLocal {
  public:
@@ -151,11 +185,7 @@ class Listener : public chThreadLocal {
       Quit(0);  // the --timeout timer
       return true;
     }
-    std::string extra;
-    if (msg.GetExtraSize() > 0) {
-      const char* data = static_cast<const char*>(msg.GetExtraData());
-      extra.assign(data, strnlen(data, msg.GetExtraSize()));
-    }
+    std::string extra = printableExtra(static_cast<const char*>(msg.GetExtraData()), msg.GetExtraSize());
     printf("id=0x%x wparam=%d lparam=%d extra=%s\n", msg.message, static_cast<int32_t>(msg.wParam),
            static_cast<int32_t>(msg.lParam), extra.c_str());
     fflush(stdout);

@@ -18,7 +18,7 @@ int autoTimerInc::SetTimer(uint32_t timerId, uint64_t milliseconds, void* target
   }
   binding->target = target;
   binding->handler = std::move(handler);
-  timerSetThreadTimer(timerId, milliseconds);
+  timerSetThreadTimer(timerId, milliseconds, true);
   return 1;
 }
 

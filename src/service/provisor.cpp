@@ -7,7 +7,9 @@
 #include <cstring>
 #include <string>
 
+#include "autoLaunch.h"
 #include "autoParser.h"
+#include "autoUpgrade.h"
 #include "autopMessages.h"
 #include "autopTranslator.h"
 #include "clock.h"
@@ -17,6 +19,7 @@
 #include "registry.h"
 
 int32_t g_zeroTouch = 0;
+policyManger g_policyManager;
 
 namespace {
 
@@ -44,13 +47,12 @@ void onTerminateSignal(int) {
   if (g_service) g_service->Quit(0);
 }
 
-// The text carried as a message's extra data (up to its terminating zero).
-std::string extraText(const msgObject& msg) {
+}  // namespace
+
+std::string messageExtraText(const msgObject& msg) {
   const char* data = static_cast<const char*>(msg.GetExtraData());
   return data ? std::string(data, strnlen(data, msg.GetExtraSize())) : std::string();
 }
-
-}  // namespace
 
 int loadTranslationTable() { return autopTranslator::getInstance()->loadDefaultTable() ? 1 : 0; }
 
@@ -60,9 +62,17 @@ provisorObject::~provisorObject() = default;
 
 bool provisorObject::TryThreadMessage(msgObject& msg) {
   switch (msg.message) {
+    case MSG_START_AUTO_PROVISION:
+    case MSG_NETWORK_CHANGED:
+    case AP_MSG_UPDATE_CONFIG:
+      return OnLaunchAutoProvision(msg);
+    case MSG_RESPOND_URL:
+      return OnPnpResponseMessage(msg);
     case MSG_THREAD_TIMER:
       OnTimerMessage(msg);
       return true;
+    case MSG_START_AUTO_PROVISION_URL:
+      return OnStartAutoProvisionUrl(msg);
     case AP_MSG_PASSED_ON:
       return false;
     case AP_MSG_AUTOP_CHECK_AUTOP_RESULT:
@@ -73,14 +83,16 @@ bool provisorObject::TryThreadMessage(msgObject& msg) {
       return OnGetAutoProvision(msg);
     case AP_MSG_REPARSE_CONFIG:
       return OnReparseConfig(msg);
+    case MSG_WEEKLY_CHECK:
+      return OnWeeklyCheck(msg);
     default:
-      // The rows that start provisioning runs are added with the run lifecycle.
       return false;
   }
 }
 
 bool provisorObject::OnTimerMessage(msgObject& msg) {
-  OnTimer(msg);
+  // The policy timers are the policy manager's own; every other timer is a binding of this object.
+  if (!g_policyManager.OnTimerMessage(msg)) OnTimer(msg);
   return true;
 }
 
@@ -98,7 +110,7 @@ bool provisorObject::OnCheckAutopResult(msgObject& msg) {
 
 bool provisorObject::OnSetHostName(msgObject& msg) {
   if (msg.GetExtraSize() == 0) return false;
-  std::string hostName = extraText(msg);
+  std::string hostName = messageExtraText(msg);
   if (hostName.empty()) hostName = kDefaultHostName;
   if (userenv_set("HOST_NAME", hostName) != 0) {
     brisaTrace(2, "Fail to set user env 'HOST_NAME' to value '%s' !", hostName.c_str());
@@ -154,16 +166,10 @@ void provisorObject::SetPnpTimer(int32_t milliseconds) {
   runState = 2;
 }
 
-void provisorObject::OnPnpResponse(msgObject&) {
-  // The power-on run starts here once the run lifecycle is in place; until then the wait simply
-  // ends so that the service reports itself idle.
-  KillTimer(timerPnpRequest);
-  LOG_DEB("Pnp request timer has reached.kill timerPnpRequest timer!!");
-  runState = 0;
-}
-
 void provisorObject::StartPnpOrPowerOn() {
   if (brisaGetProfileInt(kSystemIni, kAutoProvisionSection, "bEnablePNP", 0)) {
+    // The discovery thread must be there to take the request; a failure leaves only the wait.
+    if (!pnpManager.Start()) LOG_ERR("Can't start thread [%s] !", kThreadPnpManager);
     while (netGetNetworkSta() != kNetworkUp && networkWaitCount < kNetworkWaitSeconds) {
       ++networkWaitCount;
       LOG_IFO("PNP Network Fail,sleep 1 seconds");
@@ -190,12 +196,15 @@ int provisorObject::Start() {
     return 0;
   }
   SetTimer(g_consoleKeyTimer, kConsoleKeyPollMs, this, &provisorObject::OnConsoleKeyTimer);
+  autoLaunch::bindServiceState(&powerOnState, &g_zeroTouch);
+  // An applied item that needs a restart announces it; the restart follows the run.
+  autoUpgrade::setRebootHandler([this] { AnnounceReboot(); });
   if (g_zeroTouch) {
     LOG_IFO("Zero-sp-touch launch Autop,do not PNP!!!");
     return 1;
   }
   StartPnpOrPowerOn();
-  // The repeat and weekly policies start here once they are in place.
+  g_policyManager.Start();
   return 1;
 }
 
@@ -204,6 +213,10 @@ void provisorObject::Stop() {
   LOG_CHECK(IsCalledByThisThread());
   KillTimer(g_consoleKeyTimer);
   KillTimer(timerPnpRequest);
+  g_policyManager.Stop();
+  pnpManager.Stop();
+  autoUpgrade::setRebootHandler(nullptr);
+  autoLaunch::bindServiceState(nullptr, nullptr);
   autopTranslator::releaseInstance();
 }
 

@@ -4,10 +4,13 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
+#include "autoPolicy.h"
 #include "autoTimer.h"
 #include "console.h"
 #include "msgqueue.h"
+#include "sipHelper.h"
 
 class provisorObject : public chThreadLocal, public autoTimerInc {
  public:
@@ -25,6 +28,18 @@ class provisorObject : public chThreadLocal, public autoTimerInc {
   // Arms the plug-and-play wait timer (-1 means 10 000 ms) and marks the service as waiting.
   void SetPnpTimer(int32_t milliseconds);
 
+  // The run frame (provisorRun.cpp). Asks the phone application every `stepSeconds` whether a call
+  // is in progress, for at most an hour: true once it is not, false when the hour ran out.
+  bool WaitWhileTalking(int32_t stepSeconds);
+  // Opens a run: the Begin line, the busy wait, runState 1. False when the phone stayed busy.
+  bool BeginRun();
+  // Ends a run: the result broadcast, the zero-touch switch, a pending reboot, the repeat re-arm.
+  int AfterAutoProvision(int32_t result);
+  // Marks that the phone must restart after this run (once), unless a call keeps it busy.
+  void AnnounceReboot();
+  // Flushes, unregisters and restarts the phone; 0 when a call kept it from doing so.
+  int RebootNow();
+
   int32_t powerOnState = 0;  // 0 none finished, 1 zero-touch first run, 2 a run has finished
   int32_t rebootPending = 0;
   int32_t runState = 0;  // 0 idle, 1 running, 2 waiting for plug-and-play
@@ -37,15 +52,27 @@ class provisorObject : public chThreadLocal, public autoTimerInc {
   bool OnGetAutoProvision(msgObject& msg);
   bool OnReparseConfig(msgObject& msg);
   void OnConsoleKeyTimer(msgObject& msg);
-  void OnPnpResponse(msgObject& msg);
   void StartPnpOrPowerOn();
+  // Run lifecycle handlers (provisorRun.cpp); true when the message counts as handled.
+  bool OnLaunchAutoProvision(msgObject& msg);
+  int32_t UpdateConfig(msgObject& msg);
+  bool OnPnpResponseMessage(msgObject& msg);
+  void OnPnpResponse(msgObject& msg) { OnPnpResponseMessage(msg); }
+  bool OnStartAutoProvisionUrl(msgObject& msg);
+  bool OnWeeklyCheck(msgObject& msg);
+  int32_t FinishPnpRun(const msgObject& msg, int32_t result);
 
   chStdInput keyboard;
+  PNPManger pnpManager;
   chThreadTimer timerPnpRequest;
 };
 
-// The process-wide zero-touch flag ("-byzero").
+// The process-wide zero-touch flag ("-byzero") and the update policies.
 extern int32_t g_zeroTouch;
+extern policyManger g_policyManager;
+
+// The text carried as a message's extra data, up to its terminating zero and never past its size.
+std::string messageExtraText(const msgObject& msg);
 
 // Loads the translation table as at start and on the BACK key; the loader's result.
 int loadTranslationTable();

@@ -196,7 +196,7 @@ TEST_F(MsgQueueTest, TimersRepeatOnTheFakeClockAndQuitEndsTheLoop) {
   uCSystemShareHelper::CreateLocalThread(thread);
   chThreadTimer timer;
   // An hour-long period costs no real time on the fake clock.
-  ASSERT_TRUE(timer.SetTimer(3600u * 1000u));
+  ASSERT_TRUE(timer.SetTimer(3600u * 1000u, true));
   EXPECT_TRUE(timer.IsTimerRuning());
   EXPECT_EQ(thread.Run(), 0);
   EXPECT_EQ(thread.timerFires.load(), 3);

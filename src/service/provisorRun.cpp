@@ -1,0 +1,261 @@
+// The frame of one provisioning run on the service thread: the wait while the phone is in a call,
+// the Begin and End lines, the choice of launch from the message that asked for the run, the result
+// broadcast, and the restart of the phone when one was announced.
+#define LOG_MODULE "./src/provisor"
+#include <algorithm>
+#include <cstring>
+
+#include "autoLaunch.h"
+#include "autopMessages.h"
+#include "baseMethod.h"
+#include "callMethod.h"
+#include "clock.h"
+#include "inifile.h"
+#include "log.h"
+#include "paths.h"
+#include "provisor.h"
+#include "registry.h"
+
+namespace {
+
+constexpr const char* kSystemIni = "/config/system/system.ini";
+constexpr int32_t kTalkBudgetSeconds = 3600;
+constexpr int32_t kRunTalkStepSeconds = 60;
+constexpr int32_t kRebootTalkStepSeconds = 5;
+constexpr uint32_t kFlushWaitMs = 5000;
+constexpr int32_t kDefaultUnregisterDelaySeconds = 3;
+constexpr uint32_t kUpdateWithInfo = 2;
+constexpr uint32_t kUpdateThenReboot = 2;
+
+const char* resultWord(int32_t result) { return result ? "OK" : "FAIL"; }
+
+void warnIfAfterFailed(int handled) {
+  if (handled == 0) LOG_WAR("Exception occur in AfterAutoProvision function !");
+}
+
+// The record as another application sent it: at most its own size is read from the message, and
+// whatever the sender left out stays zero, so every text ends inside its field.
+AutopInfo recordFromMessage(const msgObject& msg) {
+  AutopInfo info;
+  memset(&info, 0, sizeof(info));
+  memcpy(&info, msg.GetExtraData(), std::min<size_t>(msg.GetExtraSize(), sizeof(info)));
+  return info;
+}
+
+void logSystemConfig() {
+  LOG_IFO("To Check System Config ... ");
+  if (!pathFileExist(kSystemIni)) {
+    LOG_ERR("The Autop Config File Lost !!!!");
+    return;
+  }
+  iniFile system;
+  if (!system.LoadFromFile(kSystemIni)) {
+    LOG_WAR("Can't open autop file [%s]", kSystemIni);
+    return;
+  }
+  std::string url = autoLaunch::maskedUrl(system.GetTextValue("AutoProvision", "strServerURL", ""));
+  LOG_IFO("Current Autoprovision URL [%s]", url.c_str());
+}
+
+}  // namespace
+
+bool provisorObject::WaitWhileTalking(int32_t stepSeconds) {
+  LOG_IFO("Check Talklogic Status ...");
+  for (int32_t budget = kTalkBudgetSeconds;; budget -= stepSeconds) {
+    // No answer at all counts as busy: a phone that cannot say it is idle is not restarted.
+    int32_t idle = msgSendMsgToThreadTimeoutEx(msgGetThreadByName(kThreadPhone), MSG_CHECK_TALK_STATUS, 0, 1, 0,
+                                               nullptr, kTalkStatusTimeoutMs);
+    if (idle != 0) return true;
+    if (budget < 1) {
+      LOG_ERR("Talking ..., Skipped !");
+      return false;
+    }
+    LOG_IFO("Talking, Delay [%d] seconds ... ", stepSeconds);
+    brisaSleep(static_cast<uint32_t>(stepSeconds) * 1000u);
+  }
+}
+
+bool provisorObject::BeginRun() {
+  // A run that follows the plug-and-play wait already logged its Begin.
+  if (runState == 0) {
+    LOG_IFO("%s", "");
+    LOG_IFO("<<<<<< Autoprovision Begin >>>>>>");
+  }
+  if (!WaitWhileTalking(kRunTalkStepSeconds)) return false;
+  runState = 1;
+  return true;
+}
+
+bool provisorObject::OnLaunchAutoProvision(msgObject& msg) {
+  if (!BeginRun()) return false;
+  LOG_IFO("***** Lanuch AutoProvision [X%X] *****", msg.message);
+  if (powerOnState == 0) {
+    // The first run after power-on is always the plug-and-play or power-on run.
+    if (!g_zeroTouch) {
+      LOG_DEB("Have not update first time!");
+      return false;
+    }
+    powerOnState = 1;
+    LOG_DEB("OnLaunchAutoProvision POWER_ON:NO-UPDATING");
+  }
+  int32_t result = 0;
+  switch (msg.message) {
+    case MSG_NETWORK_CHANGED:
+      // The same sources as the default run: a new network may have brought new DHCP options.
+      LOG_IFO("Receive MSG_NETWORK_CHANGED MSG to OnLaunchAutoProvision!!");
+      result = autoLaunch::launchUpgrade() ? 1 : 0;
+      break;
+    case AP_MSG_UPDATE_CONFIG:
+      LOG_IFO("Receive AP_MSG_UPDATE_CONFIG MSG to OnLaunchAutoProvision!!");
+      result = UpdateConfig(msg);
+      break;
+    case MSG_START_AUTO_PROVISION:
+      LOG_IFO("Receive MSG_START_AUTO_PROVISION MSG to OnLaunchAutoProvision!!");
+      result = autoLaunch::launchUpgrade() ? 1 : 0;
+      break;
+    default:
+      LOG_IFO("Receive NO MSG to OnLaunchAutoProvision!!");
+      result = autoLaunch::launchUpgrade() ? 1 : 0;
+      break;
+  }
+  warnIfAfterFailed(AfterAutoProvision(result));
+  return true;
+}
+
+int32_t provisorObject::UpdateConfig(msgObject& msg) {
+  LOG_DEB("UpdateConfig MSG,wParam=%d,lParam=%d", static_cast<int32_t>(msg.wParam), static_cast<int32_t>(msg.lParam));
+  if (msg.wParam == kUpdateWithInfo && msg.lParam == 0) {
+    if (msg.GetExtraSize() == 0) {
+      LOG_ERR("Can't get autop_info data from AP_MSG_UPDATE_CONFIG msg !");
+      return 0;
+    }
+    AutopInfo info = recordFromMessage(msg);
+    return autoLaunch::launchUpgradeWithInfo(&info) ? 1 : 0;
+  }
+  if (msg.lParam == kUpdateThenReboot) {
+    LOG_DEB("SIP Update and then Force to reboot!");
+    LOG_DEB("%s", "");
+    int32_t result = autoLaunch::launchUpgrade() ? 1 : 0;
+    AnnounceReboot();
+    return result;
+  }
+  return autoLaunch::launchUpgrade() ? 1 : 0;
+}
+
+void provisorObject::AnnounceReboot() {
+  if (rebootPending) return;
+  if (!WaitWhileTalking(kRebootTalkStepSeconds)) return;
+  msgBroadpostThreadMsg(MSG_REBOOT_REQUEST, 0, 0);
+  rebootPending = 1;
+}
+
+bool provisorObject::OnPnpResponseMessage(msgObject& msg) {
+  if (!BeginRun()) return false;  // the wait timer stays armed and tries again
+  LOG_IFO("%s", "");
+  LOG_IFO("Receive Pnp AutoProvision request !!");
+  const bool waiting = FindTimer(timerPnpRequest) != nullptr;
+  int32_t result = 0;
+  if (msg.message == MSG_THREAD_TIMER && waiting) {
+    KillTimer(timerPnpRequest);
+    LOG_DEB("Pnp request timer has reached.kill timerPnpRequest timer!!");
+    result = autoLaunch::launchUpgrade() ? 1 : 0;
+  } else if (msg.message == MSG_RESPOND_URL && waiting) {
+    LOG_DEB("Pnp,Receive MSG_RESPOND_URL MSG,timerPnpRequest is not NULL!!");
+    KillTimer(timerPnpRequest);
+    std::string url = messageExtraText(msg);
+    if (url.empty()) {
+      LOG_WAR("The PNP URL is empty !!");
+    } else {
+      LOG_DEB("PNP url=%s", autoLaunch::maskedUrl(url).c_str());
+      result = autoLaunch::launchUrlUpgrade(url) ? 1 : 0;
+    }
+    // A bad or empty answer still leaves the phone its power-on run.
+    if (result <= 0) result = autoLaunch::launchUpgrade() ? 1 : 0;
+  } else if (msg.message == MSG_RESPOND_URL) {
+    LOG_DEB("Pnp,Receive MSG_RESPOND_URL MSG,timerPnpRequest is NULL!!");
+    std::string url = messageExtraText(msg);
+    if (url.empty()) {
+      LOG_WAR("The PNP URL is empty !!");
+      runState = 0;
+      return true;
+    }
+    result = autoLaunch::launchUrlUpgrade(url) ? 1 : 0;
+  } else {
+    LOG_WAR("Unknown PNP response !!");
+    runState = 0;
+    return true;
+  }
+  FinishPnpRun(msg, result);
+  return true;
+}
+
+int32_t provisorObject::FinishPnpRun(const msgObject& msg, int32_t result) {
+  if (powerOnState != 2) {
+    powerOnState = 2;
+    LOG_DEB("OnLaunchAutoProvision AUTOP_POWER_ON_END");
+  }
+  resultPending = 1;
+  if (!rebootPending && msg.message == MSG_RESPOND_URL)
+    msgPostMsgToThread(msgGetThreadByName(kThreadPnpManager), AP_MSG_PNP_DONE, 0, 0);
+  int handled = AfterAutoProvision(result == 1 ? 1 : 0);
+  warnIfAfterFailed(handled);
+  return handled;
+}
+
+bool provisorObject::OnStartAutoProvisionUrl(msgObject& msg) {
+  if (!BeginRun()) return false;
+  if (powerOnState == 0) powerOnState = 1;
+  int32_t result = autoLaunch::launchUrlUpgrade(messageExtraText(msg)) ? 1 : 0;
+  LOG_IFO("Upgrade finished [%s] !", resultWord(result));
+  warnIfAfterFailed(AfterAutoProvision(result));
+  return true;
+}
+
+bool provisorObject::OnWeeklyCheck(msgObject&) {
+  g_policyManager.WeeklyCheck();
+  return true;
+}
+
+int provisorObject::AfterAutoProvision(int32_t result) {
+  LOG_IFO("Upgrade finished [%s] !", resultWord(result));
+  if (runState == 1) runState = 0;
+  if (runState == 2) {
+    LOG_IFO("Wait for pnp request ...");
+    return 1;
+  }
+  powerOnState = 2;
+  resultPending = 1;
+  msgBroadpostThreadMsg(BROAD_MSG_AUTOP_RESULT, 0, static_cast<uint32_t>(result));
+  if (result && g_zeroTouch) {
+    // Found by the zero-touch start: the redirection service is not needed any more.
+    LOG_IFO("Autop Success,Close Redirect!");
+    brisaSetProfileInt(kSystemIni, "Redirect", "Enable", 0);
+  }
+  if (rebootPending) RebootNow();
+  // The next repeat counts from the end of this run.
+  g_policyManager.ReloadRepeat();
+  LOG_IFO("<<<<<< Autoprovision End >>>>>>");
+  LOG_IFO("%s", "");
+  return 1;
+}
+
+int provisorObject::RebootNow() {
+  LOG_IFO("Checking Talk Status ... ");
+  if (!WaitWhileTalking(kRebootTalkStepSeconds)) return 0;
+  LOG_IFO("To Flush All RegFile !!");
+  LOG_WAR("Write file by [registryFlush] directly !!");
+  if (callTextMethod("regFlushAllFile()") != "1") LOG_WAR("Fail to flush all file !!");
+  LOG_IFO("Sleep 5s for flushing all reg file !!");
+  brisaSleep(kFlushWaitMs);
+  logSystemConfig();
+  int32_t delay = brisaGetRegistryInt(kSystemIni, "sipServerOptions", "UnregisterOnReboot",
+                                      kDefaultUnregisterDelaySeconds);
+  LOG_IFO("Sip unregister on reboot need delay %ds !", delay);
+  if (delay > 0) {
+    msgBroadpostThreadMsg(BROAD_MSG_SIP_UNREGISTER, 0, 0);
+    brisaSleep(static_cast<uint32_t>(delay) * 1000u);
+  }
+  LOG_IFO("To reboot !!");
+  // Backs the log up and restarts; returns only when even the system call failed.
+  return reboot() == 0 ? 1 : 0;
+}

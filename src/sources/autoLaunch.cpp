@@ -1,0 +1,209 @@
+#define LOG_MODULE "./src/autoUpgrade"
+#include "autoLaunch.h"
+
+#include <arpa/inet.h>
+
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+
+#include "autoParserCrypt.h"
+#include "autoUpgrade.h"
+#include "autopMessages.h"
+#include "autopUrl.h"
+#include "clock.h"
+#include "device.h"
+#include "inifile.h"
+#include "log.h"
+#include "msgqueue.h"
+#include "registry.h"
+
+namespace autoLaunch {
+namespace {
+
+constexpr const char* kSystemIni = "/config/system/system.ini";
+constexpr const char* kSection = "AutoProvision";
+constexpr const char* kDhcpOptionStore = "/tmp/valdrun_dhcp_options";
+constexpr const char* kDhcpSection = "DHCP";
+constexpr const char* kDefaultSystemOptions = "66,43";
+constexpr const char* kDefaultPnpMulticast = "224.0.1.75";
+constexpr int32_t kNetworkReady = 2;
+constexpr int32_t kWiredNetwork = 0;
+constexpr uint32_t kNetworkPollMs = 1000;
+constexpr uint32_t kNetworkWaitMs = 120000;
+
+const int32_t* g_powerOnState = nullptr;
+const int32_t* g_zeroTouch = nullptr;
+
+bool zeroTouch() { return g_zeroTouch && *g_zeroTouch; }
+// Set once a run has finished since power-on (or a zero-touch or URL run began before that).
+bool powerOnMarkSet() { return g_powerOnState && *g_powerOnState != 0; }
+
+std::string setting(const char* key, const char* defaultValue = "") {
+  return brisaGetProfileString(kSystemIni, kSection, key, defaultValue);
+}
+int32_t settingInt(const char* key, int32_t defaultValue) {
+  return brisaGetProfileInt(kSystemIni, kSection, key, defaultValue);
+}
+
+// At power-on the configured server is used only when bEnablePoweron allows it.
+bool configUrlAllowed() { return powerOnMarkSet() || settingInt("bEnablePoweron", 0) != 0; }
+
+bool isHexDigits(const std::string& text) {
+  for (char c : text)
+    if (!isxdigit(static_cast<unsigned char>(c))) return false;
+  return true;
+}
+
+std::vector<std::string> splitOptions(const std::string& list) {
+  std::vector<std::string> out;
+  size_t start = 0;
+  for (;;) {
+    size_t comma = list.find(',', start);
+    std::string item = list.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+    size_t first = item.find_first_not_of(" \t"), last = item.find_last_not_of(" \t");
+    if (first != std::string::npos) out.push_back(item.substr(first, last - first + 1));
+    if (comma == std::string::npos) return out;
+    start = comma + 1;
+  }
+}
+
+// Tries one DHCP option of the store; false when it has no value or reaches no server.
+bool tryDhcpOption(const iniFile& store, const std::string& option, const char* kind) {
+  if (option.empty()) return false;
+  std::string value = store.GetTextValue(kDhcpSection, option, "");
+  if (value.empty()) return false;
+  LOG_DEB("URL = %s\n", maskedUrl(value).c_str());
+  std::string url = dhcpOptionText(value);
+  LOG_IFO("%s option %s = %s", kind, option.c_str(), maskedUrl(url).c_str());
+  return autoUpgrade::UpgradeFromURL(url);
+}
+
+}  // namespace
+
+void bindServiceState(const int32_t* powerOnState, const int32_t* zeroTouchFlag) {
+  g_powerOnState = powerOnState;
+  g_zeroTouch = zeroTouchFlag;
+}
+
+bool waitNetworkReady() {
+  for (uint32_t waited = 0;; waited += kNetworkPollMs) {
+    LOG_IFO("Wait network done to upgrade");
+    if (netGetNetworkSta() == kNetworkReady) return true;
+    if (waited >= kNetworkWaitMs) break;
+    brisaSleep(kNetworkPollMs);
+  }
+  LOG_IFO("Network not ready, skip upgrade");
+  return false;
+}
+
+std::string maskedUrl(const std::string& url) {
+  ns_net::autopUrl parsed;
+  return parsed.Parse(url) && !parsed.password.empty() ? parsed.LogText() : url;
+}
+
+std::string dhcpOptionText(const std::string& value) {
+  // Decided here: a value is hexadecimal when it is nothing but pairs of hexadecimal digits; a
+  // server name or URL always holds a "." or "/" and stays as it is.
+  if (value.size() < 2 || value.size() % 2 != 0 || !isHexDigits(value)) return value;
+  std::string out;
+  for (size_t i = 0; i < value.size(); i += 2) {
+    unsigned byte = 0;
+    if (sscanf(value.c_str() + i, "%2x", &byte) != 1) return value;
+    if (!out.empty()) out += ".";
+    out += std::to_string(byte);
+  }
+  return out;
+}
+
+std::string composeUrl(const std::string& url, const std::string& user, const std::string& password,
+                       bool protectedPassword) {
+  if (user.empty() && password.empty()) return url;
+  ns_net::autopUrl parsed;
+  // A local file has no log-in; a URL that names its own user keeps it.
+  if (!parsed.Parse(url) || parsed.scheme == "file" || !parsed.user.empty() || !parsed.password.empty()) return url;
+  std::string plain = password;
+  // A stored password is in the platform's protected form only while value protection is on.
+  if (protectedPassword && !password.empty() && valueEncryptionInUse() && pw_data_decrypt(password, plain) != 0)
+    plain = password;
+  parsed.user = user;
+  parsed.password = plain;
+  return parsed.ToText();
+}
+
+bool launchConfigUrlUpgrade() {
+  LOG_IFO("***** Launch Config URL Upgrade *****");
+  std::string url = composeUrl(setting("strServerURL"), setting("strUserName"), setting("strPassword"), true);
+  return autoUpgrade::UpgradeFromURL(url);
+}
+
+bool launchDhcpUpgrade(bool waitNetwork) {
+  if (zeroTouch()) {
+    LOG_IFO("Zero-sp-touch launch Autop,do not update by DHCP!!");
+    return false;
+  }
+  LOG_IFO("***** Launch DHCP Upgrade *****");
+  if (waitNetwork && !waitNetworkReady()) return false;
+  if (settingInt("bEnableDHCPOption", 1) == 0 || netGetNetworkType() != kWiredNetwork) return false;
+  iniFile store;
+  if (!store.LoadFromFile(kDhcpOptionStore)) return false;
+  if (tryDhcpOption(store, setting("listUserOptions"), "user")) return true;
+  for (const std::string& option : splitOptions(setting("listSystemOptions", kDefaultSystemOptions)))
+    if (tryDhcpOption(store, option, "system")) return true;
+  return false;
+}
+
+bool launchUpgrade() {
+  LOG_IFO("%s", "");
+  LOG_IFO("***** Launch Upgrade *****");
+  if (!waitNetworkReady()) return false;
+  LOG_DEB("Not launch pnp upgrade by policy!");
+  if (settingInt("url_priority", 0) == 0) {
+    if (launchDhcpUpgrade(false)) return true;
+    return configUrlAllowed() && launchConfigUrlUpgrade();
+  }
+  if (configUrlAllowed() && launchConfigUrlUpgrade()) return true;
+  return launchDhcpUpgrade(false);
+}
+
+bool launchUrlUpgrade(const std::string& url) {
+  LOG_IFO("***** Launch URL Upgrade *****");
+  if (!waitNetworkReady()) return false;
+  return url.empty() ? launchConfigUrlUpgrade() : autoUpgrade::UpgradeFromURL(url);
+}
+
+bool launchUpgradeWithInfo(const AutopInfo* info) {
+  LOG_IFO("***** %-30s *****", "Launch Upgrade With AutopInfo");
+  if (!info) {
+    LOG_ERR("The AutopInfo pointer is NULL !");
+    return false;
+  }
+  if (!waitNetworkReady()) return false;
+  std::string url = composeUrl(autopInfoText(info->url), autopInfoText(info->userName),
+                               autopInfoText(info->password), true);
+  return autoUpgrade::UpgradeFromURL(url, info);
+}
+
+bool launchPnpUpgrade() {
+  if (zeroTouch()) {
+    LOG_IFO("Zero-sp-touch launch Autop,do not update by PNP!!");
+    return false;
+  }
+  LOG_IFO("***** Launch PNP Upgrade *****");
+  if (settingInt("bEnablePNP", 0) == 0) {
+    LOG_IFO("Skipped ! PNP Mode is Closed.");
+    return false;
+  }
+  std::string address = setting("strPNPMulticastIP", kDefaultPnpMulticast);
+  in_addr parsed;
+  if (inet_pton(AF_INET, address.c_str(), &parsed) != 1) {
+    LOG_WAR("PNP Server IP [%s] is Invalid !", address.c_str());
+    return false;
+  }
+  LOG_IFO("PNP Server IP = %s", address.c_str());
+  // The text travels with its terminating zero, as the plug-and-play thread expects it.
+  return msgPostMsgToThreadEx(msgGetThreadByName(kThreadPnpManager), AP_MSG_PNP_REQUEST, 0, 0,
+                              static_cast<uint32_t>(address.size() + 1), address.c_str());
+}
+
+}  // namespace autoLaunch

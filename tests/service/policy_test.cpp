@@ -1,0 +1,261 @@
+// The repeat and weekly policies on a thread of their own, all on the fake clock: when they ask for
+// runs, how the weekly moment is drawn and found, untrusted time, daylight-saving days and a change
+// of the section by another process.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "autoPolicy.h"
+#include "autopMessages.h"
+#include "clock.h"
+#include "registry.h"
+#include "testRoot.h"
+#include "timeutil.h"
+
+using namespace testing_support;
+
+namespace {
+
+constexpr uint32_t kGiveUpTimer = 0xdead;
+
+// The service thread as the policies see it: records when runs were asked for; a run takes
+// `runSeconds` and re-arms the repeat policy at its end, as the service does.
+class PolicyThread : public chThreadLocal {
+ public:
+  PolicyThread(policyManger& manager, size_t quitAfter, int32_t runSeconds = 0)
+      : chThreadLocal("policy_test"), manager_(manager), quitAfter_(quitAfter), runSeconds_(runSeconds) {}
+  bool TryThreadMessage(msgObject& msg) override {
+    if (msg.message == MSG_THREAD_TIMER && msg.wParam == kGiveUpTimer) {
+      Quit(1);
+      return true;
+    }
+    if (manager_.OnTimerMessage(msg)) return true;
+    if (msg.message != MSG_START_AUTO_PROVISION) return false;
+    starts.push_back(serviceClock().nowSeconds());
+    brisaSleep(static_cast<uint32_t>(runSeconds_) * 1000u);
+    manager_.ReloadRepeat();
+    if (starts.size() == quitAfter_) Quit(0);
+    return true;
+  }
+  // Starts the policies on this thread and runs until enough runs were asked for (0) or a month of
+  // fake time passed without them (1).
+  int run(bool giveUpTimer = true) {
+    uCSystemShareHelper::CreateLocalThread(*this);
+    manager_.Start();
+    if (giveUpTimer) timerSetThreadTimer(kGiveUpTimer, 40ull * 86400 * 1000, false);
+    int code = Run();
+    manager_.Stop();
+    uCSystemShareHelper::DestroyLocalThread(*this);
+    return code;
+  }
+  std::vector<int32_t> starts;
+
+ private:
+  policyManger& manager_;
+  size_t quitAfter_;
+  int32_t runSeconds_;
+};
+
+class PolicyTest : public RootedTest {
+ protected:
+  void SetUp() override {
+    RootedTest::SetUp();
+    previousTz_ = getenv("TZ") ? getenv("TZ") : "";
+    zone("UTC0");
+    registryResetCache();
+  }
+  void TearDown() override {
+    zone(previousTz_);
+    registryResetCache();
+    RootedTest::TearDown();
+  }
+  void zone(const std::string& tz) {
+    if (tz.empty())
+      unsetenv("TZ");
+    else
+      setenv("TZ", tz.c_str(), 1);
+    tzset();
+  }
+  void keys(const std::string& text) {
+    root->write("/config/system/system.ini", "[AutoProvision]\n" + text);
+    registryResetCache();
+  }
+  static std::string local(int32_t seconds) { return chTime(seconds).Format("%Y-%m-%d %H:%M"); }
+
+ private:
+  std::string previousTz_;
+};
+
+TEST_F(PolicyTest, RepeatCountsFromTheEndOfTheLastRun) {
+  keys("bEnableRepeat = 1\nnRepeatMinutes = 60\n");
+  const int32_t start = serviceClock().nowSeconds();
+  policyManger manager;
+  PolicyThread thread(manager, 3, 600);  // every run takes ten minutes
+  ASSERT_EQ(thread.run(), 0);
+  ASSERT_EQ(thread.starts.size(), 3u);
+  EXPECT_EQ(thread.starts[0] - start, 3600);
+  EXPECT_EQ(thread.starts[1] - thread.starts[0], 4200);
+  EXPECT_EQ(thread.starts[2] - thread.starts[1], 4200);
+}
+
+TEST_F(PolicyTest, RepeatOffOrWithoutMinutesArmsNothing) {
+  LogCapture log;
+  for (const char* text : {"bEnableRepeat = 0\n", "bEnableRepeat = 1\nnRepeatMinutes = 0\n",
+                           "bEnableRepeat = 1\nnRepeatMinutes = -5\n"}) {
+    SCOPED_TRACE(text);
+    keys(text);
+    repeatPolicy repeat;
+    repeat.Load(registryOpen("/config/system/system.ini", "AutoProvision"));
+    EXPECT_EQ(repeat.interval(), 0u);
+    EXPECT_FALSE(repeat.timer().IsTimerRuning());
+  }
+  EXPECT_FALSE(log.contains("Set repeatPolicy timer"));
+}
+
+TEST_F(PolicyTest, WeeklyMomentIsDrawnInsideTheWindow) {
+  struct Window {
+    const char* begin;
+    const char* end;
+    int32_t from, to;  // the moment lies in [from, to] taken modulo a day
+  };
+  const Window windows[] = {{"08:00", "09:30", 28800, 34200},
+                            {"22:00", "02:00", 79200, 86400 + 7200},
+                            {"08:00", "08:00", 28800, 28800 + 86400}};
+  chThreadLocal owner("policy_owner");
+  uCSystemShareHelper::CreateLocalThread(owner);
+  srand(7);
+  for (const Window& w : windows) {
+    SCOPED_TRACE(w.begin + std::string("-") + w.end);
+    keys(std::string("bEnableWeekly = 1\nstrWeeklyMask = 0123456\nstrWeeklyBeginTime = ") + w.begin +
+         "\nstrWeeklyEndTime = " + w.end + "\n");
+    bool wrapped = false;
+    for (int i = 0; i < 40; ++i) {
+      weeklyPolicy weekly;
+      weekly.Load(registryOpen("/config/system/system.ini", "AutoProvision"));
+      int32_t moment = weekly.secondOfDay();
+      ASSERT_GE(moment, 0);
+      ASSERT_LT(moment, 86400);
+      int32_t unwrapped = moment < w.from ? moment + 86400 : moment;
+      EXPECT_LE(unwrapped, w.to);
+      wrapped = wrapped || moment < w.from;
+      EXPECT_TRUE(weekly.timer().IsTimerRuning());
+    }
+    // Windows that reach past midnight do draw moments on the far side of it.
+    EXPECT_EQ(wrapped, w.to > 86400);
+  }
+  uCSystemShareHelper::DestroyLocalThread(owner);
+  EXPECT_EQ(weeklyPolicy::parseMask("135x6"), (1u << 1) | (1u << 3) | (1u << 5));
+  EXPECT_EQ(weeklyPolicy::parseMask("7123"), 0u);
+  EXPECT_EQ(weeklyPolicy::parseTime("8:5"), 8 * 3600 + 5 * 60);
+  EXPECT_EQ(weeklyPolicy::parseTime("0800"), -1);
+  EXPECT_EQ(weeklyPolicy::parseTime("08:x"), -1);
+}
+
+// The fake clock starts on Tuesday 2023-11-14 at 22:13:20 UTC.
+TEST_F(PolicyTest, WeeklyRunFallsOnTheNextMaskedDayUpToTheEighthCandidate) {
+  struct Case {
+    const char* mask;
+    const char* begin;
+    const char* end;
+    const char* expectedDay;
+  };
+  const Case cases[] = {{"2", "23:00", "23:30", "2023-11-14"},   // later today
+                        {"24", "21:00", "22:00", "2023-11-16"},  // past today: Thursday
+                        {"2", "21:00", "22:00", "2023-11-21"}};  // only today's bit: a week on
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.mask + std::string(" ") + c.begin);
+    FakeClock clock;
+    Clock* previous = setClock(&clock);
+    keys(std::string("bEnableWeekly = 1\nstrWeeklyMask = ") + c.mask + "\nstrWeeklyBeginTime = " + c.begin +
+         "\nstrWeeklyEndTime = " + c.end + "\n");
+    policyManger manager;
+    PolicyThread thread(manager, 1);
+    EXPECT_EQ(thread.run(), 0);
+    setClock(previous);
+    ASSERT_EQ(thread.starts.size(), 1u);
+    std::string when = local(thread.starts[0]);
+    EXPECT_EQ(when.substr(0, 10), c.expectedDay);
+    EXPECT_GE(when.substr(11), c.begin);
+    EXPECT_LE(when.substr(11), c.end);
+  }
+}
+
+TEST_F(PolicyTest, UntrustedTimeArmsNothingUntilTheWeeklyCheck) {
+  root->write("/host/device.ini", "[device]\ntime_trusted = 0\n");
+  keys("bEnableWeekly = 1\nstrWeeklyMask = 0123456\nstrWeeklyBeginTime = 08:00\nstrWeeklyEndTime = 09:00\n");
+  LogCapture log;
+  weeklyPolicy weekly;
+  weekly.Load(registryOpen("/config/system/system.ini", "AutoProvision"));
+  EXPECT_FALSE(weekly.timer().IsTimerRuning());
+  EXPECT_TRUE(log.contains("Skip Weekly AutoPrivision for untrust local time."));
+  root->write("/host/device.ini", "[device]\ntime_trusted = 1\n");
+  chThreadLocal owner("policy_owner");
+  uCSystemShareHelper::CreateLocalThread(owner);
+  EXPECT_EQ(weekly.Schedule(), 1);
+  EXPECT_TRUE(weekly.timer().IsTimerRuning());
+  EXPECT_TRUE(log.contains("Weekly AutoProvision will active at : 2023-11-15 08:"));
+  weekly.Stop();
+  uCSystemShareHelper::DestroyLocalThread(owner);
+}
+
+// Central European rules; each day gets exactly one run at its wall-clock moment, also on the days of
+// 23 and 25 hours.
+TEST_F(PolicyTest, DaylightSavingDaysNeitherSkipNorDoubleAWeeklyRun) {
+  struct Case {
+    int32_t startUtc;  // noon local, the day before the change
+    std::vector<std::string> expected;
+  };
+  const Case cases[] = {
+      {1711796400, {"2024-03-31 03:30", "2024-04-01 02:30", "2024-04-02 02:30"}},  // 02:30 does not exist
+      {1729936800, {"2024-10-27 02:30", "2024-10-28 02:30", "2024-10-29 02:30"}},  // 02:30 comes twice
+  };
+  zone("CET-1CEST,M3.5.0,M10.5.0/3");
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.startUtc);
+    FakeClock clock(c.startUtc);
+    Clock* previous = setClock(&clock);
+    keys("bEnableWeekly = 1\nstrWeeklyMask = 0123456\nstrWeeklyBeginTime = 02:30\nstrWeeklyEndTime = 02:31\n");
+    policyManger manager;
+    PolicyThread thread(manager, 3);
+    EXPECT_EQ(thread.run(), 0);
+    setClock(previous);
+    std::vector<std::string> seen;
+    for (int32_t s : thread.starts) seen.push_back(local(s));
+    EXPECT_EQ(seen, c.expected);
+  }
+}
+
+TEST_F(PolicyTest, AChangeOfTheSectionByAnotherProcessReloadsBothPolicies) {
+  // Nothing is armed at first, so the fake clock stands still until the section changes.
+  keys("bEnableRepeat = 0\nnRepeatMinutes = 600\n");
+  policyManger manager;
+  PolicyThread thread(manager, 2);
+  std::atomic<bool> done{false};
+  std::thread editor([this, &thread, &done] {
+    usleep(200000);
+    root->write("/tmp/system.ini.new",
+                "[AutoProvision]\nbEnableRepeat = 1\nnRepeatMinutes = 7\nbEnableWeekly = 1\nstrWeeklyMask = 3\n"
+                "strWeeklyBeginTime = 10:00\nstrWeeklyEndTime = 11:00\n");
+    runCommand("mv '" + root->host("/tmp/system.ini.new") + "' '" + root->host("/config/system/system.ini") + "'");
+    for (int i = 0; i < 1000 && !done; ++i) usleep(10000);
+    if (!done) thread.Quit(1);  // the change was never noticed
+  });
+  const int32_t start = serviceClock().nowSeconds();
+  int code = thread.run(false);
+  done = true;
+  editor.join();
+  ASSERT_EQ(code, 0);
+  ASSERT_EQ(thread.starts.size(), 2u);
+  EXPECT_EQ(thread.starts[0] - start, 7 * 60);
+  EXPECT_EQ(thread.starts[1] - thread.starts[0], 7 * 60);
+  EXPECT_EQ(manager.weekly.mask(), 1u << 3);
+}
+
+}  // namespace
