@@ -137,6 +137,7 @@ const FuzzTarget kFuzzTargets[] = {
     {"text_method", fuzzTextMethod},
     {"translation_table", fuzzTranslationTable},
     {"cipher_file", fuzzCipherFile},
+    {"firmware_header", fuzzFirmwareHeader},
     {nullptr, nullptr},
 };
 

@@ -17,3 +17,6 @@ struct FuzzTarget {
 // Every target, ending with {nullptr, nullptr}.
 extern const FuzzTarget kFuzzTargets[];
 const FuzzTarget* findFuzzTarget(const std::string& name);
+
+// The firmware image header reader (firmwareTargets.cpp).
+void fuzzFirmwareHeader(const uint8_t* data, size_t size);
