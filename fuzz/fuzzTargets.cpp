@@ -140,6 +140,7 @@ const FuzzTarget kFuzzTargets[] = {
     {"sip_message", fuzzSipMessage},
     {"password_file", fuzzPasswordFile},
     {"xml_element_path", fuzzXmlElementPath},
+    {"firmware_header", fuzzFirmwareHeader},
     {nullptr, nullptr},
 };
 

@@ -23,3 +23,5 @@ void fuzzSipMessage(const uint8_t* data, size_t size);
 // resourceTargets.cpp: the web password file reader and the XML element-path editor.
 void fuzzPasswordFile(const uint8_t* data, size_t size);
 void fuzzXmlElementPath(const uint8_t* data, size_t size);
+// The firmware image header reader (firmwareTargets.cpp).
+void fuzzFirmwareHeader(const uint8_t* data, size_t size);

@@ -98,7 +98,7 @@ class httpTransfer {
   httpTransfer(const httpTransfer&) = delete;
   httpTransfer& operator=(const httpTransfer&) = delete;
 
-  bool open(const char* url, int32_t timeoutMs, bool tls);
+  bool open(const char* url, int32_t timeoutMs, bool tls, const std::string& range);
   int read(uint8_t* out, size_t wanted, size_t unit, int32_t timeoutMs);
 
   bool broken = false;
@@ -202,7 +202,7 @@ void httpTransfer::configure(const char* url, int32_t timeoutMs, bool tls) {
 #endif
 }
 
-bool httpTransfer::open(const char* url, int32_t timeoutMs, bool tls) {
+bool httpTransfer::open(const char* url, int32_t timeoutMs, bool tls, const std::string& range) {
   if (!easy_ || !multi_) {
     error = "no HTTP client";
     return false;
@@ -213,6 +213,7 @@ bool httpTransfer::open(const char* url, int32_t timeoutMs, bool tls) {
     return false;
   }
   configure(url, timeoutMs, tls);
+  if (!range.empty()) curl_easy_setopt(easy_, CURLOPT_RANGE, range.c_str());
   if (curl_multi_add_handle(multi_, easy_) != CURLM_OK) {
     error = "cannot start transfer";
     return false;
@@ -304,7 +305,7 @@ int httpFileBase::Open(const char* url, int32_t timeoutMs, bool tls) {
     return 0;
   }
   transfer_ = std::make_unique<httpTransfer>();
-  return transfer_->open(url, timeoutMs < 0 ? 5000 : timeoutMs, tls) ? 1 : 0;
+  return transfer_->open(url, timeoutMs < 0 ? 5000 : timeoutMs, tls, range_) ? 1 : 0;
 }
 
 int httpFileBase::ReadFile(void* buffer, int elementSize, int count, int32_t timeoutMs) {

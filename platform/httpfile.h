@@ -38,12 +38,17 @@ class httpFileBase {
   std::string ErrorText() const;
   // Final HTTP status of the open (0 before any response).
   long ResponseCode() const;
+  // Asks the next open for part of the resource only ("0-339", "1048576-"): firmware checks read a
+  // header without moving the whole image, and a cut transfer resumes where it stopped. A server
+  // may still answer with the whole resource (200 instead of 206); ResponseCode tells which.
+  void SetByteRange(const std::string& range) { range_ = range; }
 
  protected:
   httpFileBase();
   int Open(const char* url, int32_t timeoutMs, bool tls);
   void CloseTransfer();
   std::unique_ptr<httpTransfer> transfer_;
+  std::string range_;
 };
 
 class httpFile : public httpFileBase {

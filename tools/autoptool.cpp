@@ -15,6 +15,10 @@ const autoptoolCommand kCommands[] = {
     {"check", "[--table FILE] CONFIG",
      "dry run: the item each key maps to, and every unknown key (exit 1 when there is one)", autoptoolCheck},
     {"provision", "URL", "one provisioning run against $PROVISOR_ROOT, without the daemon", autoptoolProvision},
+    {"image", "build --key KEY.pem --family F --models M1,M2 --version V PAYLOAD OUT | verify [--key PUB.pem] IMAGE",
+     "make a signed firmware image, or check one (prints its header; exit 1 with the reason)", autoptoolImage},
+    {"safemode-install", "", "the boot loader's safe-mode install: fetch strUpgradeURL, verify, flash",
+     autoptoolSafemodeInstall},
 };
 
 int usage(FILE* out) {

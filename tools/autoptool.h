@@ -19,3 +19,7 @@ int autoptoolDecrypt(int argc, char** argv);
 int autoptoolCheck(int argc, char** argv);
 // autoptool provision URL
 int autoptoolProvision(int argc, char** argv);
+// autoptool image build ... / image verify ...: signed firmware images
+int autoptoolImage(int argc, char** argv);
+// autoptool safemode-install: the boot loader's install after a switch to safe mode
+int autoptoolSafemodeInstall(int argc, char** argv);

@@ -197,9 +197,9 @@ TEST_F(UpgradeTest, UnchangedFilesApplyOnlyResourceAndFirmwareItems) {
   EXPECT_EQ(label(0), "Local");
   EXPECT_TRUE(log.contains("MD5 is same as before! Just upgrade [bin|rom] file !"));
   EXPECT_TRUE(log.contains("***** Upgrade BIN File *****"));      // bin still dispatched
-  EXPECT_TRUE(log.contains("Firmware upgrade not built yet"));     // rom still dispatched, last
+  EXPECT_TRUE(log.contains("***** Upgrade ROM File ***** "));     // rom still dispatched, last
   EXPECT_FALSE(log.contains("***** Upgrade PWD File *****"));      // pwd dropped
-  EXPECT_LT(log.text().find("***** Upgrade BIN File *****"), log.text().find("Firmware upgrade not built yet"));
+  EXPECT_LT(log.text().find("***** Upgrade BIN File *****"), log.text().find("***** Upgrade ROM File ***** "));
 
   // A changed common file applies again and makes the per-device file apply again too.
   root->write("/srv/p/common.cfg", common + "network.mtu = 1300\n");

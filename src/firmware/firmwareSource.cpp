@@ -1,0 +1,106 @@
+#define LOG_MODULE "./src/romInstaller"
+#include "firmwareSource.h"
+
+#include "deviceFamily.h"
+#include "log.h"
+
+namespace {
+
+bool isHttp(const ns_net::autopUrl& url) { return url.scheme == "http" || url.scheme == "https"; }
+
+// Opens an HTTP(S) stream on a byte range and hands it to the download.
+template <class Stream>
+bool openRange(ns_net::fileDownload& download, const ns_net::autopUrl& url, int32_t timeoutMs,
+               const std::string& range, int64_t skipIfWhole) {
+  auto stream = std::make_unique<Stream>();
+  stream->SetByteRange(range);
+  if (!stream->Open(url.ToText(), timeoutMs < 0 ? ns_net::pipeStream::kDefaultTimeoutMs : timeoutMs)) return false;
+  bool whole = stream->ResponseCode() != 206;
+  if (!download.Attach(stream.release())) return false;
+  // A server that ignores the range sends the image from its start again.
+  if (whole && skipIfWhole > 0 && !download.DownloadToNULL(static_cast<int>(skipIfWhole))) {
+    download.Close();
+    return false;
+  }
+  return true;
+}
+
+bool openFrom(ns_net::fileDownload& download, const ns_net::autopUrl& url, int32_t timeoutMs,
+              const std::string& range, int64_t offset) {
+  if (url.scheme == "https") return openRange<ns_net::httpsStream>(download, url, timeoutMs, range, offset);
+  return openRange<ns_net::httpStream>(download, url, timeoutMs, range, offset);
+}
+
+class streamImageSource : public firmwareImageSource {
+ public:
+  // `owned` is used when the source opens its own download; otherwise it reads the caller's.
+  streamImageSource(ns_net::fileDownload* borrowed, const ns_net::autopUrl& url, bool resume, int32_t timeoutMs)
+      : m_download(borrowed ? borrowed : &m_owned), m_url(url), m_resume(resume && isHttp(url)),
+        m_timeoutMs(timeoutMs) {}
+
+  ns_net::fileDownload& download() { return *m_download; }
+
+  int Read(void* buffer, int n) override {
+    auto* out = static_cast<uint8_t*>(buffer);
+    int got = 0;
+    while (got < n) {
+      int r = m_download->IsOpen() ? m_download->Read(out + got, n - got) : 0;
+      got += r;
+      m_offset += r;
+      if (got == n || !resumeAfterBreak()) break;
+    }
+    return got;
+  }
+
+ private:
+  bool resumeAfterBreak() {
+    ns_net::pipeStream* stream = m_download->CurrentStream();
+    if (!m_resume || !stream || !stream->IsBroken() || m_attempts >= kResumeAttempts) return false;
+    ++m_attempts;
+    LOG_WAR("Image transfer broken at %lld bytes, resume %d : %s", static_cast<long long>(m_offset), m_attempts,
+            stream->BrokenReason().c_str());
+    m_download->Close();
+    return openFrom(*m_download, m_url, m_timeoutMs, std::to_string(m_offset) + "-", m_offset);
+  }
+
+  ns_net::fileDownload m_owned;
+  ns_net::fileDownload* m_download;
+  ns_net::autopUrl m_url;
+  bool m_resume;
+  int32_t m_timeoutMs;
+  int64_t m_offset = 0;
+  int m_attempts = 0;
+};
+
+std::unique_ptr<firmwareImageSource> openImage(const std::string& urlText, int32_t timeoutMs, bool headerOnly,
+                                               bool resume, int* status) {
+  ns_net::autopUrl url;
+  if (!url.Parse(urlText) || !url.IsValid()) {
+    if (status) *status = FW_ERR_BAD_URL;
+    return nullptr;
+  }
+  auto source = std::make_unique<streamImageSource>(nullptr, url, resume, timeoutMs);
+  bool opened = isHttp(url) ? openFrom(source->download(), url, timeoutMs,
+                                       headerOnly ? "0-" + std::to_string(kFirmwareHeaderSize - 1) : "", 0)
+                            : source->download().OpenDownloadStream(url, timeoutMs);
+  if (!opened) {
+    if (status) *status = FW_ERR_OPEN;
+    return nullptr;
+  }
+  return source;
+}
+
+}  // namespace
+
+void installFirmwareStreams() {
+  firmwareServices services;
+  services.open = openImage;
+  services.deviceFamily = deviceFamily;
+  firmwareSetServices(services);
+}
+
+std::unique_ptr<firmwareImageSource> downloadImageSource(ns_net::fileDownload& download, const std::string& resumeUrl) {
+  ns_net::autopUrl url;
+  bool resume = !resumeUrl.empty() && url.Parse(resumeUrl) && url.IsValid();
+  return std::make_unique<streamImageSource>(&download, url, resume, -1);
+}

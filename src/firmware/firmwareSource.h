@@ -1,0 +1,25 @@
+// The service's side of the upgrade library's seam: image sources over the service's own download
+// streams, so an image is read by TFTP, FTP, HTTP, HTTPS or from a local file exactly as every other
+// fetch is. The library (platform/firmware.h) only sees bytes.
+//
+// Over HTTP and HTTPS a header check asks for the header bytes alone (a Range request), and a
+// transfer cut short is taken up again from where it stopped with a Range request, up to
+// kResumeAttempts times: firmware images are tens of megabytes and phones sit on slow links.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "fileStream.h"
+#include "firmware.h"
+
+constexpr int kResumeAttempts = 3;
+
+// Installs the opener and the device family into the upgrade library (idempotent). Everything that
+// calls firmware_Upgrade calls this first.
+void installFirmwareStreams();
+
+// A source over a download the caller already opened (the hand-over to the flashing tool); it reads
+// from `download` and, with `resumeUrl` non-empty, resumes a cut HTTP transfer from that URL.
+std::unique_ptr<firmwareImageSource> downloadImageSource(ns_net::fileDownload& download, const std::string& resumeUrl);

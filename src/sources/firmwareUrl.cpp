@@ -1,0 +1,70 @@
+#define LOG_MODULE "./src/autoUpgrade"
+#include "firmwareUrl.h"
+
+#include <algorithm>
+#include <cctype>
+
+#include "autopUrl.h"
+#include "device.h"
+#include "firmware.h"
+#include "firmwareSource.h"
+#include "inifile.h"
+#include "log.h"
+#include "msgqueue.h"
+#include "registry.h"
+
+namespace {
+
+constexpr const char* kSystemIni = "/config/system/system.ini";
+constexpr int32_t kHeaderCheckTimeoutMs = 10000;
+
+std::string lowerExtension(const std::string& name) {
+  size_t dot = name.rfind('.');
+  std::string ext = dot == std::string::npos ? "" : name.substr(dot);
+  std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return static_cast<char>(tolower(c)); });
+  return ext;
+}
+
+// Header check, then the two boot-loader values; 1 when both are in place.
+int switchToSafeMode(const std::string& urlText, const ns_net::autopUrl& url) {
+  LOG_DEB("firmware_Upgrade-verify rom header ...");
+  installFirmwareStreams();
+  int status = firmware_Upgrade(urlText.c_str(), kHeaderCheckTimeoutMs, false, true, false);
+  LOG_DEB("upgrade status = %d", status);
+  if (status < 0) {
+    LOG_ERR("Invalid rom header! status description = %s", firmware_GetStatusName(status));
+    return 0;
+  }
+  if (userenv_set("BOOTMODE", "safemode") != 0) {
+    LOG_ERR("Fail to set user env 'BOOTMODE' to value 'safemode' !");
+    return 0;
+  }
+  if (userenv_set("strUpgradeURL", urlText) != 0) {
+    LOG_ERR("Fail to set user env 'strServerURL' to value '%s' !", url.LogText().c_str());
+    return 0;
+  }
+  msgBroadpostThreadMsg(kMsgSafeModeRebootRequest, 0, 1);
+  LOG_IFO("Set SafeMode Success,Reboot...");
+  return 1;
+}
+
+}  // namespace
+
+std::string tr069RequestFile() {
+  bool macName = brisaGetProfileInt(kSystemIni, "TR069Update", "UseTr069MacCfg", 0) != 0;
+  return (macName ? "/tmp/" : "/tmp/tr069_") + netGetMACText() + ".cfg";
+}
+
+int tr069DownloadRom() {
+  iniFile request;
+  request.LoadFromFile(tr069RequestFile());
+  std::string urlText = request.GetTextValue("firmware", "http_url", "");
+  std::string name = request.GetTextValue("firmware", "firmware_name", "");
+  ns_net::autopUrl url;
+  bool parsed = url.Parse(urlText);
+  LOG_DEB("tr069 strURL=%s", parsed ? url.LogText().c_str() : "");
+  int result = 0;
+  if (lowerExtension(name) == ".rom" && parsed && url.IsValid()) result = switchToSafeMode(urlText, url);
+  msgBroadpostThreadMsg(kMsgTr069RomResult, result ? 1 : 0, 0);
+  return result;
+}

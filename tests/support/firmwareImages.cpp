@@ -1,0 +1,39 @@
+#include "firmwareImages.h"
+
+#include <fstream>
+#include <sstream>
+
+namespace testing_support {
+
+namespace {
+
+const char* kMakeKeys =
+    "openssl genpkey -algorithm ed25519 -out key.pem && openssl pkey -in key.pem -pubout -out pub.pem && "
+    "openssl genpkey -algorithm ed25519 -out foreign.pem";
+
+}  // namespace
+
+FirmwareKit::FirmwareKit(const TempRoot& root) : dir_("fwkit") {
+  ready_ = runCommand("cd '" + dir_.path() + "' && " + kMakeKeys) == 0 &&
+           runCommand("mkdir -p '" + root.host("/phone/keys") + "' && cp '" + dir_.file("pub.pem") + "' '" +
+                      root.host("/phone/keys/firmware.pem") + "'") == 0;
+}
+
+std::string FirmwareKit::image(const std::string& family, const std::string& payload, bool foreignKey) const {
+  dir_.write("payload.bin", payload);
+  std::string key = dir_.file(foreignKey ? "foreign.pem" : "key.pem");
+  std::string out;
+  if (runCommand(buildBinary("autoptool") + " image build --key '" + key + "' --family " + family +
+                     " --models QA5,QE5 --version 2.1.0.7 '" + dir_.file("payload.bin") + "' '" +
+                     dir_.file("image.rom") + "'",
+                 &out) != 0) {
+    ADD_FAILURE() << "image build failed: " << out;
+    return "";
+  }
+  std::ifstream in(dir_.file("image.rom"), std::ios::binary);
+  std::stringstream bytes;
+  bytes << in.rdbuf();
+  return bytes.str();
+}
+
+}  // namespace testing_support

@@ -1,0 +1,133 @@
+// Signed images end to end through the tool: verify, a configuration file with a firmware object
+// for each family served over HTTPS, TFTP and HTTP, and the boot loader's safe-mode install with
+// every refusal leaving the slot as it was.
+#include <gtest/gtest.h>
+
+#include "device.h"
+#include "firmware.h"
+#include "firmwareImages.h"
+
+using namespace testing_support;
+
+namespace {
+
+constexpr const char* kMac = "001565aabbcc";
+
+class AutoptoolImageTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(kit.ready()); }
+  int tool(const std::string& args, std::string* out) {
+    return runCommand("PROVISOR_FAKE_CLOCK=1 PROVISOR_ROOT=" + root.path() + " " + buildBinary("autoptool") + " " +
+                          args,
+                      out);
+  }
+  void device(const std::string& family) {
+    root.write(kHostDeviceIni, std::string("[device]\nmac = ") + kMac + "\nfamily = " + family + "\n");
+  }
+  TempRoot root;
+  FirmwareKit kit{root};
+};
+
+std::string flip(std::string bytes, size_t at) {
+  bytes[at] = static_cast<char>(bytes[at] ^ 0x80);
+  return bytes;
+}
+
+}  // namespace
+
+TEST_F(AutoptoolImageTest, VerifyPrintsTheHeaderAndNamesWhatIsWrong) {
+  std::string image = kit.image("lyra", testBytes(9000, 2));
+  root.write("/good.rom", image);
+  root.write("/payload.rom", flip(image, image.size() - 1));
+  root.write("/foreign.rom", kit.image("lyra", "x", true));
+  std::string key = root.host(kFirmwareKeyPath);
+  std::string out;
+  ASSERT_EQ(tool("image verify --key " + key + " " + root.host("/good.rom"), &out), 0) << out;
+  EXPECT_NE(out.find("family: lyra\nmodels: QA5,QE5\nversion: 2.1.0.7\npayload length: 9000\n"), std::string::npos);
+  EXPECT_EQ(tool("image verify " + root.host("/payload.rom"), &out), 1);
+  EXPECT_NE(out.find("payload digest mismatch"), std::string::npos);
+  EXPECT_EQ(tool("image verify --key " + key + " " + root.host("/foreign.rom"), &out), 1);
+  EXPECT_NE(out.find("bad signature"), std::string::npos);
+}
+
+TEST_F(AutoptoolImageTest, AFirmwareObjectForEachFamilyArrangesTheReboot) {
+  ASSERT_EQ(runCommand("mkdir -p " + root.host("/phone/resource") + " && cp " + PROVISOR_SOURCE_DIR +
+                       "/data/autopTranslator.xml " + root.host("/phone/resource/autopTranslator.xml")),
+            0);
+  TestCa ca("fwca");
+  ASSERT_TRUE(ca.create() && ca.issueServerCertificate("server"));
+  ASSERT_EQ(runCommand("mkdir -p " + root.host("/config/certs/trusted") + " && cp " + ca.caCertificate() + " " +
+                       root.host("/config/certs/trusted/ca.pem")),
+            0);
+  HttpServer http;
+  ASSERT_TRUE(http.start(&ca));
+  TftpServer tftp;
+  ASSERT_TRUE(tftp.start());
+  std::string payload = testBytes(120000, 9);
+  http.put("fw/lyra.rom", kit.image("lyra", payload));
+  tftp.put("fw/duna.rom", kit.image("duna", payload));
+  http.put("fw/orin.rom", kit.image("orin", payload));
+  struct Case {
+    const char* family;
+    std::string config;
+  } cases[] = {
+      {"lyra", "firmware.url = https://127.0.0.1:" + std::to_string(http.tlsPort()) + "/fw/lyra.rom\n"},
+      {"duna", "firmware.server_type = tftp\nfirmware.server_ip = 127.0.0.1\nfirmware.server_port = " +
+                   std::to_string(tftp.port()) + "\nfirmware.firmware_name = fw/duna.rom\n"},
+      {"orin", "firmware.server_type = http\nfirmware.http_url = http://127.0.0.1:" + std::to_string(http.port()) +
+                   "/fw/\nfirmware.firmware_name = orin.rom\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.family);
+    device(c.family);
+    root.write(std::string("/srv/p/") + kMac + ".cfg", "#!version:1.0.0.1\n" + c.config);
+    std::string out;
+    ASSERT_EQ(tool("provision /srv/p/", &out), 0) << out;
+    EXPECT_NE(out.find("an applied setting asks for a reboot"), std::string::npos) << out;
+  }
+  // lyra flashed through its hand-over, duna left the boot loader in safe mode, orin fetches nothing.
+  EXPECT_TRUE(root.read(kFirmwareSlotPath) == payload);
+  EXPECT_EQ(userenv_get("BOOTMODE"), "safemode");
+  EXPECT_EQ(userenv_get("strUpgradeURL"), "tftp://127.0.0.1:" + std::to_string(tftp.port()) + "/fw/duna.rom");
+}
+
+TEST_F(AutoptoolImageTest, SafeModeInstallFlashesOnlyAWholeGoodImageAndAlwaysLeavesSafeMode) {
+  device("duna");
+  HttpServer http;
+  ASSERT_TRUE(http.start());
+  std::string payload = testBytes(150000, 4);
+  std::string good = kit.image("duna", payload);
+  std::string base = "http://127.0.0.1:" + std::to_string(http.port()) + "/";
+  struct Case {
+    const char* what;
+    std::string image, reason;  // reason empty: installed
+  } cases[] = {
+      {"flipped header byte", flip(good, kImageFamilyOffset + 40), "bad signature"},
+      {"flipped signature byte", flip(good, kImageSignatureOffset), "bad signature"},
+      {"flipped payload byte", flip(good, kImageHeaderSize + 7000), "payload digest mismatch"},
+      {"another family", kit.image("lyra", payload), "image for another device family"},
+      {"header cut short", good.substr(0, 300), "header cut short"},
+      {"other key", kit.image("duna", payload, true), "bad signature"},
+      {"payload cut short", good.substr(0, good.size() - 10), "payload cut short"},
+      {"good image", good, ""},
+  };
+  int n = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::string name = "img" + std::to_string(n++) + ".rom";
+    http.put(name, c.image);
+    root.write(kFirmwareSlotPath, "old firmware");
+    root.write(kHostBootEnv, "[env]\nBOOTMODE=safemode\nstrUpgradeURL=" + base + name + "\n");
+    std::string out;
+    int rc = tool("safemode-install", &out);
+    EXPECT_EQ(userenv_get("BOOTMODE"), "");
+    if (c.reason.empty()) {
+      EXPECT_EQ(rc, 0) << out;
+      EXPECT_TRUE(root.read(kFirmwareSlotPath) == payload);
+    } else {
+      EXPECT_EQ(rc, 1);
+      EXPECT_NE(out.find("Safe mode install failed : " + c.reason), std::string::npos) << out;
+      EXPECT_EQ(root.read(kFirmwareSlotPath), "old firmware");
+    }
+  }
+}
