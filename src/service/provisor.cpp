@@ -85,6 +85,8 @@ bool provisorObject::TryThreadMessage(msgObject& msg) {
       return OnReparseConfig(msg);
     case MSG_WEEKLY_CHECK:
       return OnWeeklyCheck(msg);
+    case AP_MSG_CWMP_DOWNLOAD_ROM:
+      return OnCwmpDownloadRom(msg);
     default:
       return false;
   }

@@ -60,6 +60,7 @@ class provisorObject : public chThreadLocal, public autoTimerInc {
   void OnPnpResponse(msgObject& msg) { OnPnpResponseMessage(msg); }
   bool OnStartAutoProvisionUrl(msgObject& msg);
   bool OnWeeklyCheck(msgObject& msg);
+  bool OnCwmpDownloadRom(msgObject& msg);
   int32_t FinishPnpRun(const msgObject& msg, int32_t result);
 
   chStdInput keyboard;

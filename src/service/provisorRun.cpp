@@ -216,6 +216,14 @@ bool provisorObject::OnWeeklyCheck(msgObject&) {
   return true;
 }
 
+// The TR-069 agent's firmware request is no provisioning run: no Begin, no busy wait, no result
+// broadcast. A good image header arms safe mode, and the reboot installs it.
+bool provisorObject::OnCwmpDownloadRom(msgObject&) {
+  LOG_IFO("provisorObject::OnCwmpDownloadRom");
+  if (autoLaunch::tr069Update()) RebootNow();
+  return true;
+}
+
 int provisorObject::AfterAutoProvision(int32_t result) {
   LOG_IFO("Upgrade finished [%s] !", resultWord(result));
   if (runState == 1) runState = 0;

@@ -13,6 +13,7 @@
 #include "autopUrl.h"
 #include "clock.h"
 #include "device.h"
+#include "firmwareUrl.h"
 #include "inifile.h"
 #include "log.h"
 #include "msgqueue.h"
@@ -183,6 +184,8 @@ bool launchUpgradeWithInfo(const AutopInfo* info) {
                                autopInfoText(info->password), true);
   return autoUpgrade::UpgradeFromURL(url, info);
 }
+
+bool tr069Update() { return tr069DownloadRom() != 0; }
 
 bool launchPnpUpgrade() {
   if (zeroTouch()) {

@@ -29,6 +29,8 @@ bool launchPnpUpgrade();
 bool launchDhcpUpgrade(bool waitNetwork);
 // strServerURL with strUserName and strPassword.
 bool launchConfigUrlUpgrade();
+// The firmware image a TR-069 request names: header checked, safe mode armed for the next start.
+bool tr069Update();
 
 // Polls the network state every second for up to two minutes; false when it never came up.
 bool waitNetworkReady();
