@@ -23,6 +23,11 @@ mkdir -p "$1"
 sysroot=$(cd "$1" && pwd)
 work=$sysroot/.apt
 stamp_file=$sysroot/.packages
+# The directory is emptied before a sysroot is made in it: only ever one this script made.
+if [ -n "$(ls -A "$sysroot")" ] && [ ! -d "$work" ]; then
+  echo "$sysroot is not empty and holds no sysroot made here; give an empty or new directory" >&2
+  exit 2
+fi
 
 install_host_tools() {
   local missing=() p
@@ -76,7 +81,7 @@ relativize_links() {
   while IFS= read -r -d '' link; do
     target=$(readlink "$link")
     case $target in
-      /*) ln -sfn "$(realpath -m --relative-to="$(dirname "$link")" "$sysroot$target")" "$link" ;;
+      /*) ln -sfn "$(realpath -m -s --relative-to="$(dirname "$link")" "$sysroot$target")" "$link" ;;
     esac
   done < <(find "$sysroot" -path "$work" -prune -o -type l -print0)
 }
