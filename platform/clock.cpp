@@ -5,9 +5,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+
+#include "timeutil.h"
 
 namespace {
 
@@ -41,7 +44,11 @@ std::atomic<Clock*>& installedClock() {
 
 uint32_t RealClock::tickMs() { return static_cast<uint32_t>(monotonicMs()); }
 
-int32_t RealClock::nowSeconds() { return static_cast<int32_t>(time(nullptr)); }
+int32_t RealClock::nowSeconds() {
+  time_t now = time(nullptr);
+  // -1 is how a 32-bit time() says the clock passed 2038; the calendar stops at its end then.
+  return now == static_cast<time_t>(-1) ? INT32_MAX : calendarSeconds(now, 0);
+}
 
 void RealClock::sleepMs(uint32_t ms) {
   struct timespec ts;

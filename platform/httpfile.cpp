@@ -2,7 +2,6 @@
 #include "httpfile.h"
 
 #include <curl/curl.h>
-#include <dirent.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
@@ -66,14 +65,11 @@ int addCertificateFile(X509_STORE* store, const std::string& file) {
 CURLcode addTrustedCertificates(CURL*, void* sslContext, void*) {
   X509_STORE* store = SSL_CTX_get_cert_store(static_cast<SSL_CTX*>(sslContext));
   std::string dir = hostPath(kTrustedCertDir);
-  DIR* listing = opendir(dir.c_str());
-  if (!listing) return CURLE_OK;
+  std::vector<std::string> names;
+  listDirectoryNames(kTrustedCertDir, names);  // a read error is logged; the certificates before it still count
   std::vector<std::string> files;
-  while (dirent* entry = readdir(listing)) {
-    std::string name = entry->d_name;
+  for (const std::string& name : names)
     if (hasSuffix(name, ".pem") || hasSuffix(name, ".crt")) files.push_back(dir + "/" + name);
-  }
-  closedir(listing);
   std::sort(files.begin(), files.end());
   for (const std::string& file : files) addCertificateFile(store, file);
   return CURLE_OK;

@@ -1,7 +1,6 @@
 #define LOG_MODULE "./platform/msgqueue"
 #include "msgqueue.h"
 
-#include <dirent.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -471,15 +470,11 @@ int32_t msgSendMsgToThreadTimeoutEx(const msgThreadHandle& thread, uint32_t id, 
 
 int msgBroadpostThreadMsg(uint32_t id, uint32_t wParam, uint32_t lParam) {
   int reached = 0;
-  DIR* dir = opendir(queueDirHost().c_str());
-  if (!dir) return 0;
   std::vector<std::string> names;
-  while (struct dirent* entry = readdir(dir)) {
-    if (validThreadName(entry->d_name)) names.push_back(entry->d_name);
-  }
-  closedir(dir);
+  // A read error is logged there; the threads listed before it still get the message.
+  if (listDirectoryNames(kMsgQueueDir, names) == -1) return 0;
   for (const auto& name : names)
-    if (msgPostMsgToThread(name, id, wParam, lParam)) ++reached;
+    if (validThreadName(name) && msgPostMsgToThread(name, id, wParam, lParam)) ++reached;
   return reached;
 }
 

@@ -11,6 +11,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <vector>
 
@@ -158,14 +159,57 @@ FilePtr openFile(const std::string& logicalPath, const char* mode) {
   return FilePtr(fopen(hostPath(logicalPath).c_str(), mode));
 }
 
+namespace {
+
+bool isMissingError(int error) { return error == ENOENT || error == ENOTDIR; }
+
+// stat() of a logical path; a failure other than "no such file" is logged, since it says nothing
+// about whether the file is there.
+int statLogged(const std::string& logicalPath, struct stat& st) {
+  if (stat(hostPath(logicalPath).c_str(), &st) == 0) return 0;
+  int error = errno;
+  if (!isMissingError(error)) LOG_ERR("stat error : %s (%s)", logicalPath.c_str(), strerror(error));
+  return error;
+}
+
+struct DirCloser {
+  void operator()(DIR* d) const {
+    if (d) closedir(d);
+  }
+};
+
+}  // namespace
+
 bool pathFileExist(const std::string& logicalPath) {
   struct stat st;
-  return stat(hostPath(logicalPath).c_str(), &st) == 0;
+  int error = statLogged(logicalPath, st);
+  // A file that cannot be examined is still there: taking it for missing would let callers
+  // replace or skip what they must not.
+  return error == 0 || !isMissingError(error);
 }
 
 bool pathIsDirectory(const std::string& logicalPath) {
   struct stat st;
-  return stat(hostPath(logicalPath).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  return statLogged(logicalPath, st) == 0 && S_ISDIR(st.st_mode);
+}
+
+int64_t pathFileSize(const std::string& logicalPath) {
+  struct stat st;
+  return statLogged(logicalPath, st) == 0 ? static_cast<int64_t>(st.st_size) : -1;
+}
+
+int listDirectoryNames(const std::string& logicalDir, std::vector<std::string>& names) {
+  std::unique_ptr<DIR, DirCloser> listing{opendir(hostPath(logicalDir).c_str())};
+  if (!listing) return -1;
+  for (;;) {
+    errno = 0;  // readdir() returns null both at the end and on an error; only errno tells them apart
+    const dirent* entry = readdir(listing.get());
+    if (!entry) break;
+    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) names.push_back(entry->d_name);
+  }
+  if (errno == 0) return 0;
+  LOG_ERR("readdir error : %s (%s)", logicalDir.c_str(), strerror(errno));
+  return -2;
 }
 
 bool readTextFile(const std::string& logicalPath, std::string& out) {

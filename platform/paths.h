@@ -4,9 +4,11 @@
 // where it touches the file system.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <vector>
 
 // The root all absolute paths live under, without a trailing "/" ("" for the real root).
 const std::string& platformRoot();
@@ -32,8 +34,16 @@ using FilePtr = std::unique_ptr<FILE, FileCloser>;
 // fopen of a logical path.
 FilePtr openFile(const std::string& logicalPath, const char* mode);
 
+// Only "no such file" (ENOENT, ENOTDIR) makes a path missing; any other stat() failure is logged
+// and the path counts as present.
 bool pathFileExist(const std::string& logicalPath);
 bool pathIsDirectory(const std::string& logicalPath);
+// Size in bytes, -1 when it cannot be examined (logged unless the file is missing).
+int64_t pathFileSize(const std::string& logicalPath);
+// Appends the names in a directory ("." and ".." left out). 0 when all were read, -1 when it
+// cannot be opened, -2 when reading stopped on an error (logged): `names` then holds only the
+// entries before it, and the caller must not take them for the whole directory.
+int listDirectoryNames(const std::string& logicalDir, std::vector<std::string>& names);
 // Whole-file read; false when it cannot be opened.
 bool readTextFile(const std::string& logicalPath, std::string& out);
 // Atomic replacement of a file: temporary file beside it, fsync, rename, fsync of the directory.

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <set>
 #include <mutex>
@@ -29,6 +30,9 @@ namespace {
 
 // What identifies one version of a file on disk. An atomic replacement always changes the inode.
 struct DiskStamp {
+  // False when stat() failed for a reason other than a missing file: nothing is known then, and
+  // the cached contents stay rather than being swapped for an empty file.
+  bool known = true;
   bool exists = false;
   dev_t device = 0;
   ino_t inode = 0;
@@ -48,7 +52,13 @@ int64_t nanoseconds(const timespec& t) { return static_cast<int64_t>(t.tv_sec) *
 DiskStamp stampOf(const std::string& hostFile) {
   DiskStamp stamp;
   struct stat st;
-  if (stat(hostFile.c_str(), &st) != 0) return stamp;
+  if (stat(hostFile.c_str(), &st) != 0) {
+    if (errno != ENOENT && errno != ENOTDIR) {
+      LOG_ERR("stat error : %s (%s)", hostFile.c_str(), strerror(errno));
+      stamp.known = false;
+    }
+    return stamp;
+  }
   stamp.exists = true;
   stamp.device = st.st_dev;
   stamp.inode = st.st_ino;
@@ -154,7 +164,7 @@ class RegistryCache {
     if (it == files_.end()) {
       it = files_.emplace(hostFile, CachedFile{}).first;
       load(it->second, hostFile, now);
-    } else if (it->second.pending.empty() && it->second.stamp != now) {
+    } else if (it->second.pending.empty() && now.known && it->second.stamp != now) {
       load(it->second, hostFile, now);
     }
     return it->second;
@@ -164,7 +174,7 @@ class RegistryCache {
     if (entry.pending.empty()) return true;
     // Another process replaced the file since we read it: start from its version and replay ours.
     DiskStamp now = stampOf(hostFile);
-    if (now != entry.stamp) {
+    if (now.known && now != entry.stamp) {
       load(entry, hostFile, now);
       for (const PendingWrite& w : entry.pending) entry.ini.SetTextValue(w.section, w.key, w.value);
     }

@@ -1,5 +1,8 @@
-// Calendar time in the phone's local time zone. Seconds are 32-bit as on the target.
+// Calendar time in the phone's local time zone. Seconds are 32-bit as on the target, whose time_t
+// is 32-bit too: the calendar ends at 2038-01-19 03:14:07 UTC.
 #include "timeutil.h"
+
+#include <cstdint>
 
 #include "clock.h"
 
@@ -18,7 +21,18 @@ chTime::chTime(int year, int month, int day, int hour, int minute, int second) {
   parts.tm_min = minute;
   parts.tm_sec = second;
   parts.tm_isdst = -1;  // let the zone rules decide
-  seconds_ = static_cast<int32_t>(mktime(&parts));
+  seconds_ = calendarSeconds(mktime(&parts), year);
+}
+
+// A date past the end of the 32-bit calendar is its last second: the phone's mktime() answers -1
+// there, a 64-bit host's would wrap to 1901 in the cast; either would put a future date in the
+// past and make every "next time" due at once.
+int32_t calendarSeconds(time_t seconds, int year) {
+  int64_t wide = static_cast<int64_t>(seconds);
+  constexpr int kLastYear = 2038;
+  if ((wide == -1 && year >= kLastYear) || wide > INT32_MAX) return INT32_MAX;
+  if (wide < INT32_MIN) return INT32_MIN;
+  return static_cast<int32_t>(wide);
 }
 
 chTime chTime::Now() { return chTime(serviceClock().nowSeconds()); }

@@ -1,4 +1,6 @@
-// Calendar time of the support library: a point in local time and a span between two.
+// Calendar time of the support library: a point in local time and a span between two. Seconds are
+// int32_t on every build, as the phone's time_t, so the host sees the phone's year-2038 limit:
+// times saturate at 2038-01-19 03:14:07 UTC instead of wrapping to 1901.
 #pragma once
 
 #include <cstdint>
@@ -15,6 +17,10 @@ class chTimeSpan {
  private:
   int32_t seconds_;
 };
+
+// Seconds since the epoch as the calendar keeps them; `year` is the one asked for, which tells the
+// phone's mktime() failure (-1) past the limit from 1969-12-31 23:59:59.
+int32_t calendarSeconds(time_t seconds, int year);
 
 class chTime {
  public:

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Installs the dependencies, builds the project twice (normal, and with AddressSanitizer and
-# UndefinedBehaviorSanitizer) and runs the whole test suite in both builds.
+# Installs the dependencies, builds the project three times (normal; with AddressSanitizer and
+# UndefinedBehaviorSanitizer; cross-built for the phone's 32-bit ARM) and runs the whole test suite
+# in each. The ARM suite runs under the user-mode emulator against a sysroot cached in
+# $ARMHF_SYSROOT (default ~/.cache/provisor/armhf-sysroot); PROVISOR_SKIP_ARMHF=1 leaves it out.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -11,7 +13,9 @@ build_and_test() {
   local dir=$1; shift
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
   cmake --build "$dir" -j "$jobs"
+  local start=$SECONDS
   (cd "$dir" && ctest --output-on-failure -j "$jobs" --timeout 600)
+  echo "-- $dir: tests took $((SECONDS - start)) s"
 }
 
 echo "== normal build =="
@@ -20,3 +24,11 @@ echo "== sanitizer build (ASan + UBSan) =="
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 build_and_test build-asan -DPROVISOR_SANITIZE=ON -DPROVISOR_BENCH=OFF
+unset ASAN_OPTIONS UBSAN_OPTIONS
+if [ "${PROVISOR_SKIP_ARMHF:-0}" != 1 ]; then
+  echo "== 32-bit ARM build under emulation =="
+  sysroot=${ARMHF_SYSROOT:-${XDG_CACHE_HOME:-$HOME/.cache}/provisor/armhf-sysroot}
+  bash scripts/armhf-sysroot.sh "$sysroot"
+  build_and_test build-armhf -DCMAKE_TOOLCHAIN_FILE=cmake/armhf.cmake -DARMHF_SYSROOT="$sysroot" \
+    -DPROVISOR_BENCH=OFF
+fi

@@ -87,7 +87,17 @@ int autoParser::fetchDownloaded() {
     LOG_ERR("Fail to download Autop Config Model !!");
     return kUpdateNotDownloaded;
   }
-  if (written > kMaxConfigFileSize) {
+  return checkDownloadedSize();
+}
+
+// A file whose size cannot be read is not loaded either: it may be any size.
+int autoParser::checkDownloadedSize() {
+  int64_t size = fileSize(kDownloadedConfigPath);
+  if (size < 0) {
+    LOG_ERR("Can't read the size of %s", kDownloadedConfigPath);
+    return kUpdateNotLoadable;
+  }
+  if (size > kMaxConfigFileSize) {
     LOG_ERR("The Model Config File is larger than %d", static_cast<int>(kMaxConfigFileSize));
     return kUpdateNotLoadable;
   }
@@ -106,11 +116,7 @@ int autoParser::fetchPushed() {
   int copied = copyFile(kPushedConfigPath, kDownloadedConfigPath);
   unlink(hostPath(kPushedConfigPath).c_str());
   if (copied != 0) return kUpdateNotDownloaded;
-  if (fileSize(kDownloadedConfigPath) > kMaxConfigFileSize) {
-    LOG_ERR("The Model Config File is larger than %d", static_cast<int>(kMaxConfigFileSize));
-    return kUpdateNotLoadable;
-  }
-  return kUpdateDone;
+  return checkDownloadedSize();
 }
 
 bool autoParser::isPerDeviceFile() const {

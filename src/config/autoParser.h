@@ -61,6 +61,7 @@ class autoParser {
  private:
   int fetchDownloaded();
   int fetchPushed();
+  int checkDownloadedSize();
   int loadModel(const std::string& path);
   bool isPerDeviceFile() const;
   // The MD5 change test; fills the key and digest to store once the file has been applied.

@@ -4,12 +4,13 @@
 #define LOG_MODULE "./src/baseMethod"
 #include "baseMethod.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
+#include <climits>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -28,15 +29,6 @@ constexpr size_t kCopyBuffer = 0x80000;
 constexpr mode_t kDirMode = 0774;
 constexpr int64_t kJffs2Reserve = 65536;
 constexpr long kJffs2Magic = 0x72b6;
-
-struct DirCloser {
-  void operator()(DIR* d) const {
-    if (d) closedir(d);
-  }
-};
-using DirPtr = std::unique_ptr<DIR, DirCloser>;
-
-bool isDotEntry(const char* name) { return strcmp(name, ".") == 0 || strcmp(name, "..") == 0; }
 
 StatfsFunction& statfsFunction() {
   static StatfsFunction function = nullptr;
@@ -96,23 +88,21 @@ int removeTree(const char* dir) {
     LOG_NULL_POINTER();
     return -1;
   }
-  int status = 0;
-  if (DirPtr listing{opendir(hostPath(dir).c_str())}) {
-    while (dirent* entry = readdir(listing.get())) {
-      if (isDotEntry(entry->d_name)) continue;
-      std::string path = std::string(dir) + "/" + entry->d_name;
-      struct stat st;
-      if (lstat(hostPath(path).c_str(), &st) != 0) {
-        LOG_ERR("lstat error");
-        status = -1;
-        continue;
-      }
-      if (S_ISDIR(st.st_mode)) {
-        if (removeTree(path.c_str()) != 0) status = -1;
-      } else if (remove(hostPath(path).c_str()) != 0) {
-        LOG_WAR("Can't remove file [%s]", path.c_str());
-        status = -1;
-      }
+  std::vector<std::string> names;
+  int status = listDirectoryNames(dir, names) == -2 ? -1 : 0;
+  for (const std::string& name : names) {
+    std::string path = std::string(dir) + "/" + name;
+    struct stat st;
+    if (lstat(hostPath(path).c_str(), &st) != 0) {
+      LOG_ERR("lstat error");
+      status = -1;
+      continue;
+    }
+    if (S_ISDIR(st.st_mode)) {
+      if (removeTree(path.c_str()) != 0) status = -1;
+    } else if (remove(hostPath(path).c_str()) != 0) {
+      LOG_WAR("Can't remove file [%s]", path.c_str());
+      status = -1;
     }
   }
   if (remove(hostPath(dir).c_str()) != 0) {
@@ -127,8 +117,7 @@ int64_t fileSize(const char* path) {
     LOG_NULL_POINTER();
     return -1;
   }
-  struct stat st;
-  return stat(hostPath(path).c_str(), &st) == 0 ? static_cast<int64_t>(st.st_size) : -1;
+  return pathFileSize(path);
 }
 
 int makeDirs(const char* path) {
@@ -150,17 +139,21 @@ int listDir(const char* dir, std::vector<std::string>& list) {
     LOG_NULL_POINTER();
     return -1;
   }
-  DirPtr listing{opendir(hostPath(dir).c_str())};
-  if (!listing) return -1;
+  std::vector<std::string> names;
+  // A listing cut short by a read error is no listing: the caller would act on part of it.
+  if (listDirectoryNames(dir, names) != 0) return -1;
   std::string base(dir);
   const char* format = !base.empty() && base.back() == '/' ? "%s%s" : "%s/%s";
   int found = 0;
-  while (dirent* entry = readdir(listing.get())) {
-    if (isDotEntry(entry->d_name)) continue;
+  for (const std::string& name : names) {
     char path[PATH_MAX];
-    snprintf(path, sizeof(path), format, dir, entry->d_name);
+    snprintf(path, sizeof(path), format, dir, name.c_str());
     struct stat st;
-    if (lstat(hostPath(path).c_str(), &st) != 0) continue;
+    if (lstat(hostPath(path).c_str(), &st) != 0) {
+      // Gone since it was listed is fine; anything else is a file we cannot see.
+      if (errno != ENOENT) LOG_ERR("lstat error : %s (%s)", path, strerror(errno));
+      continue;
+    }
     list.push_back(path);
     ++found;
   }
@@ -289,13 +282,13 @@ int killProcesses(const char* const* names, int count, bool keepListed) {
     LOG_NULL_POINTER();
     return -1;
   }
-  DirPtr proc{opendir(hostPath("/proc").c_str())};
-  if (!proc) {
+  std::vector<std::string> entries;
+  int read = listDirectoryNames("/proc", entries);
+  if (read == -1) {
     LOG_ERR("failed to open /proc");
     return kKillNoProc;
   }
-  while (dirent* entry = readdir(proc.get())) {
-    std::string pidText(entry->d_name);
+  for (const std::string& pidText : entries) {
     if (!isNumber(pidText.c_str()) || pidText.empty()) continue;
     long pid = strtol(pidText.c_str(), nullptr, 10);
     if (isProtectedPid(pid)) continue;
@@ -304,7 +297,7 @@ int killProcesses(const char* const* names, int count, bool keepListed) {
     bool listed = isListed(command, names, count) || isListed(kernelName, names, count);
     if (listed != keepListed) killProcess(pid, command.empty() ? kernelName : command);
   }
-  return 0;
+  return read == 0 ? 0 : -1;  // processes past a read error were not seen
 }
 
 // ---- Restart ----

@@ -42,7 +42,8 @@ int32_t sendToTr069(uint32_t id, uint32_t wParam, uint32_t lParam);
 int waitCallEnd();
 
 // Kills the processes named in `names` (or, with keepListed, every process not named there),
-// except this process, its parent and process 1. 0, or -14 when /proc cannot be read.
+// except this process, its parent and process 1. 0, -14 when /proc cannot be opened, -1 when reading it
+// stopped part way (the processes listed before the error were handled).
 constexpr int kKillNoProc = -14;
 int killProcesses(const char* const* names, int count, bool keepListed);
 

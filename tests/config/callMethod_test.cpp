@@ -14,7 +14,7 @@
 #include "registry.h"
 #include "testRoot.h"
 
-using testing_support::buildBinary;
+using testing_support::programCommand;
 using testing_support::LogCapture;
 using testing_support::RootedTest;
 using testing_support::runCommand;
@@ -122,7 +122,7 @@ TEST(TextMethodMessages, ReachAListeningApplication) {
   TempRoot root;
   const std::string output = root.host("/tmp/listen.out");
   const std::string pidFile = root.host("/tmp/listen.pid");
-  ASSERT_EQ(runCommand("'" + buildBinary("msgctl") + "' listen app_listener --reply 42 --count 3 --timeout 20 > '" +
+  ASSERT_EQ(runCommand(programCommand("msgctl") + " listen app_listener --reply 42 --count 3 --timeout 20 > '" +
                        output + "' 2>&1 & echo $! > '" + pidFile + "'"),
             0);
   // Bounded real waits: the listener is another process.

@@ -121,7 +121,7 @@ TEST_F(MsgQueueTest, PostSendAndBroadcastWithinOneProcess) {
 }
 
 TEST_F(MsgQueueTest, ExchangeWithAnotherProcess) {
-  const std::string msgctl = buildBinary("msgctl");
+  const std::string msgctl = programCommand("msgctl");
   // Another process listens as the phone application and answers 5.
   FILE* listener = popen((msgctl + " listen app_vpPhone --reply 5 --count 3 --timeout 20").c_str(), "r");
   ASSERT_NE(listener, nullptr);

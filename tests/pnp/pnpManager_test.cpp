@@ -14,6 +14,7 @@
 #include "registry.h"
 #include "servers.h"
 #include "sipHelper.h"
+#include "launcher.h"
 #include "testRoot.h"
 
 using testing_support::LogCapture;
@@ -31,7 +32,7 @@ void rerunInOwnNetwork() {
   std::string output;
   EXPECT_EQ(0, testing_support::runCommand(
                    std::string(kNetnsMark) + "=1 unshare -n sh -c 'ip link set lo up && ip route add 224.0.0.0/4 "
-                   "dev lo && exec \"$0\" --gtest_filter=\"$1\"' /proc/" + std::to_string(getpid()) + "/exe '" +
+                   "dev lo && exec \"$@\"' sh " + testing_support::selfCommand() + " '--gtest_filter=" +
                    test->test_suite_name() + "." + test->name() + "'", &output))
       << output;
   EXPECT_NE(std::string::npos, output.find("[  PASSED  ] 1 test")) << output;

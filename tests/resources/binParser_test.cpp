@@ -11,6 +11,7 @@
 #include "baseMethod.h"
 #include "certParser.h"
 #include "dsskeyParser.h"
+#include "launcher.h"
 #include "mediaParser.h"
 #include "parserFixture.h"
 
@@ -145,12 +146,10 @@ TEST_F(BinParserTest, SpaceCheckInsideSmallPartition) {
 
 TEST(BinParserSpace, FileLargerThanThePartitionIsRefused) {
   if (geteuid() != 0) GTEST_SKIP() << "mounting a small partition needs root";
-  char self[4096] = {};
-  ASSERT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
   std::string out;
   int status = testing_support::runCommand(
-      std::string("PROVISOR_SMALL_PARTITION=1 unshare -m --propagation private '") + self +
-          "' --gtest_filter=BinParserTest.SpaceCheckInsideSmallPartition",
+      "PROVISOR_SMALL_PARTITION=1 unshare -m --propagation private " + testing_support::selfCommand() +
+          " --gtest_filter=BinParserTest.SpaceCheckInsideSmallPartition",
       &out);
   EXPECT_EQ(status, 0) << out;
   EXPECT_NE(out.find("[  PASSED  ] 1 test"), std::string::npos) << out;

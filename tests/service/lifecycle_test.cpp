@@ -12,6 +12,7 @@
 #include "daemon.h"
 #include "msgqueue.h"
 #include "servers.h"
+#include "launcher.h"
 #include "testRoot.h"
 
 using namespace testing_support;
@@ -57,9 +58,9 @@ class DaemonRunTest : public ::testing::Test {
   }
   // The phone application (answering `talkReply`) and a listener of the broadcasts.
   void startPeers(int talkReply = 1) {
-    ASSERT_TRUE(phone.start({buildBinary("msgctl"), "listen", "app_vpPhone", "--reply", std::to_string(talkReply)},
+    ASSERT_TRUE(phone.start(programArgv("msgctl", {"listen", "app_vpPhone", "--reply", std::to_string(talkReply)}),
                             peers.file("phone.log")));
-    ASSERT_TRUE(screen.start({buildBinary("msgctl"), "listen", "app_vpScreen"}, peers.file("screen.log")));
+    ASSERT_TRUE(screen.start(programArgv("msgctl", {"listen", "app_vpScreen"}), peers.file("screen.log")));
     for (int i = 0; i < 500 && (msgGetThreadByName("app_vpPhone").empty() || msgGetThreadByName("app_vpScreen").empty()); ++i)
       usleep(10000);
   }
@@ -77,7 +78,7 @@ class DaemonRunTest : public ::testing::Test {
   }
   static std::string msgctl(const std::string& args) {
     std::string out;
-    runCommand(buildBinary("msgctl") + " " + args, &out);
+    runCommand(programCommand("msgctl") + " " + args, &out);
     return out;
   }
 
@@ -118,7 +119,7 @@ TEST_F(DaemonRunTest, PowerOnRunPicksItsSourceInOrder) {
     if (strstr(c.dhcpOptions, "43")) store += "43 = " + u43 + "\n";
     root.write("/tmp/valdrun_dhcp_options", store);
     runCommand("rm -f '" + peers.file("screen.log") + "'");
-    screen.start({buildBinary("msgctl"), "listen", "app_vpScreen"}, peers.file("screen.log"));
+    screen.start(programArgv("msgctl", {"listen", "app_vpScreen"}), peers.file("screen.log"));
     for (int i = 0; i < 300 && msgGetThreadByName("app_vpScreen").empty(); ++i) usleep(10000);
 
     DaemonProcess daemon(root.path(), {}, true);
@@ -150,7 +151,7 @@ TEST_F(DaemonRunTest, HexadecimalOptionBecomesDottedDecimal) {
 TEST_F(DaemonRunTest, MessagesBeforeAndAfterTheFirstRun) {
   startPeers();
   ServerProcess pnp;
-  ASSERT_TRUE(pnp.start({buildBinary("msgctl"), "listen", "app_PnpManger"}, peers.file("pnp.log")));
+  ASSERT_TRUE(pnp.start(programArgv("msgctl", {"listen", "app_PnpManger"}), peers.file("pnp.log")));
   for (int i = 0; i < 300 && msgGetThreadByName("app_PnpManger").empty(); ++i) usleep(10000);
   // Plug-and-play on: the daemon waits ten real seconds for the answer before its power-on run.
   systemIni("bEnablePNP = 1\nbEnablePoweron = 0\n");
@@ -237,7 +238,7 @@ TEST_F(DaemonRunTest, ForcedRebootAfterTheRunWithAndWithoutUnregisterDelay) {
     systemIni("", "[sipServerOptions]\nUnregisterOnReboot = " + std::to_string(unregister) + "\n");
     root.write("/host/actions.log", "");
     runCommand("rm -f '" + peers.file("screen.log") + "'");
-    screen.start({buildBinary("msgctl"), "listen", "app_vpScreen"}, peers.file("screen.log"));
+    screen.start(programArgv("msgctl", {"listen", "app_vpScreen"}), peers.file("screen.log"));
     for (int i = 0; i < 300 && msgGetThreadByName("app_vpScreen").empty(); ++i) usleep(10000);
 
     DaemonProcess daemon(root.path(), {"-byzero"}, true);

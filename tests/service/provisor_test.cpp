@@ -15,7 +15,7 @@ namespace {
 
 std::string msgctl(const std::string& args) {
   std::string out;
-  runCommand(buildBinary("msgctl") + " " + args, &out);
+  runCommand(programCommand("msgctl") + " " + args, &out);
   return out;
 }
 
@@ -73,7 +73,7 @@ TEST(Provisor, NormalStartWithTheNetworkUpAsksThePlugAndPlayThread) {
   TempRoot root;
   root.write("/config/system/system.ini", "[AutoProvision]\nbEnablePNP = 1\nstrPNPMulticastIP = 224.0.1.99\n");
   root.write("/host/device.ini", "[device]\nnetwork_state = 2\nmac = 001565aabbcc\nip = 127.0.0.1\n");
-  FILE* pnp = popen((buildBinary("msgctl") + " listen app_PnpManger --count 1 --timeout 20").c_str(), "r");
+  FILE* pnp = popen((programCommand("msgctl") + " listen app_PnpManger --count 1 --timeout 20").c_str(), "r");
   for (int i = 0; i < 300 && msgGetThreadByName("app_PnpManger").empty(); ++i) usleep(10000);
   DaemonProcess daemon(root.path(), {});
   ASSERT_TRUE(daemon.waitReachable());

@@ -6,6 +6,7 @@
 
 #include <csignal>
 
+#include "launcher.h"
 #include "msgqueue.h"
 #include "testRoot.h"
 
@@ -13,7 +14,8 @@ namespace testing_support {
 
 DaemonProcess::DaemonProcess(const std::string& root, const std::vector<std::string>& args, bool fakeClock)
     : logPath_(root + "/daemon.log") {
-  std::string binary = buildBinary("provisor");
+  std::vector<std::string> command = programArgv("provisor");
+  command.insert(command.end(), args.begin(), args.end());
   pid_ = fork();
   if (pid_ == 0) {
     int fd = open(logPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -24,10 +26,9 @@ DaemonProcess::DaemonProcess(const std::string& root, const std::vector<std::str
     setenv("PROVISOR_ROOT", root.c_str(), 1);
     if (fakeClock) setenv("PROVISOR_FAKE_CLOCK", "1", 1);
     std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(binary.c_str()));
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    for (const auto& word : command) argv.push_back(const_cast<char*>(word.c_str()));
     argv.push_back(nullptr);
-    execv(binary.c_str(), argv.data());
+    execv(argv[0], argv.data());
     _exit(127);
   }
 }

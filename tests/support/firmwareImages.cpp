@@ -1,4 +1,5 @@
 #include "firmwareImages.h"
+#include "launcher.h"
 
 #include <fstream>
 #include <sstream>
@@ -23,7 +24,7 @@ std::string FirmwareKit::image(const std::string& family, const std::string& pay
   dir_.write("payload.bin", payload);
   std::string key = dir_.file(foreignKey ? "foreign.pem" : "key.pem");
   std::string out;
-  if (runCommand(buildBinary("autoptool") + " image build --key '" + key + "' --family " + family +
+  if (runCommand(programCommand("autoptool") + " image build --key '" + key + "' --family " + family +
                      " --models QA5,QE5 --version 2.1.0.7 '" + dir_.file("payload.bin") + "' '" +
                      dir_.file("image.rom") + "'",
                  &out) != 0) {

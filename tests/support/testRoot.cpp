@@ -120,8 +120,6 @@ void LogCapture::clear() {
   captured().clear();
 }
 
-std::string buildBinary(const std::string& name) { return std::string(PROVISOR_BUILD_DIR) + "/" + name; }
-
 int runCommand(const std::string& command, std::string* output) {
   std::string full = command + " 2>&1";
   FILE* pipe = popen(full.c_str(), "r");

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "clock.h"
+#include "launcher.h"
 
 namespace testing_support {
 
@@ -56,8 +57,6 @@ class LogCapture {
 
 // The whole contents of a file by its host path ("" when it cannot be read).
 std::string readHostFile(const std::string& path);
-// Path of a binary built by this build (provisor, msgctl, autoptool).
-std::string buildBinary(const std::string& name);
 // Runs a command through /bin/sh, returns its exit status and fills `output` with stdout+stderr.
 int runCommand(const std::string& command, std::string* output = nullptr);
 // A free TCP (or UDP) port on 127.0.0.1.

@@ -8,7 +8,7 @@
 #include "testRoot.h"
 
 using namespace net_test;
-using testing_support::buildBinary;
+using testing_support::programCommand;
 using testing_support::runCommand;
 using testing_support::TempRoot;
 using testing_support::TftpServer;
@@ -16,7 +16,7 @@ using testing_support::TftpServer;
 namespace {
 
 std::string fetchCommand(const std::string& url, const std::string& file) {
-  return "'" + buildBinary("autoptool") + "' fetch '" + url + "' '" + file + "'";
+  return programCommand("autoptool") + " fetch '" + url + "' '" + file + "'";
 }
 
 TEST(AutoptoolFetch, DownloadsAndReportsBytesAndTime) {
@@ -66,7 +66,7 @@ TEST(AutoptoolFetch, FailuresExitWithOneAndTheReason) {
   EXPECT_NE(output.find("fetch failed: transfer broken after 1000 bytes"), std::string::npos) << output;
   EXPECT_EQ(output.find("hidden"), std::string::npos) << "no password in the output";
 
-  EXPECT_NE(runCommand("'" + buildBinary("autoptool") + "' fetch onlyone", &output), 0);
+  EXPECT_NE(runCommand(programCommand("autoptool") + " fetch onlyone", &output), 0);
   EXPECT_NE(output.find("usage: autoptool fetch URL FILE"), std::string::npos);
 }
 

@@ -17,7 +17,7 @@ class AutoptoolImageTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(kit.ready()); }
   int tool(const std::string& args, std::string* out) {
-    return runCommand("PROVISOR_FAKE_CLOCK=1 PROVISOR_ROOT=" + root.path() + " " + buildBinary("autoptool") + " " +
+    return runCommand("PROVISOR_FAKE_CLOCK=1 PROVISOR_ROOT=" + root.path() + " " + programCommand("autoptool") + " " +
                           args,
                       out);
   }

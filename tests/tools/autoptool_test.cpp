@@ -19,7 +19,7 @@ const char* kConfig =
 
 std::string tool(const std::string& args, int* status = nullptr) {
   std::string out;
-  int rc = runCommand(buildBinary("autoptool") + " " + args, &out);
+  int rc = runCommand(programCommand("autoptool") + " " + args, &out);
   if (status) *status = rc;
   return out;
 }
@@ -92,7 +92,7 @@ TEST(Autoptool, ProvisionRunsOneUrlIntoTheSandbox) {
   root.write("/srv/p/001565aabbcc.cfg", kConfig);
   int rc = -1;
   std::string out;
-  ASSERT_EQ(runCommand("PROVISOR_ROOT=" + root.path() + " " + buildBinary("autoptool") + " provision /srv/p/", &out), 0)
+  ASSERT_EQ(runCommand("PROVISOR_ROOT=" + root.path() + " " + programCommand("autoptool") + " provision /srv/p/", &out), 0)
       << out;
   EXPECT_NE(root.read("/config/user/voip/sipAccount0.cfg").find("Label=Reception"), std::string::npos);
   EXPECT_NE(out.find("Warning! Not found item no.such.setting"), std::string::npos);
@@ -107,8 +107,8 @@ TEST(Autoptool, DaemonAppliesAPushedFileOnTheReparseMessage) {
   DaemonProcess daemon(root.path(), {"-byzero"});
   ASSERT_TRUE(daemon.waitReachable());
   std::string out;
-  runCommand(buildBinary("msgctl") + " post provisor 0xa1003 0 0", &out);
-  runCommand(buildBinary("msgctl") + " send provisor 0xa0001 0 0", &out);  // after the push was handled
+  runCommand(programCommand("msgctl") + " post provisor 0xa1003 0 0", &out);
+  runCommand(programCommand("msgctl") + " send provisor 0xa0001 0 0", &out);  // after the push was handled
   EXPECT_EQ(out, "0\n");
   EXPECT_NE(root.read("/config/user/voip/sipAccount0.cfg").find("Label=Reception"), std::string::npos);
   EXPECT_FALSE(root.exists("/tmp/XML.cfg"));  // taken over

@@ -8,6 +8,7 @@
 
 #include "msgqueue.h"
 #include "servers.h"
+#include "launcher.h"
 #include "testRoot.h"
 
 using namespace testing_support;
@@ -17,10 +18,10 @@ TEST(Msgctl, ExtraFileBytesTravelAsTheyAreAndBinaryBlocksPrintInHex) {
   ScratchDir files("msgctl");
   files.write("record.bin", std::string("ab\0\x01\xff", 5));
   files.write("text.bin", "hello");
-  FILE* listener = popen((buildBinary("msgctl") + " listen app_test --count 3 --timeout 20").c_str(), "r");
+  FILE* listener = popen((programCommand("msgctl") + " listen app_test --count 3 --timeout 20").c_str(), "r");
   ASSERT_NE(listener, nullptr);
   for (int i = 0; i < 300 && msgGetThreadByName("app_test").empty(); ++i) usleep(10000);
-  const std::string msgctl = buildBinary("msgctl") + " post app_test 0x42 1 2 ";
+  const std::string msgctl = programCommand("msgctl") + " post app_test 0x42 1 2 ";
   EXPECT_EQ(runCommand(msgctl + "--extra-file '" + files.file("record.bin") + "'"), 0);
   EXPECT_EQ(runCommand(msgctl + "--extra-file '" + files.file("text.bin") + "'"), 0);
   EXPECT_EQ(runCommand(msgctl + "--extra 'a text'"), 0);
