@@ -11,6 +11,7 @@
 #include "device.h"
 #include "firmware.h"
 #include "firmwareImages.h"
+#include "launcher.h"
 #include "msgqueue.h"
 
 using namespace testing_support;
@@ -45,13 +46,13 @@ TEST(CwmpRomDownload, GoodImageRebootsIntoSafeModeAndInstallsIt) {
   // The phone application answers "not in a call", so the reboot is not held back.
   ScratchDir peers("peers");
   ServerProcess phone;
-  ASSERT_TRUE(phone.start({buildBinary("msgctl"), "listen", "app_vpPhone", "--reply", "1"}, peers.file("phone.log")));
+  ASSERT_TRUE(phone.start(programArgv("msgctl", {"listen", "app_vpPhone", "--reply", "1"}), peers.file("phone.log")));
   for (int i = 0; i < 500 && msgGetThreadByName("app_vpPhone").empty(); ++i) usleep(10000);
 
   DaemonProcess daemon(root.path(), {}, true);
   ASSERT_TRUE(daemon.waitReachable()) << daemon.log();
   std::string out;
-  ASSERT_EQ(runCommand(buildBinary("msgctl") + " post provisor 0xb0005", &out), 0) << out;
+  ASSERT_EQ(runCommand(programCommand("msgctl") + " post provisor 0xb0005", &out), 0) << out;
   ASSERT_TRUE(waitForFile(root, kHostActionsLog, "reboot")) << daemon.log();
   EXPECT_EQ(daemon.wait(), 0);  // a recorded reboot ends the process as the restart would
   EXPECT_EQ(userenv_get("BOOTMODE"), "safemode");
@@ -59,7 +60,7 @@ TEST(CwmpRomDownload, GoodImageRebootsIntoSafeModeAndInstallsIt) {
   EXPECT_EQ(root.read(kFirmwareSlotPath), "old firmware");  // nothing flashed before the restart
 
   // The boot loader's turn, in the same root.
-  int rc = runCommand("PROVISOR_FAKE_CLOCK=1 PROVISOR_ROOT=" + root.path() + " " + buildBinary("autoptool") +
+  int rc = runCommand("PROVISOR_FAKE_CLOCK=1 PROVISOR_ROOT=" + root.path() + " " + programCommand("autoptool") +
                           " safemode-install",
                       &out);
   EXPECT_EQ(rc, 0) << out;
