@@ -5,7 +5,10 @@
 #     translate, apply to the INI files; a second run finds both files unchanged (MD5);
 #   - the daemon starts in the sandbox, a stand-in application pushes a file and asks it to apply it;
 #   - the daemon starts in normal mode with the server configured: it provisions by itself at
-#     power-on, and again when the server's file changed and another application asks for a run.
+#     power-on, and again when the server's file changed and another application asks for a run;
+#   - with plug-and-play on, a local sipp answers the phone's multicast SUBSCRIBE with a NOTIFY
+#     naming another directory, and the daemon provisions from it (in a network namespace of its
+#     own, because the phone's SIP ports 5059 and 5060 are fixed).
 # Nothing outside the sandbox is touched; everything is stopped and removed at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -117,6 +120,9 @@ peer_pids="$peer_pids $!"
 sed -i "/^\[AutoProvision\]/a strServerURL = $url\nbEnablePoweron = 1" "$root/config/system/system.ini"
 echo "   configured: strServerURL = $url, bEnablePoweron = 1"
 sed -i 's/^phone_setting.backlight_time = .*/phone_setting.backlight_time = 30/' "$www/prov/common.cfg"
+# A changed network setting restarts the phone after the run (recorded in host/actions.log, the
+# daemon exits); the daemon's runs here leave it out so that the same daemon goes on.
+sed -i '/^network\./d' "$www/prov/common.cfg"
 wait_runs() {  # until the log holds $1 End lines
   for _ in $(seq 300); do
     [ "$(grep -c 'Autoprovision End' "$sandbox/autop2.log" 2>/dev/null)" -ge "$1" ] && return 0
@@ -144,6 +150,84 @@ cat "$root/config/user/user.ini"
 kill -TERM "$daemon_pid"
 wait "$daemon_pid" && echo "daemon ended with status 0"
 daemon_pid=""
+
+echo
+echo "== plug-and-play: a local SIP server names the provisioning directory"
+mkdir -p "$www/pnp"
+cp "$www/prov/"* "$www/pnp/"
+sed -i 's/^phone_setting.backlight_time = .*/phone_setting.backlight_time = 90/' "$www/pnp/common.cfg"
+sed -i '/^bEnablePoweron/d; /^\[AutoProvision\]/a bEnablePNP = 1\nbEnablePoweron = 0' "$root/config/system/system.ini"
+sed "s#^pid .*#pid $sandbox/nginx-pnp.pid;#; s#nginx-\(error\|access\)#nginx-pnp-\1#" \
+  "$sandbox/nginx.conf" > "$sandbox/nginx-pnp.conf"
+cat > "$sandbox/pnp-server.xml" <<XML
+<?xml version="1.0" encoding="ISO-8859-1" ?>
+<scenario name="provisioning server">
+  <recv request="SUBSCRIBE">
+    <action><ereg regexp=".*" search_in="hdr" header="From:" assign_to="phone"/></action>
+  </recv>
+  <send><![CDATA[
+SIP/2.0 200 OK
+[last_Via:]
+[last_From:]
+[last_To:];tag=srv[call_number]
+[last_Call-ID:]
+[last_CSeq:]
+Expires: 0
+Content-Length: 0
+
+]]></send>
+  <send><![CDATA[
+NOTIFY sip:MAC$mac@127.0.0.1:5059 SIP/2.0
+Via: SIP/2.0/UDP 127.0.0.1:5060;branch=[branch]
+From: <sip:provisioning@127.0.0.1>;tag=srv[call_number]
+To: [\$phone]
+Call-ID: [call_id]
+CSeq: 1 NOTIFY
+Max-Forwards: 70
+Event: ua-profile
+Subscription-State: terminated
+Content-Type: application/url
+Content-Length: [len]
+
+http://127.0.0.1:$port/pnp/
+]]></send>
+  <recv response="200"/>
+</scenario>
+XML
+# Everything of this step runs inside the namespace: loopback, the multicast route, a web server
+# publishing the same tree, sipp, the stand-ins and the daemon; all of it ends with the step.
+pnp_step() {
+  set -euo pipefail
+  ip link set lo up
+  ip route add 224.0.0.0/4 dev lo
+  pids=""
+  trap 'for p in $pids; do kill "$p" 2>/dev/null || true; done' EXIT
+  nginx -p "$sandbox" -c "$sandbox/nginx-pnp.conf" -g 'daemon off;' &
+  pids="$pids $!"
+  # sipp listens on every address; a member of the group on loopback lets the SUBSCRIBE reach it.
+  python3 -c 'import socket,time
+s=socket.socket(socket.AF_INET,socket.SOCK_DGRAM)
+s.setsockopt(socket.IPPROTO_IP,socket.IP_ADD_MEMBERSHIP,socket.inet_aton("224.0.1.75")+socket.inet_aton("127.0.0.1"))
+time.sleep(120)' &
+  pids="$pids $!"
+  build/msgctl listen app_vpPhone --reply 1 > "$sandbox/phone-pnp.log" 2>&1 &
+  pids="$pids $!"
+  (cd "$sandbox" && exec sipp -sf pnp-server.xml -i 0.0.0.0 -p 5060 -m 1 -nostdin -timeout 30s \
+    -timeout_error > "$sandbox/sipp.log" 2>&1 </dev/null) &
+  local sipp_pid=$!
+  pids="$pids $sipp_pid"
+  for _ in $(seq 100); do ss -Hlun 'sport = :5060' | grep -q . && curl -fs "http://127.0.0.1:$port/pnp/common.cfg" >/dev/null && break; sleep 0.1; done
+  build/provisor > "$sandbox/autop3.log" 2>&1 &
+  local daemon=$!
+  pids="$pids $daemon"
+  for _ in $(seq 300); do grep -q 'Provisor has done the PNP upgrade' "$sandbox/autop3.log" && break; sleep 0.1; done
+  wait "$sipp_pid" && echo "-- sipp: SUBSCRIBE answered, NOTIFY sent and acknowledged by the phone"
+  grep -E 'PNP Server IP|send SubScribe|URL = PNPManger|Post MSG_RESPOND_URL|Receive Pnp|BackLightTime|Upgrade finished|Autoprovision End|Provisor has done the PNP' "$sandbox/autop3.log"
+  kill -TERM "$daemon"
+  wait "$daemon" && echo "daemon ended with status 0"
+}
+export sandbox port
+unshare -n bash -c "$(declare -f pnp_step); pnp_step"
 
 echo
 echo "demo finished; the sandbox $sandbox is removed"

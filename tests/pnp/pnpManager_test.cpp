@@ -11,6 +11,7 @@
 #include "autopMessages.h"
 #include "msgqueue.h"
 #include "netPeers.h"
+#include "ownNetwork.h"
 #include "registry.h"
 #include "servers.h"
 #include "sipHelper.h"
@@ -21,28 +22,8 @@ using testing_support::LogCapture;
 
 namespace {
 
-constexpr const char* kNetnsMark = "PNP_TEST_IN_NETNS";
 constexpr const char* kGroup = "224.0.1.75";
 constexpr const char* kUrl = "http://127.0.0.1:8080/cfg/";
-
-// Runs the current test again in a new network namespace with loopback up and the multicast range
-// routed over it; the outer run only reports the inner one's result.
-void rerunInOwnNetwork() {
-  const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
-  std::string output;
-  EXPECT_EQ(0, testing_support::runCommand(
-                   std::string(kNetnsMark) + "=1 unshare -n sh -c 'ip link set lo up && ip route add 224.0.0.0/4 "
-                   "dev lo && exec \"$@\"' sh " + testing_support::selfCommand() + " '--gtest_filter=" +
-                   test->test_suite_name() + "." + test->name() + "'", &output))
-      << output;
-  EXPECT_NE(std::string::npos, output.find("[  PASSED  ] 1 test")) << output;
-}
-
-#define PNP_RUN_IN_OWN_NETWORK()                                          \
-  if (!getenv(kNetnsMark)) {                                              \
-    if (geteuid() != 0) GTEST_SKIP() << "a network namespace needs root"; \
-    return rerunInOwnNetwork();                                           \
-  }
 
 // A UDP endpoint on the given port of every address, member of the plug-and-play group on loopback.
 class GroupPeer {
@@ -159,7 +140,7 @@ size_t occurrences(const std::string& text, const std::string& needle) {
 }  // namespace
 
 TEST(PnpDiscovery, SippServerAnswersAndItsUrlReachesTheService) {
-  PNP_RUN_IN_OWN_NETWORK();
+  RUN_IN_OWN_NETWORK();
   testing_support::ScratchDir dir("pnp-sipp");
   dir.write("server.xml", R"(<?xml version="1.0" encoding="ISO-8859-1" ?>
 <scenario name="provisioning server">
@@ -214,7 +195,7 @@ http://127.0.0.1:8080/cfg/
 }
 
 TEST(PnpDiscovery, NoAnswerGivesFourFreshSubscribesAndLateNotifiesAreDropped) {
-  PNP_RUN_IN_OWN_NETWORK();
+  RUN_IN_OWN_NETWORK();
   struct FakeTime {
     FakeClock clock;
     Clock* previous = setClock(&clock);
@@ -258,7 +239,7 @@ TEST(PnpDiscovery, NoAnswerGivesFourFreshSubscribesAndLateNotifiesAreDropped) {
 
 // Only a NOTIFY with a fetchable URL is taken, its retransmission answered alike but not taken again.
 TEST(PnpDiscovery, OneFetchableUrlTakenOnceAmongBadNotifiesAndRetransmissions) {
-  PNP_RUN_IN_OWN_NETWORK();
+  RUN_IN_OWN_NETWORK();
   LogCapture log;
   GroupPeer server(5060);
   Phone phone;
@@ -298,7 +279,7 @@ TEST(PnpDiscovery, OneFetchableUrlTakenOnceAmongBadNotifiesAndRetransmissions) {
 }
 
 TEST(PnpDiscovery, PlugAndPlayOffSendsNothing) {
-  PNP_RUN_IN_OWN_NETWORK();
+  RUN_IN_OWN_NETWORK();
   LogCapture log;
   GroupPeer server(5060);
   Phone phone("bEnablePNP=0\n");

@@ -1,0 +1,127 @@
+// The daemon in normal mode with plug-and-play on, in a network of its own: sipp plays the
+// provisioning server on port 5060, takes the multicast SUBSCRIBE, answers 200 and sends a NOTIFY
+// whose body is the URL of an nginx directory; the daemon provisions from it and tells the
+// discovery thread it is done.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+
+#include "daemon.h"
+#include "ownNetwork.h"
+#include "servers.h"
+#include "testRoot.h"
+
+using namespace testing_support;
+
+namespace {
+
+// The server's answer and NOTIFY; @URL@ is replaced by the directory the phone is sent to.
+const char* kScenario = R"(<?xml version="1.0" encoding="ISO-8859-1" ?>
+<scenario name="provisioning server">
+  <recv request="SUBSCRIBE">
+    <action><ereg regexp=".*" search_in="hdr" header="From:" assign_to="phone"/></action>
+  </recv>
+  <send><![CDATA[
+SIP/2.0 200 OK
+[last_Via:]
+[last_From:]
+[last_To:];tag=srv[call_number]
+[last_Call-ID:]
+[last_CSeq:]
+Expires: 0
+Content-Length: 0
+
+]]></send>
+  <send><![CDATA[
+NOTIFY sip:MAC001565aabbcc@127.0.0.1:5059 SIP/2.0
+Via: SIP/2.0/UDP 127.0.0.1:5060;branch=[branch]
+From: <sip:provisioning@127.0.0.1>;tag=srv[call_number]
+To: [$phone]
+Call-ID: [call_id]
+CSeq: 7 NOTIFY
+Max-Forwards: 70
+Event: ua-profile
+Subscription-State: terminated
+Content-Type: application/url
+Content-Length: [len]
+
+@URL@
+]]></send>
+  <recv response="200"/>
+</scenario>
+)";
+
+const char* kTable = R"XML(<?xml version="1.0"?>
+<autopTranslator><cfg>
+  <object name="marker" path="/config/user/marker.ini" section="Marker"><item name="source" key="From"/></object>
+</cfg></autopTranslator>
+)XML";
+
+// sipp listens on every address; the group must be joined on loopback for the kernel to deliver
+// the phone's multicast SUBSCRIBE to it.
+class GroupMembership {
+ public:
+  GroupMembership() : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
+    ip_mreq group{};
+    group.imr_multiaddr.s_addr = inet_addr("224.0.1.75");
+    group.imr_interface.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(0, setsockopt(fd_, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof(group)));
+  }
+  ~GroupMembership() { close(fd_); }
+
+ private:
+  int fd_;
+};
+
+TEST(DaemonPnpRun, SippAnswerIsProvisionedAndTheManagerToldItIsDone) {
+  RUN_IN_OWN_NETWORK();
+  TempRoot root;
+  HttpServer http;
+  ASSERT_TRUE(http.start());
+  http.put("pnp/common.cfg", "#!version:1.0.0.1\nmarker.source = plug-and-play\n");
+  const std::string url = "http://127.0.0.1:" + std::to_string(http.port()) + "/pnp/";
+  root.write("/phone/resource/autopTranslator.xml", kTable);
+  root.write("/host/device.ini", "[device]\nmac = 001565aabbcc\nip = 127.0.0.1\nnetwork_state = 2\n");
+  root.write("/config/system/system.ini",
+             "[AutoProvision]\nstrCommName = common.cfg\nbEnablePNP = 1\nbEnablePoweron = 0\n");
+
+  ScratchDir peers("pnp-run");
+  std::string scenario = kScenario;
+  scenario.replace(scenario.find("@URL@"), 5, url);
+  peers.write("server.xml", scenario);
+  ServerProcess phone;
+  ASSERT_TRUE(phone.start(programArgv("msgctl", {"listen", "app_vpPhone", "--reply", "1"}), peers.file("phone.log")));
+  GroupMembership membership;
+  int sippStatus = -1;
+  std::string sippOutput;
+  std::thread server([&] {
+    sippStatus = runCommand("sipp -sf '" + peers.file("server.xml") +
+                                "' -i 0.0.0.0 -p 5060 -m 1 -nostdin -timeout 30s -timeout_error -trace_err "
+                                "-error_file '" + peers.file("errors.log") + "' </dev/null",
+                            &sippOutput);
+  });
+  for (int i = 0; i < 1000 && runCommand("ss -Hlun 'sport = :5060' | grep -q .") != 0; ++i) usleep(10000);
+
+  DaemonProcess daemon(root.path(), {});
+  const bool ended = daemon.waitForLog("<<<<<< Autoprovision End >>>>>>", 30000);
+  const bool doneSeen = daemon.waitForLog("Provisor has done the PNP upgrade", 10000);
+  server.join();
+  EXPECT_EQ(daemon.stop(SIGTERM), 0);
+  const std::string log = daemon.log();
+  EXPECT_TRUE(ended) << log;
+  // The discovery thread logs the receipt of AP_MSG_PNP_DONE, which only the URL answer posts.
+  EXPECT_TRUE(doneSeen) << log;
+  EXPECT_NE(log.find("Receive Pnp AutoProvision request !!"), std::string::npos);
+  EXPECT_NE(log.find("Upgrade finished [OK] !"), std::string::npos) << log;
+  ASSERT_TRUE(root.exists("/config/user/marker.ini"));
+  EXPECT_NE(root.read("/config/user/marker.ini").find("From=plug-and-play"), std::string::npos);
+  // sipp ends with 0 only when the phone's 200 answered its NOTIFY.
+  EXPECT_EQ(0, sippStatus) << sippOutput;
+}
+
+}  // namespace

@@ -1,0 +1,39 @@
+// Runs the current test again in a new network namespace with loopback up and the multicast range
+// routed over it, for tests that need the phone's fixed SIP ports (5059, and 5060 on the server's
+// side) or multicast: parallel runs would collide on the host's loopback. The outer run only reports
+// the inner one's result; everything the inner run starts (servers, the daemon) stays in there.
+#pragma once
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "launcher.h"
+#include "testRoot.h"
+
+namespace testing_support {
+
+constexpr const char* kOwnNetworkMark = "PROVISOR_TEST_IN_NETNS";
+
+inline void rerunInOwnNetwork() {
+  const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+  std::string output;
+  EXPECT_EQ(0, runCommand(std::string(kOwnNetworkMark) +
+                              "=1 unshare -n sh -c 'ip link set lo up && ip route add 224.0.0.0/4 "
+                              "dev lo && exec \"$@\"' sh " + selfCommand() + " '--gtest_filter=" +
+                              test->test_suite_name() + "." + test->name() + "'",
+                          &output))
+      << output;
+  EXPECT_NE(std::string::npos, output.find("[  PASSED  ] 1 test")) << output;
+}
+
+}  // namespace testing_support
+
+#define RUN_IN_OWN_NETWORK()                                                \
+  if (!getenv(testing_support::kOwnNetworkMark)) {                          \
+    if (geteuid() != 0) GTEST_SKIP() << "a network namespace needs root";   \
+    return testing_support::rerunInOwnNetwork();                            \
+  }
