@@ -159,41 +159,7 @@ sed -i 's/^phone_setting.backlight_time = .*/phone_setting.backlight_time = 90/'
 sed -i '/^bEnablePoweron/d; /^\[AutoProvision\]/a bEnablePNP = 1\nbEnablePoweron = 0' "$root/config/system/system.ini"
 sed "s#^pid .*#pid $sandbox/nginx-pnp.pid;#; s#nginx-\(error\|access\)#nginx-pnp-\1#" \
   "$sandbox/nginx.conf" > "$sandbox/nginx-pnp.conf"
-cat > "$sandbox/pnp-server.xml" <<XML
-<?xml version="1.0" encoding="ISO-8859-1" ?>
-<scenario name="provisioning server">
-  <recv request="SUBSCRIBE">
-    <action><ereg regexp=".*" search_in="hdr" header="From:" assign_to="phone"/></action>
-  </recv>
-  <send><![CDATA[
-SIP/2.0 200 OK
-[last_Via:]
-[last_From:]
-[last_To:];tag=srv[call_number]
-[last_Call-ID:]
-[last_CSeq:]
-Expires: 0
-Content-Length: 0
-
-]]></send>
-  <send><![CDATA[
-NOTIFY sip:MAC$mac@127.0.0.1:5059 SIP/2.0
-Via: SIP/2.0/UDP 127.0.0.1:5060;branch=[branch]
-From: <sip:provisioning@127.0.0.1>;tag=srv[call_number]
-To: [\$phone]
-Call-ID: [call_id]
-CSeq: 1 NOTIFY
-Max-Forwards: 70
-Event: ua-profile
-Subscription-State: terminated
-Content-Type: application/url
-Content-Length: [len]
-
-http://127.0.0.1:$port/pnp/
-]]></send>
-  <recv response="200"/>
-</scenario>
-XML
+sed "s#@MAC@#$mac#; s#@URL@#http://127.0.0.1:$port/pnp/#" data/sipp/pnp-server.xml > "$sandbox/pnp-server.xml"
 # Everything of this step runs inside the namespace: loopback, the multicast route, a web server
 # publishing the same tree, sipp, the stand-ins and the daemon; all of it ends with the step.
 pnp_step() {

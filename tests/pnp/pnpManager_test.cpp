@@ -142,40 +142,7 @@ size_t occurrences(const std::string& text, const std::string& needle) {
 TEST(PnpDiscovery, SippServerAnswersAndItsUrlReachesTheService) {
   RUN_IN_OWN_NETWORK();
   testing_support::ScratchDir dir("pnp-sipp");
-  dir.write("server.xml", R"(<?xml version="1.0" encoding="ISO-8859-1" ?>
-<scenario name="provisioning server">
-  <recv request="SUBSCRIBE">
-    <action><ereg regexp=".*" search_in="hdr" header="From:" assign_to="phone"/></action>
-  </recv>
-  <send><![CDATA[
-SIP/2.0 200 OK
-[last_Via:]
-[last_From:]
-[last_To:];tag=srv[call_number]
-[last_Call-ID:]
-[last_CSeq:]
-Expires: 0
-Content-Length: 0
-
-]]></send>
-  <send><![CDATA[
-NOTIFY sip:MAC001565aabbcc@127.0.0.1:5059 SIP/2.0
-Via: SIP/2.0/UDP 127.0.0.1:5060;branch=[branch]
-From: <sip:provisioning@127.0.0.1>;tag=srv[call_number]
-To: [$phone]
-Call-ID: [call_id]
-CSeq: 7 NOTIFY
-Max-Forwards: 70
-Event: ua-profile
-Subscription-State: terminated
-Content-Type: application/url
-Content-Length: [len]
-
-http://127.0.0.1:8080/cfg/
-]]></send>
-  <recv response="200"/>
-</scenario>
-)");
+  dir.write("server.xml", testing_support::pnpServerScenario("001565aabbcc", kUrl));
   GroupPeer membership(0);  // the group is joined on loopback; sipp listens on every address
   int status = -1;
   std::string output;

@@ -20,41 +20,6 @@ using namespace testing_support;
 
 namespace {
 
-// The server's answer and NOTIFY; @URL@ is replaced by the directory the phone is sent to.
-const char* kScenario = R"(<?xml version="1.0" encoding="ISO-8859-1" ?>
-<scenario name="provisioning server">
-  <recv request="SUBSCRIBE">
-    <action><ereg regexp=".*" search_in="hdr" header="From:" assign_to="phone"/></action>
-  </recv>
-  <send><![CDATA[
-SIP/2.0 200 OK
-[last_Via:]
-[last_From:]
-[last_To:];tag=srv[call_number]
-[last_Call-ID:]
-[last_CSeq:]
-Expires: 0
-Content-Length: 0
-
-]]></send>
-  <send><![CDATA[
-NOTIFY sip:MAC001565aabbcc@127.0.0.1:5059 SIP/2.0
-Via: SIP/2.0/UDP 127.0.0.1:5060;branch=[branch]
-From: <sip:provisioning@127.0.0.1>;tag=srv[call_number]
-To: [$phone]
-Call-ID: [call_id]
-CSeq: 7 NOTIFY
-Max-Forwards: 70
-Event: ua-profile
-Subscription-State: terminated
-Content-Type: application/url
-Content-Length: [len]
-
-@URL@
-]]></send>
-  <recv response="200"/>
-</scenario>
-)";
 
 const char* kTable = R"XML(<?xml version="1.0"?>
 <autopTranslator><cfg>
@@ -91,9 +56,7 @@ TEST(DaemonPnpRun, SippAnswerIsProvisionedAndTheManagerToldItIsDone) {
              "[AutoProvision]\nstrCommName = common.cfg\nbEnablePNP = 1\nbEnablePoweron = 0\n");
 
   ScratchDir peers("pnp-run");
-  std::string scenario = kScenario;
-  scenario.replace(scenario.find("@URL@"), 5, url);
-  peers.write("server.xml", scenario);
+  peers.write("server.xml", pnpServerScenario("001565aabbcc", url));
   ServerProcess phone;
   ASSERT_TRUE(phone.start(programArgv("msgctl", {"listen", "app_vpPhone", "--reply", "1"}), peers.file("phone.log")));
   GroupMembership membership;

@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -28,6 +30,18 @@ inline void rerunInOwnNetwork() {
                           &output))
       << output;
   EXPECT_NE(std::string::npos, output.find("[  PASSED  ] 1 test")) << output;
+}
+
+// The plug-and-play server that sipp plays (data/sipp/pnp-server.xml), sending `url` to the phone
+// whose MAC text is `mac`.
+inline std::string pnpServerScenario(const std::string& mac, const std::string& url) {
+  std::ifstream in(std::string(PROVISOR_SOURCE_DIR) + "/data/sipp/pnp-server.xml");
+  std::stringstream text;
+  text << in.rdbuf();
+  std::string scenario = text.str();
+  for (const auto& [mark, value] : {std::pair<std::string, std::string>{"@MAC@", mac}, {"@URL@", url}})
+    for (size_t at; (at = scenario.find(mark)) != std::string::npos;) scenario.replace(at, mark.size(), value);
+  return scenario;
 }
 
 }  // namespace testing_support
