@@ -25,24 +25,8 @@ head -c $((32 * 1024 * 1024)) /dev/urandom >"$work/payload.bin"
   "$work/payload.bin" "$work/www/fw.rom"
 chmod 644 "$work/www/fw.rom"
 
-http_port=$(free_port)
-cat >"$work/nginx.conf" <<EOF
-master_process off;
-error_log $work/error.log;
-pid $work/nginx.pid;
-events { worker_connections 64; }
-http {
-  log_format sent '\$body_bytes_sent';
-  access_log $work/access.log sent;
-  client_body_temp_path $work/body;
-  proxy_temp_path $work/proxy;
-  fastcgi_temp_path $work/fastcgi;
-  default_type application/octet-stream;
-  server { listen 127.0.0.1:$http_port; root $work/www; }
-}
-EOF
-/usr/sbin/nginx -p "$work" -c "$work/nginx.conf" -g 'daemon off;' >"$work/nginx.out" 2>&1 &
-pids+=($!)
+start_nginx "log_format sent '\$body_bytes_sent';
+  access_log $work/access.log sent;"
 wait_port "$http_port" || { echo "nginx did not start" >&2; exit 1; }
 url="http://127.0.0.1:$http_port/fw.rom"
 

@@ -45,23 +45,7 @@ mkdir -p /var/run/vsftpd/empty
 /usr/sbin/vsftpd "$work/vsftpd.conf" >"$work/vsftpd.log" 2>&1 &
 pids+=($!)
 
-http_port=$(free_port)
-cat >"$work/nginx.conf" <<EOF
-master_process off;
-error_log $work/error.log;
-pid $work/nginx.pid;
-events { worker_connections 64; }
-http {
-  access_log off;
-  client_body_temp_path $work/body;
-  proxy_temp_path $work/proxy;
-  fastcgi_temp_path $work/fastcgi;
-  default_type application/octet-stream;
-  server { listen 127.0.0.1:$http_port; root $work/www; }
-}
-EOF
-/usr/sbin/nginx -p "$work" -c "$work/nginx.conf" -g 'daemon off;' >"$work/nginx.out" 2>&1 &
-pids+=($!)
+start_nginx "access_log off;"
 
 wait_port "$ftp_port" && wait_port "$http_port" || { echo "servers did not start" >&2; exit 1; }
 sleep 0.2
