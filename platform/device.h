@@ -9,6 +9,8 @@
 
 constexpr const char* kHostDeviceIni = "/host/device.ini";
 
+// The network state: kNetworkUp (2) when the phone can reach a server.
+constexpr int32_t kNetworkUp = 2;
 int32_t netGetNetworkSta();
 int32_t netGetNetworkType();
 std::string netGetMACText();

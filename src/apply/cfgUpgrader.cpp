@@ -1,5 +1,6 @@
 #define LOG_MODULE "./src/fileUpgrader"
 #include "cfgUpgrader.h"
+#include "autopSettings.h"
 
 #include <crypt.h>
 #include <strings.h>
@@ -23,7 +24,6 @@ constexpr const char* kCustomMacFile = "/tmp/autop_tmp_config.cfg";
 constexpr const char* kRandomKeyFile = "/phone/config/ADVnumber.cfg";
 constexpr const char* kRandomKeySection = "sn";
 constexpr size_t kRandomKeyLength = 16;
-constexpr const char* kSystemIni = "/config/system/system.ini";
 constexpr const char* kSipAccountPrefix = "/config/user/voip/sipAccount";
 constexpr const char* kUserIni = "/config/user/user.ini";
 // The LimitIP value is compared as read into a 256-byte buffer.

@@ -1,5 +1,6 @@
 #define LOG_MODULE "./src/autoParser"
 #include "autoParser.h"
+#include "autopSettings.h"
 
 #include <unistd.h>
 
@@ -18,7 +19,6 @@
 
 namespace {
 
-constexpr const char* kSystemIni = "/config/system/system.ini";
 constexpr const char* kDigestSection = "OLD_VER";
 constexpr const char* kCommonDigestKey = "MD5_CFG";
 constexpr const char* kDeviceDigestKey = "MD5_MAC_CFG";

@@ -1,5 +1,6 @@
 #define LOG_MODULE "./src/autoParser"
 #include "autoParserCrypt.h"
+#include "autopSettings.h"
 
 #include <openssl/evp.h>
 #include <unistd.h>
@@ -15,9 +16,7 @@
 
 namespace {
 
-constexpr const char* kSystemIni = "/config/system/system.ini";
 constexpr const char* kUserIni = "/config/user/user.ini";
-constexpr const char* kSection = "AutoProvision";
 constexpr size_t kSniffBytes = 23;
 constexpr size_t kSniffExamined = 20;
 constexpr size_t kBlock = 16;
@@ -37,7 +36,7 @@ bool isBuiltInOrEmpty(const std::string& key) { return key.empty() || key == kBu
 
 // A configured key; the factory default (the built-in key text) when the configuration holds none.
 std::string configured(const char* key) {
-  return brisaGetProfileString(kSystemIni, kSection, key, kBuiltInAesKeyText);
+  return brisaGetProfileString(kSystemIni, kAutoProvisionSection, key, kBuiltInAesKeyText);
 }
 
 // A key that may be stored in the platform's protected form, as plain text when it is.
@@ -108,7 +107,7 @@ bool looksEncrypted(const std::string& path) {
 }
 
 bool plainFilesAllowed() {
-  if (brisaGetProfileInt(kSystemIni, kSection, "UpdateFileMode", 0) == 0) return true;
+  if (brisaGetProfileInt(kSystemIni, kAutoProvisionSection, "UpdateFileMode", 0) == 0) return true;
   std::string key = configured("strKeyAES16MAC");
   if (isBuiltInOrEmpty(key)) key = configured("strKeyAES16");
   return isBuiltInOrEmpty(key);
@@ -152,7 +151,7 @@ bool selectAesKey(bool perDevice, const AesKeySources& sources, AesKey& key) {
       LOG_IFO("Use Config COM AES KEY");
       text = configured("strKeyAES16");
     }
-  } else if (brisaGetProfileInt(kSystemIni, kSection, "use_build_in_aes_key_16_mac", 0) != 0) {
+  } else if (brisaGetProfileInt(kSystemIni, kAutoProvisionSection, "use_build_in_aes_key_16_mac", 0) != 0) {
     LOG_IFO("Use build in aes key");
     key = derivedDeviceKey(netGetMACText());
     return true;

@@ -1,5 +1,6 @@
 #define LOG_MODULE "./src/sipHelper"
 #include "sipHelper.h"
+#include "autopSettings.h"
 
 #include <cstdio>
 #include <functional>
@@ -15,8 +16,6 @@
 
 namespace {
 
-constexpr const char* kSystemIni = "/config/system/system.ini";
-constexpr const char* kAutoProvision = "AutoProvision";
 constexpr const char* kVersionFile = "/phone/version";
 constexpr const char* kSipAccountFile = "/config/user/voip/sipAccount0.cfg";
 constexpr const char* kHwVersionFile = "/proc/hwversion";
@@ -24,7 +23,6 @@ constexpr const char* kDefaultDomain = "224.0.1.75";
 constexpr const char* kDefaultVendor = "Valdrun";
 constexpr const char* kDefaultEventModel = "DUNA-PH";
 constexpr const char* kGenericModelName = "VideoPhone";
-constexpr int32_t kNetworkUp = 2;
 constexpr uint64_t kRequestIntervalMs = 1000;
 constexpr uint64_t kLastRequestCounter = 3000;
 constexpr uint64_t kMonitorIntervalMs = 300;
@@ -168,7 +166,7 @@ void PNPManger::OnThreadStart() { OpenSocket(); }
 bool PNPManger::OpenSocket() {
   if (socket_.handle() != ns_net::INVALID_SOCKET) return true;
   const char* reason = nullptr;
-  if (brisaGetProfileInt(kSystemIni, kAutoProvision, "bEnablePNP", 0) == 0)
+  if (brisaGetProfileInt(kSystemIni, kAutoProvisionSection, "bEnablePNP", 0) == 0)
     reason = "PNP CLOSED";
   else if (netGetNetworkSta() != kNetworkUp)
     reason = "NET UNAVAIL";
@@ -209,7 +207,7 @@ void PNPManger::SendRequest() {
   // The link may have come up since the thread started.
   if (!OpenSocket()) {
     LOG_DEB("PNP Socket invalid,EnablePnp=%d,PnpPort=%d,socket=%d",
-            brisaGetProfileInt(kSystemIni, kAutoProvision, "bEnablePNP", 0), kPnpPort, socket_.handle());
+            brisaGetProfileInt(kSystemIni, kAutoProvisionSection, "bEnablePNP", 0), kPnpPort, socket_.handle());
     return;
   }
   LOG_IFO("Requset PNP URL (%s)", requestTarget_.c_str());
@@ -229,12 +227,12 @@ std::string PNPManger::BuildSubscribe() {
   const std::string ip = netGetLocalIP();
   const std::string hostPort = ip + ":" + std::to_string(kPnpPort);
   const std::string domain =
-      headerSafe(brisaGetProfileString(kSystemIni, kAutoProvision, "PNPDomainName", kDefaultDomain), false);
+      headerSafe(brisaGetProfileString(kSystemIni, kAutoProvisionSection, "PNPDomainName", kDefaultDomain), false);
   const std::string firmware = brisaGetProfileString(kVersionFile, "version", "FIRMWARE_VERSION", "");
-  const std::string vendor = brisaGetProfileString(kSystemIni, kAutoProvision, "PNPEventVendor", kDefaultVendor);
+  const std::string vendor = brisaGetProfileString(kSystemIni, kAutoProvisionSection, "PNPEventVendor", kDefaultVendor);
   std::string model = brisaGetProfileString(kVersionFile, "version", "modelName", kGenericModelName);
   if (model.empty() || model == kGenericModelName)
-    model = brisaGetProfileString(kSystemIni, kAutoProvision, "PNPEventModel", kDefaultEventModel);
+    model = brisaGetProfileString(kSystemIni, kAutoProvisionSection, "PNPEventModel", kDefaultEventModel);
   LOG_IFO("EventVendor = %s, EventModel = %s", vendor.c_str(), model.c_str());
 
   std::string userAgent = brisaGetProfileString(kSipAccountFile, "General", "UserAgent", "");
@@ -302,7 +300,7 @@ void PNPManger::HandleDatagram(const ns_net::netAddress& from) {
 }
 
 void PNPManger::HandleNotify(const sipMessage& notify, const ns_net::netAddress& from, size_t size) {
-  if (brisaGetProfileInt(kSystemIni, kAutoProvision, "PNPOutDialogMSGEnable", 1) == 0) {
+  if (brisaGetProfileInt(kSystemIni, kAutoProvisionSection, "PNPOutDialogMSGEnable", 1) == 0) {
     LOG_DEB("HandleNoDialogMSG is 0");
     if (notify.callId() != lastCallId_) {
       LOG_WAR("Call-ID is not same as SubScribe!Do not Autop!");

@@ -1,5 +1,6 @@
 #define LOG_MODULE "./src/autoPolicy"
 #include "autoPolicy.h"
+#include "autopSettings.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -11,8 +12,6 @@
 
 namespace {
 
-constexpr const char* kSystemIni = "/config/system/system.ini";
-constexpr const char* kSection = "AutoProvision";
 constexpr int32_t kSecondsPerDay = 86400;
 constexpr int kWeeklyCandidates = 8;
 
@@ -113,10 +112,10 @@ policyManger::~policyManger() { Stop(); }
 
 void policyManger::Start() {
   started_ = true;
-  monitorId_ = registryMonitorSection(kSystemIni, kSection, [this](const REGHANDLE& handle) {
+  monitorId_ = registryMonitorSection(kSystemIni, kAutoProvisionSection, [this](const REGHANDLE& handle) {
     OnSectionChanged(handle);
   });
-  REGHANDLE handle = registryOpen(kSystemIni, kSection);
+  REGHANDLE handle = registryOpen(kSystemIni, kAutoProvisionSection);
   repeat.Load(handle);
   weekly.Load(handle);
 }
@@ -136,7 +135,7 @@ int policyManger::OnSectionChanged(const REGHANDLE& handle) {
 }
 
 void policyManger::ReloadRepeat() {
-  if (started_) repeat.Load(registryOpen(kSystemIni, kSection));
+  if (started_) repeat.Load(registryOpen(kSystemIni, kAutoProvisionSection));
 }
 
 bool policyManger::OnTimerMessage(const msgObject& msg) {

@@ -1,5 +1,6 @@
 #define LOG_MODULE "./src/provisor"
 #include "provisor.h"
+#include "autopSettings.h"
 
 #include <csignal>
 #include <cstdio>
@@ -27,11 +28,8 @@ constexpr const char* kMainModule = "./src/main";
 constexpr const char* kVersion = "3.0.0.80";
 constexpr const char* kBuildDate = "Oct 17 2012";
 constexpr const char* kBuildTime = "14:27:42";
-constexpr const char* kSystemIni = "/config/system/system.ini";
-constexpr const char* kAutoProvisionSection = "AutoProvision";
 constexpr const char* kDefaultHostName = "ORIN-PH";
 constexpr const char* kDefaultPnpMulticast = "224.0.1.75";
-constexpr int32_t kNetworkUp = 2;
 constexpr int32_t kNetworkWaitSeconds = 30;
 constexpr uint64_t kConsoleKeyPollMs = 100;
 constexpr int32_t kPnpWaitMs = 10000;

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "autoLaunch.h"
+#include "autopSettings.h"
 #include "autopMessages.h"
 #include "baseMethod.h"
 #include "callMethod.h"
@@ -18,7 +19,6 @@
 
 namespace {
 
-constexpr const char* kSystemIni = "/config/system/system.ini";
 constexpr int32_t kTalkBudgetSeconds = 3600;
 constexpr int32_t kRunTalkStepSeconds = 60;
 constexpr int32_t kRebootTalkStepSeconds = 5;

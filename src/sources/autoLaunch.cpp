@@ -1,5 +1,6 @@
 #define LOG_MODULE "./src/autoUpgrade"
 #include "autoLaunch.h"
+#include "autopSettings.h"
 
 #include <arpa/inet.h>
 
@@ -22,13 +23,10 @@
 namespace autoLaunch {
 namespace {
 
-constexpr const char* kSystemIni = "/config/system/system.ini";
-constexpr const char* kSection = "AutoProvision";
 constexpr const char* kDhcpOptionStore = "/tmp/valdrun_dhcp_options";
 constexpr const char* kDhcpSection = "DHCP";
 constexpr const char* kDefaultSystemOptions = "66,43";
 constexpr const char* kDefaultPnpMulticast = "224.0.1.75";
-constexpr int32_t kNetworkReady = 2;
 constexpr int32_t kWiredNetwork = 0;
 constexpr uint32_t kNetworkPollMs = 1000;
 constexpr uint32_t kNetworkWaitMs = 120000;
@@ -41,10 +39,10 @@ bool zeroTouch() { return g_zeroTouch && *g_zeroTouch; }
 bool powerOnMarkSet() { return g_powerOnState && *g_powerOnState != 0; }
 
 std::string setting(const char* key, const char* defaultValue = "") {
-  return brisaGetProfileString(kSystemIni, kSection, key, defaultValue);
+  return brisaGetProfileString(kSystemIni, kAutoProvisionSection, key, defaultValue);
 }
 int32_t settingInt(const char* key, int32_t defaultValue) {
-  return brisaGetProfileInt(kSystemIni, kSection, key, defaultValue);
+  return brisaGetProfileInt(kSystemIni, kAutoProvisionSection, key, defaultValue);
 }
 
 // At power-on the configured server is used only when bEnablePoweron allows it.
@@ -90,7 +88,7 @@ void bindServiceState(const int32_t* powerOnState, const int32_t* zeroTouchFlag)
 bool waitNetworkReady() {
   for (uint32_t waited = 0;; waited += kNetworkPollMs) {
     LOG_IFO("Wait network done to upgrade");
-    if (netGetNetworkSta() == kNetworkReady) return true;
+    if (netGetNetworkSta() == kNetworkUp) return true;
     if (waited >= kNetworkWaitMs) break;
     brisaSleep(kNetworkPollMs);
   }

@@ -1,5 +1,6 @@
 #define LOG_MODULE "./src/autoUpgrade"
 #include "firmwareUrl.h"
+#include "autopSettings.h"
 
 #include <algorithm>
 #include <cctype>
@@ -15,7 +16,6 @@
 
 namespace {
 
-constexpr const char* kSystemIni = "/config/system/system.ini";
 constexpr int32_t kHeaderCheckTimeoutMs = 10000;
 
 std::string lowerExtension(const std::string& name) {
