@@ -99,7 +99,7 @@ bool saveDocument(const XMLDocument& document, const std::string& destination) {
 
 bool loadDocument(XMLDocument& document, const std::string& path) {
   std::string text;
-  return readTextFile(path, text) && document.Parse(text.data(), text.size()) == tinyxml2::XML_SUCCESS;
+  return readTextFile(path, text) && xmlParseDocument(document, text);
 }
 
 // Loads a rule file, starting a new one with `root` when it is missing, corrupt or has no `root`.
@@ -120,6 +120,16 @@ std::string upper(std::string text) {
 }
 
 }  // namespace
+
+bool xmlParseDocument(XMLDocument& document, const std::string& text) {
+  if (document.Parse(text.data(), text.size()) != tinyxml2::XML_SUCCESS) return false;
+  // The parser takes text beside the root element, but prints it back in a form it refuses: such a
+  // file, once edited, could never be read again.
+  for (const tinyxml2::XMLNode* node = document.FirstChild(); node; node = node->NextSibling()) {
+    if (node->ToText()) return false;
+  }
+  return true;
+}
 
 XMLElement* xmlElementByPath(XMLDocument& document, const std::string& path) {
   // The whole path is checked before anything is created, so a refused path leaves no trace.
