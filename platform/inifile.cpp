@@ -37,9 +37,14 @@ std::string singleLine(const std::string& text) {
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
 // Already what trim(singleLine(text)) would make of it: the usual case, which needs no copy.
+bool hasLineBreak(const std::string& text) {
+  for (char c : text)
+    if (c == '\r' || c == '\n') return true;
+  return false;
+}
+
 bool isCleanText(const std::string& text) {
-  return text.find_first_of("\r\n") == std::string::npos &&
-         (text.empty() || (!isBlank(text.front()) && !isBlank(text.back())));
+  return !hasLineBreak(text) && (text.empty() || (!isBlank(text.front()) && !isBlank(text.back())));
 }
 
 bool isWritableKey(const std::string& key) {
@@ -135,7 +140,7 @@ void iniFile::SetTextValue(const std::string& section, const std::string& key, c
   if (!isWritableKey(key)) return;
   iniSection& target = isCleanText(section) ? sectionFor(section) : sectionFor(sectionNameOf(section));
   if (iniKey* entry = target.find(key)) {
-    if (value.find_first_of("\r\n") == std::string::npos)
+    if (!hasLineBreak(value))
       entry->value = value;
     else
       entry->value = singleLine(value);
@@ -148,7 +153,9 @@ void iniFile::SetTextValue(const std::string& section, const std::string& key, c
   target.keys.insert(insertAt, iniKey{key, singleLine(value)});
 }
 
-std::string iniFile::sectionNameOf(const std::string& section) { return trim(singleLine(section)); }
+std::string iniFile::sectionNameOf(const std::string& section) {
+  return isCleanText(section) ? section : trim(singleLine(section));
+}
 
 bool iniFile::RemoveKey(const std::string& section, const std::string& key) {
   for (iniSection& candidate : sections_) {

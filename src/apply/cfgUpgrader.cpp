@@ -176,9 +176,8 @@ int autoCfgUpgrader::upgrade(autopItemList& items) {
   LOG_IFO("***** Upgrade CFG File ***** ");
   if (items.empty()) return 0;
   std::unique_ptr<autoConfigSection> handle;
-  bool opened = false;
-  std::string openPath;
-  std::string openSection;
+  // The item whose file and section are open: compared in place rather than copied for each item.
+  const autopItem* opened = nullptr;
   int anySet = 0;
   for (auto& slot : items) {
     autopItem* item = slot.get();
@@ -190,13 +189,11 @@ int autoCfgUpgrader::upgrade(autopItemList& items) {
     if (!opened) {
       LOG_DEB("--- Open File [%s]", item->path.c_str());
       handle = m_store.open(item->path, item->section);
-      opened = true;
-    } else if (item->path != openPath || item->section != openSection) {
+    } else if (item->path != opened->path || item->section != opened->section) {
       if (handle) handle->flush();
       handle = m_store.open(item->path, item->section);
     }
-    openPath = item->path;
-    openSection = item->section;
+    opened = item;
     if (!handle) {
       LOG_NULL_POINTER();
       continue;
