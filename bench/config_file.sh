@@ -4,8 +4,9 @@
 # over 20 INI files, each key's file another than the key before: the worst interleaving) and one of
 # about 200 KiB. Beside every run, in the same loop, the log floor: bench_log_floor writing the run's
 # captured log again, line for line, through the same logger (one write and flush per record).
-# Prints wall time and peak RSS (GNU time) of both, best of $RUNS (default 3), and their ratio.
-# CALLGRIND=1 adds the instruction counts of one run and its floor (slow: minutes).
+# Prints wall time, processor time (user + system) and peak RSS (GNU time) of both, best of $RUNS
+# (default 3), and the ratios. On a shared machine the wall time swings with the other load: the
+# processor time, and the instruction counts that CALLGRIND=1 adds (slow: minutes), swing less.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=build-bench
@@ -54,12 +55,12 @@ fresh_root() {
   cp "$work/$1.cfg" "$work/root/srv/bench.cfg"
 }
 
-# "<seconds> <peak KiB>" of one command, its standard output into $1.
+# "<wall s> <peak KiB> <processor s>" of one command, its standard output into $1.
 timed() {
   local out=$1
   shift
-  /usr/bin/time -f '%e %M' -o "$work/time" "$@" >"$out"
-  cat "$work/time"
+  /usr/bin/time -f '%e %M %U %S' -o "$work/time" "$@" >"$out"
+  awk '{ printf "%s %s %.2f\n", $1, $2, $3 + $4 }' "$work/time"
 }
 
 best() { sort -n | head -1; }
@@ -69,7 +70,8 @@ instructions() {
   awk '/^summary:/ { print $2 }' "$work/cg.out"
 }
 
-printf '%-8s %7s %8s | %9s %9s | %9s %9s | %6s\n' size keys "log lines" "run s" "run MiB" "floor s" "floor MiB" ratio
+printf '%-8s %7s %9s | %6s %6s %7s | %7s %7s %9s | %6s %6s\n' size keys "log lines" "run s" "cpu s" "run MiB" \
+  "floor s" "cpu s" "floor MiB" ratio "cpu"
 for size in 204800 2097088; do
   name=cfg$size
   generate "$size" >"$work/$name.cfg"
@@ -87,8 +89,12 @@ for size in 204800 2097088; do
   run_kib=$(cut -d' ' -f2 "$work/run.times" | sort -n | tail -1)
   floor_s=$(cut -d' ' -f1 "$work/floor.times" | best)
   floor_kib=$(cut -d' ' -f2 "$work/floor.times" | sort -n | tail -1)
-  awk -v s="$size" -v k="$keys" -v l="$lines" -v r="$run_s" -v rk="$run_kib" -v f="$floor_s" -v fk="$floor_kib" \
-    'BEGIN { printf "%-8s %7d %8d | %9.2f %9.1f | %9.2f %9.1f | %5.2fx\n", s, k, l, r, rk / 1024, f, fk / 1024, r / f }'
+  run_cpu=$(cut -d' ' -f3 "$work/run.times" | best)
+  floor_cpu=$(cut -d' ' -f3 "$work/floor.times" | best)
+  awk -v s="$size" -v k="$keys" -v l="$lines" -v r="$run_s" -v rc="$run_cpu" -v rk="$run_kib" -v f="$floor_s" \
+    -v fc="$floor_cpu" -v fk="$floor_kib" 'BEGIN {
+      printf "%-8s %7d %9d | %6.2f %6.2f %7.1f | %7.2f %7.2f %9.1f | %5.2fx %5.2fx\n",
+        s, k, l, r, rc, rk / 1024, f, fc, fk / 1024, r / f, rc / fc }'
   if [ "${CALLGRIND:-0}" = 1 ]; then
     fresh_root "$name"
     run_ir=$(PROVISOR_ROOT="$work/root" instructions "$autoptool" provision /srv/bench.cfg)
