@@ -13,7 +13,7 @@
 # writes is not in them):
 #   2 MiB, 79,212 keys, 475,469 log lines   wall ratio    cpu ratio   peak RSS   instructions run/floor
 #     before streaming and the store work    1.73-2.04x    1.76x       29.6 MiB   2,922 M / 642 M
-#     after                                  1.17-1.65x    1.21-1.27x  14.5 MiB   1,500 M / 611 M
+#     after                                  1.17-1.84x    1.21-1.27x  14.5 MiB   1,500 M / 611 M
 #   200 KiB, 7,741 keys, 46,643 log lines
 #     before                                 2.9-4.7x      2.31x       15.6 MiB     312 M / 64.6 M
 #     after                                  1.7-3.1x      1.70-1.80x  14.4 MiB     173 M / 61.5 M
