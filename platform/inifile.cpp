@@ -34,9 +34,21 @@ std::string singleLine(const std::string& text) {
   return out;
 }
 
+bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+// Already what trim(singleLine(text)) would make of it: the usual case, which needs no copy.
+bool hasLineBreak(const std::string& text) {
+  for (char c : text)
+    if (c == '\r' || c == '\n') return true;
+  return false;
+}
+
+bool isCleanText(const std::string& text) {
+  return !hasLineBreak(text) && (text.empty() || (!isBlank(text.front()) && !isBlank(text.back())));
+}
+
 bool isWritableKey(const std::string& key) {
-  std::string clean = trim(singleLine(key));
-  return !clean.empty() && clean == key && key.find('=') == std::string::npos && !isCommentLine(key) &&
+  return !key.empty() && isCleanText(key) && key.find('=') == std::string::npos && !isCommentLine(key) &&
          key[0] != '[';
 }
 
@@ -126,9 +138,12 @@ bool iniFile::HasKey(const std::string& section, const std::string& key) const {
 
 void iniFile::SetTextValue(const std::string& section, const std::string& key, const std::string& value) {
   if (!isWritableKey(key)) return;
-  iniSection& target = sectionFor(trim(singleLine(section)));
+  iniSection& target = isCleanText(section) ? sectionFor(section) : sectionFor(sectionNameOf(section));
   if (iniKey* entry = target.find(key)) {
-    entry->value = singleLine(value);
+    if (!hasLineBreak(value))
+      entry->value = value;
+    else
+      entry->value = singleLine(value);
     return;
   }
   // New keys go after the last real key, so trailing blank lines stay between the sections.
@@ -136,6 +151,10 @@ void iniFile::SetTextValue(const std::string& section, const std::string& key, c
   while (insertAt != target.keys.begin() && (insertAt - 1)->isComment() && trim((insertAt - 1)->value).empty())
     --insertAt;
   target.keys.insert(insertAt, iniKey{key, singleLine(value)});
+}
+
+std::string iniFile::sectionNameOf(const std::string& section) {
+  return isCleanText(section) ? section : trim(singleLine(section));
 }
 
 bool iniFile::RemoveKey(const std::string& section, const std::string& key) {

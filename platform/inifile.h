@@ -35,6 +35,9 @@ class iniFile {
   std::string GetTextValue(const std::string& section, const std::string& key, const std::string& def) const;
   bool HasKey(const std::string& section, const std::string& key) const;
   void SetTextValue(const std::string& section, const std::string& key, const std::string& value);
+  // The section name SetTextValue files a key under (blanks trimmed, line breaks made blanks): two
+  // texts with the same name here address the same section.
+  static std::string sectionNameOf(const std::string& section);
   bool RemoveKey(const std::string& section, const std::string& key);
 
   const std::vector<iniSection>& sections() const { return sections_; }

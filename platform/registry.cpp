@@ -12,8 +12,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <set>
 #include <mutex>
+#include <set>
+#include <unordered_map>
 #include <vector>
 
 #include "inifile.h"
@@ -74,10 +75,38 @@ struct PendingWrite {
   std::string value;
 };
 
+// The writes not yet on disk, one per key: a key set again keeps the place of its first write and
+// takes the latest value, which is what replaying every write in order would leave. A long
+// configuration file that sets the same few keys many times so holds each key once.
+class PendingWrites {
+ public:
+  bool empty() const { return writes_.empty(); }
+  const std::vector<PendingWrite>& inOrder() const { return writes_; }
+  void add(const std::string& section, const std::string& key, const std::string& value) {
+    auto& keys = index_[iniFile::sectionNameOf(section)];
+    auto known = keys.find(key);
+    if (known != keys.end()) {
+      writes_[known->second].value = value;
+      return;
+    }
+    keys.emplace(key, writes_.size());
+    writes_.push_back(PendingWrite{section, key, value});
+  }
+  void clear() {
+    writes_.clear();
+    index_.clear();
+  }
+
+ private:
+  std::vector<PendingWrite> writes_;
+  std::map<std::string, std::map<std::string, size_t>> index_;  // section name, key: place in writes_
+};
+
 struct CachedFile {
   iniFile ini;
   DiskStamp stamp;  // of the disk version `ini` was read from (or written as)
-  std::vector<PendingWrite> pending;
+  PendingWrites pending;
+  bool flushDeferred = false;  // named in deferredFiles_
 };
 
 class RegistryCache {
@@ -90,7 +119,7 @@ class RegistryCache {
 
   bool lookup(const std::string& file, const std::string& section, const std::string& key, std::string& value) {
     std::lock_guard<std::mutex> lock(mutex_);
-    CachedFile& entry = entryLocked(hostPath(file));
+    CachedFile& entry = entryLocked(file);
     if (!entry.ini.HasKey(section, key)) return false;
     value = entry.ini.GetTextValue(section, key, "");
     return true;
@@ -99,19 +128,26 @@ class RegistryCache {
   bool set(const std::string& file, const std::string& section, const std::string& key, const std::string& value) {
     if (key.empty()) return false;
     std::lock_guard<std::mutex> lock(mutex_);
-    CachedFile& entry = entryLocked(hostPath(file));
+    CachedFile& entry = entryLocked(file);
     entry.ini.SetTextValue(section, key, value);
-    entry.pending.push_back(PendingWrite{section, key, value});
+    entry.pending.add(section, key, value);
     return true;
   }
 
   bool flush(const std::string& file) {
     std::lock_guard<std::mutex> lock(mutex_);
-    std::string hostFile = hostPath(file);
+    const Known* known = knownLocked(file);
     if (deferDepth_ > 0) {
-      deferredFiles_.insert(hostFile);
+      if (!known) {
+        deferredFiles_.insert(hostPath(file));
+      } else if (!known->first->second.flushDeferred) {
+        known->first->second.flushDeferred = true;
+        deferredFiles_.insert(known->first->first);
+      }
       return true;
     }
+    if (known) return flushLocked(known->first->first, known->first->second);
+    std::string hostFile = hostPath(file);
     auto it = files_.find(hostFile);
     return it == files_.end() || flushLocked(hostFile, it->second);
   }
@@ -127,7 +163,9 @@ class RegistryCache {
     bool allWritten = true;
     for (const std::string& hostFile : deferredFiles_) {
       auto it = files_.find(hostFile);
-      if (it != files_.end()) allWritten = flushLocked(hostFile, it->second) && allWritten;
+      if (it == files_.end()) continue;
+      it->second.flushDeferred = false;
+      allWritten = flushLocked(hostFile, it->second) && allWritten;
     }
     deferredFiles_.clear();
     return allWritten;
@@ -143,6 +181,7 @@ class RegistryCache {
   void reset() {
     std::lock_guard<std::mutex> lock(mutex_);
     files_.clear();
+    known_.clear();
   }
 
   // A forked child inherits the cache; the lock must not be held by a thread that does not exist
@@ -158,15 +197,34 @@ class RegistryCache {
     entry.stamp = stamp;
   }
 
-  CachedFile& entryLocked(const std::string& hostFile) {
+  using FileMap = std::map<std::string, CachedFile>;
+  // A logical path's cached file and the root it was resolved under.
+  using Known = std::pair<FileMap::iterator, std::string>;
+
+  // The cached file a logical path was last resolved to, or nullptr. A long configuration file
+  // writes the same few files thousands of times: they skip resolving the path and searching the
+  // cache by it. A change of root resolves again.
+  const Known* knownLocked(const std::string& file) {
+    auto found = known_.find(file);
+    if (found == known_.end() || found->second.second != platformRoot()) return nullptr;
+    return &found->second;
+  }
+
+  CachedFile& entryLocked(const std::string& file) {
+    const Known* known = knownLocked(file);
+    // A file with writes of ours pending is never read again before its flush: no need to look.
+    if (known && !known->first->second.pending.empty()) return known->first->second;
+    const std::string hostFile = known ? known->first->first : hostPath(file);
+    auto it = known ? known->first : files_.find(hostFile);
+    if (it != files_.end() && !it->second.pending.empty()) return it->second;
     DiskStamp now = stampOf(hostFile);
-    auto it = files_.find(hostFile);
     if (it == files_.end()) {
       it = files_.emplace(hostFile, CachedFile{}).first;
       load(it->second, hostFile, now);
-    } else if (it->second.pending.empty() && now.known && it->second.stamp != now) {
+    } else if (now.known && it->second.stamp != now) {
       load(it->second, hostFile, now);
     }
+    known_[file] = Known{it, platformRoot()};
     return it->second;
   }
 
@@ -176,7 +234,7 @@ class RegistryCache {
     DiskStamp now = stampOf(hostFile);
     if (now.known && now != entry.stamp) {
       load(entry, hostFile, now);
-      for (const PendingWrite& w : entry.pending) entry.ini.SetTextValue(w.section, w.key, w.value);
+      for (const PendingWrite& w : entry.pending.inOrder()) entry.ini.SetTextValue(w.section, w.key, w.value);
     }
     std::string text = entry.ini.ExportToText();
     bool written = registry_internal::writeWithoutSelfNotice(
@@ -191,7 +249,8 @@ class RegistryCache {
   }
 
   std::mutex mutex_;
-  std::map<std::string, CachedFile> files_;
+  FileMap files_;
+  std::unordered_map<std::string, Known> known_;
   int deferDepth_ = 0;
   std::set<std::string> deferredFiles_;
 };

@@ -9,6 +9,8 @@
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
+#include <string_view>
 
 #include "autopUrl.h"
 #include "device.h"
@@ -39,21 +41,40 @@ constexpr char kSaltCharacters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqr
 // Stands in for values that must not reach the log.
 constexpr const char* kHiddenValue = "********";
 
-std::string lowerCase(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-  return text;
+char asciiLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+// Whether the text holds one of the (lower-case) words in any case. Texts of usual length are
+// lowered on the stack: this runs for every value written.
+bool containsAnyNoCase(const std::string& text, std::initializer_list<const char*> words) {
+  char onStack[128];
+  std::string onHeap;
+  char* lower = onStack;
+  if (text.size() > sizeof onStack) {
+    onHeap.resize(text.size());
+    lower = &onHeap[0];
+  }
+  std::transform(text.begin(), text.end(), lower, asciiLower);
+  std::string_view view(lower, text.size());
+  for (const char* word : words)
+    if (view.find(word) != std::string_view::npos) return true;
+  return false;
 }
 
 // Passwords, PINs and keys: their values never reach a log line.
 bool isSecretItem(const autopItem& item) {
   if (item.encrypt) return true;
   for (const std::string* text : {&item.key, &item.name}) {
-    std::string lower = lowerCase(*text);
-    for (const char* word : {"password", "passwd", "pswd", "pwd", "pin", "aes", "secret"}) {
-      if (lower.find(word) != std::string::npos) return true;
-    }
+    if (containsAnyNoCase(*text, {"password", "passwd", "pswd", "pwd", "pin", "aes", "secret"})) return true;
   }
   return item.section == kRandomKeySection && item.path == kRandomKeyFile;
+}
+
+// A value that may be a URL with a password, shown with the password hidden. Without an "@" no
+// password can be in it, and most values have none: they skip the URL parser and the copy.
+const char* loggableValue(const std::string& value, std::string& masked) {
+  if (value.find('@') == std::string::npos) return value.c_str();
+  masked = ns_net::maskedUrlText(value);
+  return masked.c_str();
 }
 
 // [UserName] admin, var or user of the user settings: the web login names.
@@ -155,9 +176,8 @@ int autoCfgUpgrader::upgrade(autopItemList& items) {
   LOG_IFO("***** Upgrade CFG File ***** ");
   if (items.empty()) return 0;
   std::unique_ptr<autoConfigSection> handle;
-  bool opened = false;
-  std::string openPath;
-  std::string openSection;
+  // The item whose file and section are open: compared in place rather than copied for each item.
+  const autopItem* opened = nullptr;
   int anySet = 0;
   for (auto& slot : items) {
     autopItem* item = slot.get();
@@ -169,13 +189,11 @@ int autoCfgUpgrader::upgrade(autopItemList& items) {
     if (!opened) {
       LOG_DEB("--- Open File [%s]", item->path.c_str());
       handle = m_store.open(item->path, item->section);
-      opened = true;
-    } else if (item->path != openPath || item->section != openSection) {
+    } else if (item->path != opened->path || item->section != opened->section) {
       if (handle) handle->flush();
       handle = m_store.open(item->path, item->section);
     }
-    openPath = item->path;
-    openSection = item->section;
+    opened = item;
     if (!handle) {
       LOG_NULL_POINTER();
       continue;
@@ -183,11 +201,12 @@ int autoCfgUpgrader::upgrade(autopItemList& items) {
     // Only a web login name needs the value it replaces; other keys skip the read.
     std::string oldValue = isWebLoginName(*item) ? handle->getString(item->key, "") : std::string();
     if (!handle->setString(item->key, item->value)) continue;
+    std::string masked;
     if (item->value.find('%') != std::string::npos)
       LOG_DEB("%s.%s value has special char", item->section.c_str(), item->key.c_str());
     else
       LOG_DEB("--- Set [%s::%s] Value [%s]", item->section.c_str(), item->key.c_str(),
-              isSecretItem(*item) ? kHiddenValue : ns_net::maskedUrlText(item->value).c_str());
+              isSecretItem(*item) ? kHiddenValue : loggableValue(item->value, masked));
     carryUserName(item, oldValue);
     item->changed = true;
     anySet = 1;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <string_view>
 
 #include "autopTranslator.h"
 #include "baseMethod.h"
@@ -42,11 +43,12 @@ void splitActions(const std::string& action, std::vector<std::string>& queue) {
   while (start <= action.size()) {
     size_t end = action.find(';', start);
     if (end == std::string::npos) end = action.size();
-    std::string call = action.substr(start, end - start);
+    // Every changed item names its calls again: they are compared in place, copied only when new.
+    std::string_view call(action.data() + start, end - start);
     size_t first = call.find_first_not_of(" \t");
     size_t last = call.find_last_not_of(" \t\r\n");
-    call = first == std::string::npos ? "" : call.substr(first, last - first + 1);
-    if (!call.empty() && std::find(queue.begin(), queue.end(), call) == queue.end()) queue.push_back(call);
+    call = first == std::string_view::npos ? std::string_view() : call.substr(first, last - first + 1);
+    if (!call.empty() && std::find(queue.begin(), queue.end(), call) == queue.end()) queue.emplace_back(call);
     start = end + 1;
   }
 }
@@ -124,14 +126,42 @@ bool autoParser::isPerDeviceFile() const {
   return !mac.empty() && m_download.UrlText().find(mac) != std::string::npos;
 }
 
+// Only the first pair is read here: the rest are read as the batches are built.
 bool autoParser::LoadM7Model(const std::string& path) {
+  dropPairs();
   m_olderModel = false;
-  return loadM7Pairs(path, m_pairs);
+  LOG_IFO("");
+  LOG_IFO("autoParser::LoadM7Model");
+  if (!m_m7Pairs.open(path)) return false;
+  m_haveFirstM7Pair = m_m7Pairs.next(m_firstM7Pair);
+  if (!m_haveFirstM7Pair) m_m7Pairs.close();
+  return m_haveFirstM7Pair;
 }
 
 bool autoParser::LoadM1OrM2Model(const std::string& path) {
+  dropPairs();
   m_olderModel = true;
   return m_table && loadM1OrM2Pairs(path, *m_table, m_pairs);
+}
+
+bool autoParser::nextPair(RawPair& pair) {
+  if (m_haveFirstM7Pair) {
+    m_haveFirstM7Pair = false;
+    pair = std::move(m_firstM7Pair);
+    return true;
+  }
+  if (m_m7Pairs.next(pair)) return true;
+  if (m_nextPair >= m_pairs.size()) return false;
+  pair = std::move(m_pairs[m_nextPair++]);
+  return true;
+}
+
+void autoParser::dropPairs() {
+  m_m7Pairs.close();
+  m_haveFirstM7Pair = false;
+  m_pairs.clear();
+  m_nextPair = 0;
+  m_nextBatchFirst.reset();
 }
 
 int autoParser::loadModel(const std::string& path) {
@@ -198,38 +228,56 @@ int autoParser::updateConfig(bool pushed) {
   return kUpdateDone;
 }
 
-void autoParser::fillBatch(size_t& next, autopItemList& batch) {
+std::unique_ptr<autopItem> autoParser::itemFor(RawPair& pair) const {
+  if (pair.second.empty()) {
+    LOG_DEB("---Skipped empty value item: %s", pair.first.c_str());
+    return nullptr;
+  }
+  auto item = std::make_unique<autopItem>();
+  if (!m_table || !m_table->findItem(pair.first, *item)) {
+    LOG_WAR("Warning! Not found item %s", pair.first.c_str());
+    return nullptr;
+  }
+  // C readers of the INI file would see the value cut at the byte, others the byte itself: the
+  // value is refused whole rather than applied as something the server did not send.
+  if (pair.second.find('\0') != std::string::npos) {
+    LOG_WAR("Warning! Value of item %s holds a NUL byte, skipped", pair.first.c_str());
+    return nullptr;
+  }
+  item->name = std::move(pair.first);
+  if (pair.second == kNullValue)
+    item->value.clear();
+  else
+    item->value = std::move(pair.second);
+  item->changed = false;
+  return item;
+}
+
+void autoParser::appendToBatch(autopItemList& batch, std::unique_ptr<autopItem> item) const {
+  if (m_olderModel && item->valueType == "!boolean") {
+    item->valueType = "boolean";
+    LOG_IFO("Change item[%s] UN_BOOLEAN_VALUE_TYPE =>> BOOLEAN_VALUE_TYPE !", item->name.c_str());
+  }
+  batch.push_back(std::move(item));
+}
+
+bool autoParser::fillBatch(autopItemList& batch) {
   if (!batch.empty()) {
     LOG_WAR("The autopItem list is not empty before filling it !");
     batch.clear();
   }
-  for (; next < m_pairs.size(); ++next) {
-    const RawPair& pair = m_pairs[next];
-    if (pair.second.empty()) {
-      LOG_DEB("---Skipped empty value item: %s", pair.first.c_str());
-      continue;
+  if (m_nextBatchFirst) appendToBatch(batch, std::move(m_nextBatchFirst));
+  RawPair pair;
+  while (nextPair(pair)) {
+    std::unique_ptr<autopItem> item = itemFor(pair);
+    if (!item) continue;
+    if (!batch.empty() && startsNewBatch(*batch.back(), *item)) {
+      m_nextBatchFirst = std::move(item);
+      return true;
     }
-    auto item = std::make_unique<autopItem>();
-    if (!m_table || !m_table->findItem(pair.first, *item)) {
-      LOG_WAR("Warning! Not found item %s", pair.first.c_str());
-      continue;
-    }
-    // C readers of the INI file would see the value cut at the byte, others the byte itself: the
-    // value is refused whole rather than applied as something the server did not send.
-    if (pair.second.find('\0') != std::string::npos) {
-      LOG_WAR("Warning! Value of item %s holds a NUL byte, skipped", pair.first.c_str());
-      continue;
-    }
-    item->name = pair.first;
-    item->value = pair.second == kNullValue ? "" : pair.second;
-    item->changed = false;
-    if (!batch.empty() && startsNewBatch(*batch.back(), *item)) return;  // the next batch starts here
-    if (m_olderModel && item->valueType == "!boolean") {
-      item->valueType = "boolean";
-      LOG_IFO("Change item[%s] UN_BOOLEAN_VALUE_TYPE =>> BOOLEAN_VALUE_TYPE !", item->name.c_str());
-    }
-    batch.push_back(std::move(item));
+    appendToBatch(batch, std::move(item));
   }
+  return false;
 }
 
 bool autoParser::applyBatches(bool unchanged) {
@@ -241,10 +289,11 @@ bool autoParser::applyBatches(bool unchanged) {
   // batches: each INI file is written once, whole, when the file's batches are through, and before
   // the text methods tell the other applications to read the new values.
   RegistryDeferredFlush oneWritePerFile;
-  size_t next = 0;
-  while (next < m_pairs.size()) {
+  // After the first batch every batch starts with the item that ended the one before, so only the
+  // first can come out empty: when no pair of the file gives an item.
+  for (bool morePairs = m_haveFirstM7Pair || m_nextPair < m_pairs.size(); morePairs;) {
     autopItemList batch;
-    fillBatch(next, batch);
+    morePairs = fillBatch(batch);
     if (batch.empty()) {
       // The rest of the file gave no item (every key unknown or empty).
       LOG_WAR("Autop item list is empty !");
@@ -262,6 +311,9 @@ bool autoParser::applyBatches(bool unchanged) {
     }
     applyBatch(batch, unchanged);
   }
+  // A file that could not be read to its end applies again next time, as one not wholly written.
+  bool wholeFileRead = !m_m7Pairs.failed();
+  dropPairs();
   bool allWritten = oneWritePerFile.end();
   if (!allWritten) LOG_WAR("Fail to flush all file !!");
   runPendingMethods();
@@ -272,7 +324,7 @@ bool autoParser::applyBatches(bool unchanged) {
     else
       LOG_WAR("Fail to upgrade rom file !");
   }
-  return allWritten;
+  return allWritten && wholeFileRead;
 }
 
 void autoParser::applyBatch(autopItemList& batch, bool unchanged) {

@@ -2,13 +2,15 @@
 // fetches the file to /tmp/xxx.cfg (or takes the file another application pushed to /tmp/XML.cfg),
 // decrypts it when it is cipher text, reads it in its model, translates every key into an item,
 // cuts the items into batches one upgrader can take and hands each batch to the upgrader of its
-// type; firmware waits for the end. One parser serves every file of one provisioning URL, so the
+// type; firmware waits for the end. An M7 file is read pair by pair as its batches are built, so
+// neither the file nor its pairs are ever held whole. One parser serves every file of one provisioning URL, so the
 // keys and the custom per-device file location the common file set stay in force for the
 // per-device file.
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -50,7 +52,6 @@ class autoParser {
   // Set by the common file ([CUSTOM_MAC_CFG_PATH] server_address); read for the per-device file.
   const std::string& customMacUrl() const { return m_customMacUrl; }
   const std::string& modelVersion() const { return m_modelVersion; }
-  const RawPairList& rawPairs() const { return m_pairs; }
   // True once an applied item asked for a reboot (or firmware was applied) during this parser's life.
   bool rebootRequested() const { return m_rebootRequested; }
   // Called (once per parser) when an applied item needs a reboot; the service arranges it.
@@ -67,9 +68,17 @@ class autoParser {
   // The MD5 change test; fills the key and digest to store once the file has been applied.
   bool isConfigChanged(const std::string& path, std::string& memoryKey, std::string& digest);
   void rememberDigest(const std::string& memoryKey, const std::string& digest);
-  // Fills `batch` from the pairs starting at `next`; advances `next` past what it took.
-  void fillBatch(size_t& next, autopItemList& batch);
-  // False when some INI file could not be written.
+  // The loaded file's next pair: an M7 file is read from disk as its batches are built, the older
+  // models come from their pair list.
+  bool nextPair(RawPair& pair);
+  void dropPairs();
+  // The item a pair stands for, or nullptr (logged) when the pair gives none.
+  std::unique_ptr<autopItem> itemFor(RawPair& pair) const;
+  void appendToBatch(autopItemList& batch, std::unique_ptr<autopItem> item) const;
+  // Fills `batch` with the items one upgrader takes; the item that starts the next batch is kept
+  // for it. False once no pair is left.
+  bool fillBatch(autopItemList& batch);
+  // False when some INI file could not be written, or the file could not be read to its end.
   bool applyBatches(bool unchanged);
   void applyBatch(autopItemList& batch, bool unchanged);
   void collectChanges(const autopItemList& batch);
@@ -80,7 +89,12 @@ class autoParser {
   ns_net::fileDownload m_download;
   AesKeySources m_keys;
   std::string m_modelVersion;
-  RawPairList m_pairs;
+  M7PairReader m_m7Pairs;
+  RawPair m_firstM7Pair;  // read at load time to tell an M7 file without pairs
+  bool m_haveFirstM7Pair = false;
+  RawPairList m_pairs;  // older models
+  size_t m_nextPair = 0;
+  std::unique_ptr<autopItem> m_nextBatchFirst;
   bool m_olderModel = false;
   std::vector<std::string> m_pendingMethods;
   std::string m_customMacUrl;

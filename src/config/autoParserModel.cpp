@@ -1,7 +1,9 @@
 #define LOG_MODULE "./src/autoParser"
 #include "autoParserModel.h"
 
+#include <algorithm>
 #include <cctype>
+#include <cstdlib>
 #include <cstring>
 
 #include "autopTranslator.h"
@@ -29,18 +31,28 @@ std::string trim(const std::string& text) {
 
 bool startsWith(const std::string& text, const char* prefix) { return text.compare(0, strlen(prefix), prefix) == 0; }
 
-// One M7 line into the pair list; false when the line ends the M7 part.
-bool takeM7Line(const std::string& rawLine, RawPairList& pairs) {
+enum class M7Line { kSkipped, kPair, kEnd };
+
+// One M7 line (without its line feed): a pair, a line that gives none, or the end of the M7 part.
+M7Line takeM7Line(const char* line, size_t length, RawPair& pair) {
   size_t first = 0;
-  while (first < rawLine.size() && isBlank(rawLine[first])) ++first;
-  if (first == rawLine.size() || rawLine[first] == '#') return true;
-  if (rawLine[first] == '[' && rawLine.find(']', first) != std::string::npos) return false;
-  size_t equals = rawLine.find('=', first);
-  if (equals == std::string::npos) return true;
-  std::string key = trim(rawLine.substr(first, equals - first));
-  if (key.empty()) return true;
-  pairs.emplace_back(std::move(key), trim(rawLine.substr(equals + 1)));
-  return true;
+  while (first < length && isBlank(line[first])) ++first;
+  if (first == length || line[first] == '#') return M7Line::kSkipped;
+  const char* end = line + length;
+  if (line[first] == '[' && std::find(line + first, end, ']') != end) return M7Line::kEnd;
+  const char* equals = std::find(line + first, end, '=');
+  if (equals == end) return M7Line::kSkipped;
+  size_t equalsAt = static_cast<size_t>(equals - line);
+  size_t keyEnd = equalsAt;
+  while (keyEnd > first && isBlank(line[keyEnd - 1])) --keyEnd;
+  if (keyEnd == first) return M7Line::kSkipped;
+  size_t valueBegin = equalsAt + 1;
+  while (valueBegin < length && isBlank(line[valueBegin])) ++valueBegin;
+  size_t valueEnd = length;
+  while (valueEnd > valueBegin && isBlank(line[valueEnd - 1])) --valueEnd;
+  pair.first.assign(line + first, keyEnd - first);
+  pair.second.assign(line + valueBegin, valueEnd - valueBegin);
+  return M7Line::kPair;
 }
 
 // The target of one M2 key inside a section of the given file type.
@@ -162,20 +174,47 @@ ConfigModel recogniseModel(const std::string& path, std::string& version) {
   return ConfigModel::kM1OrM2;
 }
 
+M7PairReader::~M7PairReader() { free(m_line); }
+
+bool M7PairReader::open(const std::string& path) {
+  m_failed = false;
+  m_file = openFile(path, "rb");
+  return m_file != nullptr;
+}
+
+void M7PairReader::close() { m_file.reset(); }
+
+bool M7PairReader::next(RawPair& pair) {
+  if (!m_file) return false;
+  ssize_t length;
+  while ((length = getline(&m_line, &m_capacity, m_file.get())) > 0) {
+    size_t size = static_cast<size_t>(length);
+    if (m_line[size - 1] == '\n') --size;
+    switch (takeM7Line(m_line, size, pair)) {
+      case M7Line::kPair:
+        return true;
+      case M7Line::kSkipped:
+        continue;
+      case M7Line::kEnd:
+        close();
+        return false;
+    }
+  }
+  m_failed = ferror(m_file.get()) != 0;
+  close();
+  return false;
+}
+
 bool loadM7Pairs(const std::string& path, RawPairList& pairs) {
   LOG_IFO("");
   LOG_IFO("autoParser::LoadM7Model");
   pairs.clear();
-  std::string contents;
-  if (!readTextFile(path, contents)) return false;
-  size_t start = 0;
-  while (start < contents.size()) {
-    size_t end = contents.find('\n', start);
-    if (end == std::string::npos) end = contents.size();
-    if (!takeM7Line(contents.substr(start, end - start), pairs)) break;
-    start = end + 1;
-  }
-  return !pairs.empty();
+  M7PairReader reader;
+  if (!reader.open(path)) return false;
+  RawPair pair;
+  while (reader.next(pair)) pairs.push_back(std::move(pair));
+  // A file that could not be read to its end is not taken for a whole one.
+  return !pairs.empty() && !reader.failed();
 }
 
 bool loadM1OrM2Pairs(const std::string& path, const autopTranslator& table, RawPairList& pairs) {

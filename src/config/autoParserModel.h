@@ -9,9 +9,12 @@
 //    entries "<login name>:<password>".
 #pragma once
 
+#include <cstdio>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "paths.h"
 
 class autopTranslator;
 
@@ -28,5 +31,29 @@ constexpr long kMaxConfigFileSize = 2097152;
 ConfigModel recogniseModel(const std::string& path, std::string& version);
 // True when at least one pair was read.
 bool loadM7Pairs(const std::string& path, RawPairList& pairs);
+
+// The pairs of an M7 file one at a time, read from disk as they are asked for: a file of the largest
+// size never needs to be held whole, nor all its pairs at once. A read error ends the pairs there.
+class M7PairReader {
+ public:
+  M7PairReader() = default;
+  ~M7PairReader();
+  M7PairReader(const M7PairReader&) = delete;
+  M7PairReader& operator=(const M7PairReader&) = delete;
+
+  // False when the file can't be opened.
+  bool open(const std::string& path);
+  void close();
+  // The next pair; false once the M7 part (or the file) has ended.
+  bool next(RawPair& pair);
+  // True when the pairs ended at a read error rather than at the end of the file.
+  bool failed() const { return m_failed; }
+
+ private:
+  FilePtr m_file;
+  char* m_line = nullptr;  // getline's buffer, reused for every line
+  size_t m_capacity = 0;
+  bool m_failed = false;
+};
 // True when the file could be read as INI.
 bool loadM1OrM2Pairs(const std::string& path, const autopTranslator& table, RawPairList& pairs);

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <thread>
+#include <vector>
 
 #include "inifile.h"
 #include "registry.h"
@@ -186,4 +187,49 @@ TEST_F(RegistryTest, FlushKilledAtAnyMomentLeavesOldOrNewFile) {
   RecordProperty("old_then_new", std::to_string(sawA) + "/" + std::to_string(sawB));
   EXPECT_EQ(sawA + sawB, 24);
   EXPECT_GT(sawB, 0) << "the writer never completed a flush: the test proved nothing";
+}
+
+// A long configuration file sets the same keys over and over before one flush; what reaches the
+// disk, also over a file another process replaced meanwhile, is what replaying every write in order
+// would give: each key at the place of its first write, with its last value.
+TEST_F(RegistryTest, KeysSetManyTimesFlushAsIfEveryWriteWereReplayed) {
+  const std::string theirs = "[AutoProvision]\nb=theirs\n[Net]\nc=1\n";
+  struct Write {
+    const char* section;
+    const char* key;
+    const char* value;
+  };
+  // Section names that differ only in blanks and line breaks name the same section.
+  const std::vector<Write> writes = {{"AutoProvision", "a", "1"}, {"Extra", "x", "1"},
+                                     {" AutoProvision ", "b", "2"}, {"AutoProvision\r", "a", "7"},
+                                     {"AutoProvision", "b", "4"},   {"Extra", "y", "5"},
+                                     {"Extra", "x", "6"},           {"AutoProvision", "a", "3"}};
+  for (bool replacedMeanwhile : {false, true}) {
+    SCOPED_TRACE(replacedMeanwhile ? "replaced by another process" : "untouched");
+    registryResetCache();
+    root->write(kSystemIni, "[AutoProvision]\nb=old\n");
+    iniFile expected;
+    expected.LoadFromText(replacedMeanwhile ? theirs : "[AutoProvision]\nb=old\n");
+    for (const Write& w : writes) {
+      ASSERT_TRUE(brisaSetRegistryString(kSystemIni, w.section, w.key, w.value));
+      expected.SetTextValue(w.section, w.key, w.value);
+    }
+    if (replacedMeanwhile) replaceOnDisk(kSystemIni, theirs);
+    ASSERT_TRUE(regFlushAllFile());
+    EXPECT_EQ(root->read(kSystemIni), expected.ExportToText());
+  }
+}
+
+// The store remembers where a logical path led; under another root it must lead there instead.
+TEST_F(RegistryTest, ALogicalPathFollowsAChangeOfRoot) {
+  ASSERT_TRUE(brisaSetProfileString(kSystemIni, "AutoProvision", "a", "first"));
+  {
+    TempRoot other;
+    other.write(kSystemIni, "[AutoProvision]\na=other\n");
+    EXPECT_EQ(brisaGetRegistryString(kSystemIni, "AutoProvision", "a", ""), "other");
+    ASSERT_TRUE(brisaSetProfileString(kSystemIni, "AutoProvision", "a", "second"));
+    EXPECT_EQ(other.read(kSystemIni), "[AutoProvision]\na=second\n");
+  }
+  EXPECT_EQ(root->read(kSystemIni), "[AutoProvision]\na=first\n");
+  EXPECT_EQ(brisaGetRegistryString(kSystemIni, "AutoProvision", "a", ""), "first");
 }
