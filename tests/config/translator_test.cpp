@@ -253,7 +253,7 @@ class ShippedTableTest : public RootedTest {
 TEST_F(ShippedTableTest, CoversTheFourTypesAndKnownKeys) {
   EXPECT_GE(table.itemCount(), 300u);
   std::set<std::string> types;
-  for (const auto& object : table.objects()) types.insert(object->type);
+  for (size_t i = 0; i < table.objectCount(); ++i) types.insert(table.objectType(i));
   EXPECT_EQ(types, (std::set<std::string>{"cfg", "bin", "pwd", "rom"}));
   // key, then type|path|section|key|usage|fileType|encrypt ("*" where the test does not care)
   const std::pair<const char*, const char*> known[] = {

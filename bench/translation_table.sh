@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# The translation table's costs: tables of 5, 20 and 50 MB in four shapes (flat, wide, deep-nested,
+# many masks), each loaded in its own process (load time, MB/s, resident size added by the table
+# after the load and at the peak, both also as a multiple of the file size), then the reverse lookup
+# of a table whose path holds 1 to 16 adjacent index masks (a key that resolves, and one that cannot).
+# Usage: bench/translation_table.sh [max masks, default 16] [sizes in MB, default "5 20 50"]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+max_masks=${1:-16}
+sizes=${2:-5 20 50}
+# $BENCH_BINARY: an already built bench_translation_table (say, of an older tree) instead of this one's.
+bench=${BENCH_BINARY:-build-bench/bench_translation_table}
+if [ -z "${BENCH_BINARY:-}" ]; then
+  cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DPROVISOR_TESTS=OFF >/dev/null
+  cmake --build build-bench -j2 --target bench_translation_table >/dev/null
+fi
+
+work=$(mktemp -d /tmp/provisor-bench-XXXXXX)
+trap 'rm -rf "$work"' EXIT
+mkdir -p "$work/config"
+export PROVISOR_ROOT=$work
+
+best_of_3() {  # prints the run with the shortest load time
+  for _ in 1 2 3; do "$bench" load "$1"; done | sort -n | head -1
+}
+
+printf '%-6s %5s %10s %8s %12s %10s %12s %10s %9s\n' shape MB "load ms" "MB/s" "RSS+ MiB" "x file" \
+  "peak+ MiB" "x file" items
+for size in $sizes; do
+  for shape in flat wide deep masks; do
+    python3 bench/translation_table.py table "$shape" $((size * 1000000)) "$work/config/t.xml"
+    bytes=$(stat -c %s "$work/config/t.xml")
+    read -r ms before after peak items < <(best_of_3 /config/t.xml)
+    awk -v s="$shape" -v mb="$size" -v ms="$ms" -v b="$before" -v a="$after" -v p="$peak" -v n="$items" \
+      -v f="$bytes" 'BEGIN {
+        printf "%-6s %5d %10.0f %8.1f %12.1f %10.2f %12.1f %10.2f %9d\n", s, mb, ms, f / 1e6 / (ms / 1000),
+          (a - b) / 1024, (a - b) * 1024 / f, (p - b) / 1024, (p - b) * 1024 / f, n }'
+  done
+done
+rm -f "$work/config/t.xml"
+
+printf '\n%-6s %14s %14s\n' masks "hit (us)" "miss (us)"
+for masks in $(seq 1 "$max_masks"); do
+  python3 bench/translation_table.py masks "$masks" "$work/config/m.xml"
+  read -r hit miss < <("$bench" reverse "$masks" /config/m.xml)
+  printf '%-6d %14.1f %14.1f\n' "$masks" "$hit" "$miss"
+done
