@@ -1,7 +1,12 @@
 #define LOG_MODULE "./src/autopTranslator"
 #include "autopTranslator.h"
 
+#include <sys/stat.h>
 #include <tinyxml2.h>
+
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 #include <algorithm>
 #include <array>
@@ -92,6 +97,12 @@ class TextPool {
     m_slots[slot] = id;
     if (m_spans.size() * 2 > m_slots.size()) rehash(m_slots.size() * 2);
     return id;
+  }
+  // Room for about `texts` texts without growing the hash slots on the way.
+  void reserve(size_t texts) {
+    size_t slots = 64;
+    while (slots < texts * 2) slots *= 2;
+    if (slots > m_slots.size()) rehash(slots);
   }
   // The id of a text already in the pool, or kNone.
   TextId find(std::string_view text) const {
@@ -358,6 +369,7 @@ class TableBuilder {
     if (parent == kNone) m_store.topLevel.push_back(index);
     m_store.objectNames.push_back({parent, object.name, index});
     m_chain.push_back(index);
+    enterScope();
     for (const tinyxml2::XMLElement* child = element->FirstChildElement(); child; child = child->NextSiblingElement()) {
       std::string_view tag = child->Name();
       if (tag == "object")
@@ -365,6 +377,7 @@ class TableBuilder {
       else if (tag == "item")
         readItem(child, index);
     }
+    m_scopes.pop_back();
     m_chain.pop_back();
   }
 
@@ -400,17 +413,43 @@ class TableBuilder {
   // Files the item under the bucket its target falls in; items no key can reach are left out.
   void fileForReverse(const ItemRecord& item, uint32_t index) {
     if (m_chain.size() > kMaxDepth) return;
-    const std::vector<ChainMask> masks = masksOf(m_store, m_chain.data(), m_chain.size());
-    const std::string_view fields[3] = {m_store.innermost(m_chain, m_chain.size(), &ObjectRecord::path, item.path),
-                                        m_store.innermost(m_chain, m_chain.size(), &ObjectRecord::section, item.section),
+    const Scope& scope = m_scopes.back();
+    // Views into the pool are taken afresh: interning moves its buffer.
+    m_masks.clear();
+    for (const auto& [mask, object] : scope.masks) m_masks.push_back({m_store.text(mask), object});
+    const std::string_view fields[3] = {m_store.text(scope.path ? scope.path : item.path),
+                                        m_store.text(scope.section ? scope.section : item.section),
                                         m_store.text(item.key)};
-    const TargetShape shape = shapeOf(fields, masks);
+    const TargetShape shape = shapeOf(fields, m_masks);
     m_store.shapeInUse[shape] = true;
-    m_store.reverse.push_back({bucketOf(shape, fields, masks, m_scratch), index});
+    m_store.reverse.push_back({bucketOf(shape, fields, m_masks, m_scratch), index});
+  }
+
+  // What the items of the object being read share: its chain's masks (longest first, with their
+  // place in the chain) and innermost target, as pool text numbers.
+  struct Scope {
+    std::vector<std::pair<TextId, size_t>> masks;
+    TextId path = 0;
+    TextId section = 0;
+  };
+  void enterScope() {
+    Scope scope;
+    if (m_chain.size() <= kMaxDepth) {
+      for (const ChainMask& mask : masksOf(m_store, m_chain.data(), m_chain.size()))
+        scope.masks.emplace_back(m_store.objects[m_chain[mask.object]].indexMask, mask.object);
+      for (size_t i = m_chain.size(); i-- > 0 && !(scope.path && scope.section);) {
+        const ObjectRecord& object = m_store.objects[m_chain[i]];
+        if (!scope.path) scope.path = object.path;
+        if (!scope.section) scope.section = object.section;
+      }
+    }
+    m_scopes.push_back(std::move(scope));
   }
 
   Store& m_store;
   std::vector<uint32_t> m_chain;
+  std::vector<Scope> m_scopes;
+  std::vector<ChainMask> m_masks;
   std::string m_details;
   std::string m_scratch;
 };
@@ -709,6 +748,9 @@ bool autopTranslator::loadTransData(const std::string& path) {
     return false;
   }
   TableBuilder builder(*m_store);
+  // About one distinct text per 32 bytes of a typical table: spares most regrowth of the hash slots.
+  struct stat info;
+  if (stat(hostPath(path).c_str(), &info) == 0) m_store->texts.reserve(static_cast<size_t>(info.st_size) / 32);
   for (const tinyxml2::XMLElement* group = root->FirstChildElement(); group; group = group->NextSiblingElement()) {
     const char* tag = group->Name();
     if (!tag || !*tag) continue;
@@ -720,6 +762,11 @@ bool autopTranslator::loadTransData(const std::string& path) {
   // The document goes before the indexes are sorted and trimmed, so the two never peak together.
   document.reset();
   finishTable(*m_store);
+#ifdef __GLIBC__
+  // The document's many small blocks lie between the table's; hand their pages back so the
+  // process does not keep the document's size for its whole life.
+  malloc_trim(0);
+#endif
   m_loaded = true;
   return true;
 }
