@@ -25,17 +25,27 @@
 // "/config/user/voip/sipAccount$i.cfg": every mask must stand for one canonical non-negative decimal
 // number (the same wherever that mask occurs) that lies in the object's range, and the key is
 // written with the key index (stored - low + 1), so it leads back to the same target through
-// findItem. A mask that occurs in none of path, section and key leaves the index unknown and the
-// item is not reachable backwards. Items are asked in table order (depth first, children in file
-// order); the first that matches gives the key. The reverse index files each template under its
-// fields without masks as they stand and its masked fields with their digits folded, so a target
-// costs a few hash lookups whatever the size of the table.
+// findItem. A mask that occurs in none of path, section and key, or that an inner object's equal
+// mask hides, leaves the index unknown and the item is not reachable backwards; so is an item
+// nested deeper than any key can walk (16 objects). Items are asked in table order (depth first,
+// children in file order); the first that matches gives the key. Where masks stand side by side
+// ("x$i$j") one digit run can split in several ways: the split that gives the earlier masks the
+// longer numbers and still meets every mask's rule wins. The match runs over the template's
+// positions with every live split at once (splits that agree on what is still to come are merged),
+// so its cost grows with the key's length, not with the number of splits; a template whose splits
+// stay apart beyond 65,536 at one position is given up as not matching. The reverse index files
+// each template under its fields without masks as they stand and its masked fields with their
+// digits folded, so a target costs a few lookups whatever the size of the table.
+//
+// Memory: the loaded table keeps each distinct text once in one pool and its objects and items as
+// small fixed records of text numbers that point at their parents, so nothing is copied per item
+// however deep the nesting; the name and reverse indexes are sorted arrays. The XML document is
+// held only while the table is built from it.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "autopItem.h"
 
@@ -66,7 +76,8 @@ class autopTranslator {
   bool loadDefaultTable();
   // Replaces the table with the file's contents. False (and an empty table) when it can't be read.
   bool loadTransData(const std::string& path);
-  // Reads one "object" element and its children into `object`. False for a missing argument.
+  // Reads one "object" element and its children into `object` (a tree of full records, for callers
+  // that want one; the table itself keeps the compact form). False for a missing argument.
   bool parseObjectElem(autopObject* object, const tinyxml2::XMLElement* element);
   void clear();
 
@@ -77,17 +88,17 @@ class autopTranslator {
                     std::string& name) const;
 
   bool isLoaded() const { return m_loaded; }
-  size_t objectCount() const { return m_objects.size(); }
-  size_t itemCount() const { return m_itemCount; }
-  const std::vector<std::unique_ptr<autopObject>>& objects() const { return m_objects; }
+  // Top-level objects and all items of the table.
+  size_t objectCount() const;
+  size_t itemCount() const;
+  // The group tag ("cfg", "bin", ...) of the top-level object at `index` (table order).
+  std::string objectType(size_t index) const;
 
-  // Name and target indexes over the objects, rebuilt by every load.
-  struct Index;
+  // The loaded records, text pool and indexes; replaced as a whole by every load.
+  struct Store;
 
  private:
   static autopTranslator* m_pInst;
   bool m_loaded = false;
-  size_t m_itemCount = 0;
-  std::vector<std::unique_ptr<autopObject>> m_objects;
-  std::unique_ptr<Index> m_index;
+  std::unique_ptr<Store> m_store;
 };
