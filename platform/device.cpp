@@ -157,15 +157,18 @@ int32_t netGetLocalTime() { return serviceClock().nowSeconds(); }
 
 bool netIsTrustedLocalTime() { return deviceInt("time_trusted", 1) != 0; }
 
-int userenv_set(const std::string& name, const std::string& value) {
+int userenv_set(const std::string& name, const std::string& value) { return userenv_set_all({{name, value}}); }
+
+int userenv_set_all(const std::vector<std::pair<std::string, std::string>>& values) {
   // The environment is "name=value" lines: a name or value that could break a line is refused.
-  if (name.empty() || name.find_first_of("=[]\r\n#;") != std::string::npos ||
-      value.find_first_of("\r\n") != std::string::npos)
-    return -1;
+  for (const auto& [name, value] : values)
+    if (name.empty() || name.find_first_of("=[]\r\n#;") != std::string::npos ||
+        value.find_first_of("\r\n") != std::string::npos)
+      return -1;
   std::lock_guard<std::mutex> lock(bootEnvMutex());
   iniFile env;
   env.LoadFromFile(kHostBootEnv);
-  env.SetTextValue(kBootEnvSection, name, value);
+  for (const auto& [name, value] : values) env.SetTextValue(kBootEnvSection, name, value);
   return env.SaveToFile(kHostBootEnv) ? 0 : -1;
 }
 

@@ -6,6 +6,8 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
 
 constexpr const char* kHostDeviceIni = "/host/device.ini";
 
@@ -26,6 +28,8 @@ bool netIsTrustedLocalTime();
 // Boot-loader environment, kept in $PROVISOR_ROOT/host/bootenv.ini on the host. 0 on success.
 constexpr const char* kHostBootEnv = "/host/bootenv.ini";
 int userenv_set(const std::string& name, const std::string& value);
+// Several names in one replacement of the environment: a power loss leaves all of them or none.
+int userenv_set_all(const std::vector<std::pair<std::string, std::string>>& values);
 std::string userenv_get(const std::string& name);
 
 // The platform's protection of stored passwords. On the host: AES-128-CBC with a fixed device key

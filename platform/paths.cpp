@@ -237,17 +237,22 @@ int removeStaleTemporaries(const std::string& logicalPath) {
   return removed;
 }
 
-bool writeFileAtomic(const std::string& logicalPath, const std::string& contents) {
+int createAtomicTemporary(const std::string& logicalPath, std::string& temporary) {
   const std::string target = hostPath(logicalPath);
-  if (!makeParentDirs(target)) return false;
+  if (!makeParentDirs(target)) return -1;
   // Leftovers of writers killed before their rename would otherwise pile up beside the file.
   removeStaleTemporaries(target);
   struct stat existing;
   mode_t mode = stat(target.c_str(), &existing) == 0 ? (existing.st_mode & 07777) : kNewFileMode;
+  return createLockedTemporary(target, mode, temporary);
+}
+
+bool writeFileAtomic(const std::string& logicalPath, const std::string& contents) {
+  const std::string target = hostPath(logicalPath);
   std::string temporary;
   {
     // The lock lives until the descriptor closes, after the rename.
-    FdGuard fd{createLockedTemporary(target, mode, temporary)};
+    FdGuard fd{createAtomicTemporary(target, temporary)};
     if (fd.fd < 0) return false;
     if (!writeAll(fd.fd, contents) || fsync(fd.fd) != 0 || rename(temporary.c_str(), target.c_str()) != 0) {
       unlink(temporary.c_str());

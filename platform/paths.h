@@ -55,6 +55,10 @@ bool readTextFile(const std::string& logicalPath, std::string& out);
 // unlocked: each write of a file first removes that file's stale temporaries, taking only names of
 // exactly that form whose lock it can take, so another writer's temporary in flight is never hit.
 bool writeFileAtomic(const std::string& logicalPath, const std::string& contents);
+// For writers that stream a file too big to hold: removes the file's stale temporaries and creates
+// its temporary, named and locked as writeFileAtomic's are (parents created). The descriptor, or -1.
+// The caller writes, fsyncs, renames `temporary` over the file and only then closes the descriptor.
+int createAtomicTemporary(const std::string& logicalPath, std::string& temporary);
 // Removes the stale temporaries of one file (see writeFileAtomic); the number removed.
 int removeStaleTemporaries(const std::string& logicalPath);
 // Creates or truncates a file readable by its owner only (0600): for downloads that may hold

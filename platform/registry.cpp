@@ -134,10 +134,10 @@ class RegistryCache {
     return true;
   }
 
-  bool flush(const std::string& file) {
+  bool flush(const std::string& file, bool evenWhenDeferred = false) {
     std::lock_guard<std::mutex> lock(mutex_);
     const Known* known = knownLocked(file);
-    if (deferDepth_ > 0) {
+    if (deferDepth_ > 0 && !evenWhenDeferred) {
       if (!known) {
         deferredFiles_.insert(hostPath(file));
       } else if (!known->first->second.flushDeferred) {
@@ -315,6 +315,11 @@ int32_t brisaGetProfileInt(const std::string& file, const std::string& section, 
 bool brisaSetProfileString(const std::string& file, const std::string& section, const std::string& key,
                            const std::string& value) {
   return cache().set(file, section, key, value) && cache().flush(file);
+}
+
+bool brisaSetProfileStringNow(const std::string& file, const std::string& section, const std::string& key,
+                              const std::string& value) {
+  return cache().set(file, section, key, value) && cache().flush(file, true);
 }
 
 bool brisaSetProfileInt(const std::string& file, const std::string& section, const std::string& key, int32_t value) {

@@ -17,6 +17,10 @@ int32_t brisaGetProfileInt(const std::string& file, const std::string& section, 
 bool brisaSetProfileInt(const std::string& file, const std::string& section, const std::string& key, int32_t value);
 bool brisaSetProfileString(const std::string& file, const std::string& section, const std::string& key,
                            const std::string& value);
+// Writes through at once even inside a deferred-flush scope (below): for a value that must be on
+// disk before a file kept outside the store is replaced.
+bool brisaSetProfileStringNow(const std::string& file, const std::string& section, const std::string& key,
+                              const std::string& value);
 
 // The same through the shared cache; writes wait for a flush.
 std::string brisaGetRegistryString(const std::string& file, const std::string& section, const std::string& key,

@@ -94,7 +94,9 @@ bool autoPwdUpgader::applyItem(const autopItem& item, autoPwdEntryList& entries,
     LOG_IFO("Modify Web Login User[%s]'s Password !", name.c_str());
     found->hash = hash;
   }
-  if (name == adminName) brisaSetProfileString(kTr069Ini, "WebPassword", "WebPassword", password);
+  // On disk before the password file: once the new hash is saved, the next run finds the password
+  // unchanged and would never write this copy again.
+  if (name == adminName) brisaSetProfileStringNow(kTr069Ini, "WebPassword", "WebPassword", password);
   return true;
 }
 

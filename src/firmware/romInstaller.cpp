@@ -179,13 +179,10 @@ int duna_romInstaller::apply() {
   url.Parse(m_location);
   std::string shown = url.IsValid() ? url.LogText() : m_location;
   LOG_IFO("To set userenv[BOOTMODE] to value[safemode]");
-  if (userenv_set("BOOTMODE", "safemode") != 0) {
-    LOG_ERR("Fail to set user env 'BOOTMODE' to value 'safemode' !");
-    return 0;
-  }
   LOG_IFO("To set userenv[strUpgradeURL] to value[%s]", shown.c_str());
-  if (userenv_set("strUpgradeURL", m_location) != 0) {
-    LOG_ERR("Fail to set user env 'strServerURL' to value '%s' !", shown.c_str());
+  // One write: safe mode without its URL (or with the last one's) must not survive a power loss.
+  if (userenv_set_all({{"BOOTMODE", "safemode"}, {"strUpgradeURL", m_location}}) != 0) {
+    LOG_ERR("Fail to set user env 'BOOTMODE' to value 'safemode' !");
     return 0;
   }
   return 1;

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -203,18 +202,15 @@ int autoBinParser::installCopyAtomic(const std::string& source, const std::strin
     LOG_IFO("Source file [%s] can't open! \n", source.c_str());
     return 0;
   }
-  static std::atomic<unsigned> sequence{0};
-  std::string temporary = target + ".tmp" + std::to_string(getpid()) + "." + std::to_string(sequence.fetch_add(1));
-  bool written = false;
-  {
-    FdGuard out{open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)};
-    if (out.fd < 0) {
-      LOG_IFO("Target file [%s] can't open! \n", destination.c_str());
-      return 0;
-    }
-    written = copyDescriptor(in.fd, out.fd) && fsync(out.fd) == 0;
+  // The temporary is one writeFileAtomic knows: a copy cut short by a power loss is cleared away
+  // by the next write of the destination, whichever way it is written.
+  std::string temporary;
+  FdGuard out{createAtomicTemporary(target, temporary)};
+  if (out.fd < 0) {
+    LOG_IFO("Target file [%s] can't open! \n", destination.c_str());
+    return 0;
   }
-  if (!written || rename(temporary.c_str(), target.c_str()) != 0) {
+  if (!copyDescriptor(in.fd, out.fd) || fsync(out.fd) != 0 || rename(temporary.c_str(), target.c_str()) != 0) {
     LOG_ERR("Can't write [%s] : %s", destination.c_str(), strerror(errno));
     unlink(temporary.c_str());
     return 0;

@@ -26,7 +26,7 @@ std::string lowerExtension(const std::string& name) {
 }
 
 // Header check, then the two boot-loader values; 1 when both are in place.
-int switchToSafeMode(const std::string& urlText, const ns_net::autopUrl& url) {
+int switchToSafeMode(const std::string& urlText) {
   LOG_DEB("firmware_Upgrade-verify rom header ...");
   installFirmwareStreams();
   int status = firmware_Upgrade(urlText.c_str(), kHeaderCheckTimeoutMs, false, true, false);
@@ -35,12 +35,9 @@ int switchToSafeMode(const std::string& urlText, const ns_net::autopUrl& url) {
     LOG_ERR("Invalid rom header! status description = %s", firmware_GetStatusName(status));
     return 0;
   }
-  if (userenv_set("BOOTMODE", "safemode") != 0) {
+  // One write: safe mode without its URL (or with the last one's) must not survive a power loss.
+  if (userenv_set_all({{"BOOTMODE", "safemode"}, {"strUpgradeURL", urlText}}) != 0) {
     LOG_ERR("Fail to set user env 'BOOTMODE' to value 'safemode' !");
-    return 0;
-  }
-  if (userenv_set("strUpgradeURL", urlText) != 0) {
-    LOG_ERR("Fail to set user env 'strServerURL' to value '%s' !", url.LogText().c_str());
     return 0;
   }
   msgBroadpostThreadMsg(kMsgSafeModeRebootRequest, 0, 1);
@@ -64,7 +61,7 @@ int tr069DownloadRom() {
   bool parsed = url.Parse(urlText);
   LOG_DEB("tr069 strURL=%s", parsed ? url.LogText().c_str() : "");
   int result = 0;
-  if (lowerExtension(name) == ".rom" && parsed && url.IsValid()) result = switchToSafeMode(urlText, url);
+  if (lowerExtension(name) == ".rom" && parsed && url.IsValid()) result = switchToSafeMode(urlText);
   msgBroadpostThreadMsg(kMsgTr069RomResult, result ? 1 : 0, 0);
   return result;
 }

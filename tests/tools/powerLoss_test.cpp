@@ -1,0 +1,246 @@
+// Power cut at any moment of a whole provisioning run: a run that writes web passwords, a resource
+// file, settings over several INI files and a firmware object is killed (SIGKILL, its own child
+// only) when its log reaches line k, for k spread over the whole log of a completed run. After each
+// kill every file of the root must be wholly as before or wholly as after the completed run, the
+// remembered digest (OLD_VER) must not claim a file that is not all on disk, and the next run must
+// finish the work and leave no temporary file behind.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <regex>
+
+#include "device.h"
+#include "firmwareImages.h"
+
+using namespace testing_support;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kMac = "001565aabbcc";
+constexpr const char* kDigestHolder = "config/system/system.ini";
+constexpr size_t kSpreadKillPoints = 50;
+
+using Tree = std::map<std::string, std::string>;  // relative path -> contents
+
+// Keys of two INI files take turns, so the run cuts them into many small batches.
+std::string configurationFile() {
+  std::string text =
+      "#!version:1.0.0.1\nsecurity.user_password = admin:newpass1\n"
+      "dialplan.replace_rule.url = /srv/DialPlan.xml\n";
+  const char* accountKeys[] = {"label", "display_name", "auth_name", "user_name", "sip_server_host", "expires"};
+  const char* featureKeys[] = {"hotline_number", "dnd.on_code",     "dnd.off_code",
+                               "relog_offtime",  "busy_tone_delay", "auto_redial_times"};
+  for (int line = 1; line <= 4; ++line)
+    for (int k = 0; k < 6; ++k)
+      text += "account." + std::to_string(line) + "." + accountKeys[k] + " = " + std::to_string(line * 100 + k) +
+              "\nfeatures." + featureKeys[k] + " = " + std::to_string(line * 7 + k) + "\n";
+  return text + "firmware.url = /srv/fw.rom\n";
+}
+
+Tree readTree(const std::string& dir) {
+  Tree tree;
+  for (const auto& entry : fs::recursive_directory_iterator(dir))
+    if (entry.is_regular_file()) tree[fs::relative(entry.path(), dir).string()] = readHostFile(entry.path().string());
+  return tree;
+}
+
+bool isTemporary(const std::string& path) {
+  static const std::regex temporary(R"(\.tmp[0-9]+\.[0-9]+$)");
+  return path.compare(0, 4, "tmp/") == 0 || std::regex_search(path, temporary);
+}
+
+std::string oldVer(const Tree& tree) {
+  auto found = tree.find(kDigestHolder);
+  if (found == tree.end()) return "";
+  size_t at = found->second.find("[OLD_VER]");
+  return at == std::string::npos ? "" : found->second.substr(at, found->second.find("\n[", at) - at);
+}
+
+// The paths whose contents differ between two trees, for the failure message.
+std::string differences(const Tree& a, const Tree& b) {
+  std::string list;
+  Tree both = a;
+  both.insert(b.begin(), b.end());
+  for (const auto& entry : both)
+    if (a.count(entry.first) != b.count(entry.first) || a.at(entry.first) != b.at(entry.first))
+      list += " " + entry.first;
+  return list;
+}
+
+size_t lineCount(const std::string& text) { return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')); }
+
+// One `autoptool provision` into `root`; with killAtLine > 0 it is killed with SIGKILL as soon as
+// its log (written and flushed per record) holds that many lines. Returns the log written.
+std::string provision(const std::string& root, const std::string& logPath, size_t killAtLine, bool* killed) {
+  std::vector<std::string> words = programArgv("autoptool", {"provision", "/srv/p/"});
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  std::string rootSetting = "PROVISOR_ROOT=" + root;
+  pid_t pid = fork();
+  if (pid == 0) {
+    int log = open(logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    dup2(log, 1);
+    dup2(log, 2);
+    putenv(rootSetting.data());
+    putenv(const_cast<char*>("PROVISOR_FAKE_CLOCK=1"));
+    execvp(argv[0], argv.data());
+    _exit(127);
+  }
+  int status = 0;
+  *killed = false;
+  while (waitpid(pid, &status, killAtLine ? WNOHANG : 0) == 0) {
+    if (lineCount(readHostFile(logPath)) >= killAtLine) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
+      *killed = true;
+      break;
+    }
+    usleep(200);
+  }
+  if (!*killed) {
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << readHostFile(logPath);
+  }
+  return readHostFile(logPath);
+}
+
+// Where a log of `lines` lines stands against one kind of work: before, within or after it.
+struct Phase {
+  std::string kind, marker;
+  size_t start = 0, end = 0;  // 1-based lines of the completed run's log
+  int counts[3] = {0, 0, 0};
+};
+
+void locatePhases(const std::string& log, std::vector<Phase>& phases) {
+  size_t line = 0, at = 0;
+  while (at < log.size()) {
+    size_t next = log.find('\n', at);
+    std::string text = log.substr(at, next - at);
+    ++line;
+    for (Phase& phase : phases)
+      if (!phase.start && text.find(phase.marker) != std::string::npos) phase.start = line;
+    if (text.find("Update Config Model Parse Finished !") != std::string::npos)
+      for (Phase& phase : phases) phase.end = line;
+    at = next == std::string::npos ? log.size() : next + 1;
+  }
+  // Each kind lasts until the next one starts; the last until the file is through.
+  for (Phase& phase : phases)
+    for (const Phase& other : phases)
+      if (other.start > phase.start) phase.end = std::min(phase.end, other.start - 1);
+}
+
+}  // namespace
+
+TEST(PowerLoss, EveryFileIsWhollyOldOrNewAtAnyKillAndTheNextRunCompletesTheWork) {
+  ScratchDir logs("powerloss");
+  // The snapshot: last run's settings, password, resource with its companion, and a boot loader
+  // environment, plus this run's files on the local "server".
+  TempRoot snapshot;
+  FirmwareKit kit(snapshot);
+  ASSERT_TRUE(kit.ready());
+  snapshot.write(kHostDeviceIni, std::string("[device]\nmac = ") + kMac + "\nip = 127.0.0.1\nfamily = duna\n");
+  snapshot.write(kHostBootEnv, "[env]\nBOOTMODE = normal\n");
+  snapshot.write("/config/user/voip/sipAccount0.cfg", "[account]\nLabel = Old\n");
+  snapshot.write("/config/user/user.ini", "[Features]\nHotlineNumber = 1\n");
+  snapshot.write("/config/data/DialPlan.xml", "<DialRule><Data Prefix=\"1\" Replace=\"2\"/></DialRule>\n");
+  snapshot.write("/srv/DialPlan.xml", "<DialRule><Data Prefix=\"9\" Replace=\"0\" LineID=\"1\"/></DialRule>\n");
+  snapshot.write("/srv/p/" + std::string(kMac) + ".cfg", configurationFile());
+  snapshot.write("/srv/fw.rom", kit.image("duna", testBytes(40000, 6)));
+  std::string out;
+  ASSERT_EQ(
+      runCommand("cd " + snapshot.path() + " && mkdir -p phone/resource valdrun/config && cp " + PROVISOR_SOURCE_DIR +
+                     "/data/autopTranslator.xml phone/resource/ && md5sum "
+                     "config/data/DialPlan.xml | head -c 32 > config/data/DialPlan.xml.MD5 && "
+                     "perl -e 'print \"admin:\", crypt(\"oldpass\", \"ab\"), \"\\n\"' > valdrun/config/.htpasswd",
+                 &out),
+      0)
+      << out;
+  const Tree before = readTree(snapshot.path());
+  auto restore = [&](const TempRoot& root) {
+    ASSERT_EQ(runCommand("cp -a " + snapshot.path() + "/. " + root.path()), 0);
+  };
+
+  bool killed = false;
+  Tree after;
+  std::string wholeLog;
+  {
+    TempRoot completed;
+    restore(completed);
+    wholeLog = provision(completed.path(), logs.file("whole.log"), 0, &killed);
+    after = readTree(completed.path());
+  }
+  std::vector<std::string> changed;
+  for (const auto& [path, contents] : after)
+    if (before.count(path) == 0 || before.at(path) != contents) changed.push_back(path);
+  for (const char* path : {".htpasswd", "DialPlan.xml", "DialPlan.xml.MD5", "sipAccount0.cfg", "sipAccount3.cfg",
+                           "user.ini", "tr069.ini", "bootenv.ini", "system.ini"})
+    EXPECT_TRUE(std::any_of(changed.begin(), changed.end(),
+                            [&](const std::string& p) { return fs::path(p).filename() == path; }))
+        << path << " untouched by the whole run:\n"
+        << wholeLog;
+  std::vector<Phase> phases = {{"pwd", "***** Upgrade PWD File *****"},
+                               {"bin", "***** Upgrade BIN File *****"},
+                               {"cfg", "***** Upgrade CFG File *****"},
+                               {"rom", "***** Upgrade ROM File *****"}};
+  locatePhases(wholeLog, phases);
+  const size_t lines = lineCount(wholeLog);
+  std::map<std::string, std::pair<int, int>> seen;  // file -> (old, new) after a kill
+  int finishedFirst = 0;
+
+  // Evenly over the run up to the firmware, then at every line of the firmware step: it is short,
+  // and it is where the boot environment changes.
+  const size_t romStart = phases.back().start;
+  ASSERT_GT(romStart, kSpreadKillPoints);
+  std::vector<size_t> killLines;
+  for (size_t point = 0; point < kSpreadKillPoints; ++point)
+    killLines.push_back(1 + point * (romStart - 1) / kSpreadKillPoints);
+  for (size_t line = romStart; line <= lines; ++line) killLines.push_back(line);
+
+  for (size_t killAt : killLines) {
+    SCOPED_TRACE("kill at log line " + std::to_string(killAt));
+    TempRoot root;
+    restore(root);
+    std::string cutLog = provision(root.path(), logs.file("cut.log"), killAt, &killed);
+    finishedFirst += killed ? 0 : 1;
+    const size_t reached = lineCount(cutLog);
+    for (Phase& phase : phases) ++phase.counts[reached < phase.start ? 0 : reached <= phase.end ? 1 : 2];
+
+    Tree cut = readTree(root.path());
+    bool allNew = true;
+    for (const std::string& path : changed) {
+      auto found = cut.find(path);
+      bool isOld =
+          found == cut.end() ? before.count(path) == 0 : before.count(path) && before.at(path) == found->second;
+      bool isNew = found != cut.end() && found->second == after.at(path);
+      EXPECT_TRUE(isOld || isNew) << path << " is half written:\n" << (found == cut.end() ? "" : found->second);
+      ++(isNew ? seen[path].second : seen[path].first);
+      allNew = allNew && (isNew || path == kDigestHolder);
+    }
+    if (oldVer(cut) == oldVer(after)) {
+      EXPECT_TRUE(allNew) << "OLD_VER names a file not all on disk";
+    }
+
+    provision(root.path(), logs.file("next.log"), 0, &killed);
+    Tree next = readTree(root.path());
+    for (const auto& [path, contents] : next) EXPECT_FALSE(isTemporary(path)) << path << " left behind";
+    EXPECT_TRUE(next == after) << "the next run did not complete the work:" << differences(next, after);
+  }
+
+  std::string summary = std::to_string(killLines.size()) + " kill points over " + std::to_string(lines) +
+                        " log lines (" + std::to_string(finishedFirst) + " finished before the kill);";
+  for (const Phase& phase : phases)
+    summary += " " + phase.kind + " before/within/after " + std::to_string(phase.counts[0]) + "/" +
+               std::to_string(phase.counts[1]) + "/" + std::to_string(phase.counts[2]) + ";";
+  for (const auto& [path, counts] : seen)
+    summary += " " + fs::path(path).filename().string() + " old/new " + std::to_string(counts.first) + "/" +
+               std::to_string(counts.second) + ";";
+  ::testing::Test::RecordProperty("power_loss", summary);
+  printf("power loss: %s\n", summary.c_str());
+}
