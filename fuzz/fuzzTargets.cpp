@@ -16,19 +16,12 @@
 #include "log.h"
 #include "paths.h"
 
-namespace {
-
-// The property a target checks; a failure aborts so the fuzzer keeps the input.
-void require(bool condition) {
-  if (!condition) abort();
-}
-
-std::string text(const uint8_t* data, size_t size) { return std::string(reinterpret_cast<const char*>(data), size); }
-
 // A private root for the file-based targets, made once per process and removed at exit.
+namespace {
 std::string* g_scratchRoot = nullptr;
+}  // namespace
 
-void scratchRoot() {
+void fuzzScratchRoot() {
   if (!g_scratchRoot) {
     char pattern[] = "/tmp/provisor-fuzz-XXXXXX";
     g_scratchRoot = new std::string(mkdtemp(pattern) ? pattern : "");
@@ -38,6 +31,15 @@ void scratchRoot() {
   }
   platformSetRoot(*g_scratchRoot);
 }
+
+namespace {
+
+// The property a target checks; a failure aborts so the fuzzer keeps the input.
+void require(bool condition) {
+  if (!condition) abort();
+}
+
+std::string text(const uint8_t* data, size_t size) { return std::string(reinterpret_cast<const char*>(data), size); }
 
 // Logging every record of millions of inputs would only slow the search down.
 struct QuietLog {
@@ -72,7 +74,7 @@ void fuzzUrl(const uint8_t* data, size_t size) {
 }
 
 void fuzzConfigFile(const uint8_t* data, size_t size) {
-  scratchRoot();
+  fuzzScratchRoot();
   if (!writeFileAtomic("/tmp/xxx.cfg", text(data, size))) return;
   std::string version;
   RawPairList pairs;
@@ -112,7 +114,7 @@ void fuzzTextMethod(const uint8_t* data, size_t size) {
 }
 
 void fuzzTranslationTable(const uint8_t* data, size_t size) {
-  scratchRoot();
+  fuzzScratchRoot();
   if (!writeFileAtomic("/tmp/table.xml", text(data, size))) return;
   autopTranslator table;
   table.loadTransData("/tmp/table.xml");
@@ -123,7 +125,7 @@ void fuzzTranslationTable(const uint8_t* data, size_t size) {
 }
 
 void fuzzCipherFile(const uint8_t* data, size_t size) {
-  scratchRoot();
+  fuzzScratchRoot();
   if (!writeFileAtomic("/tmp/enc.cfg", text(data, size))) return;
   if (looksEncrypted("/tmp/enc.cfg")) decryptFile("/tmp/enc.cfg", aesKeyFromText("fuzz"));
 }
@@ -141,6 +143,11 @@ const FuzzTarget kFuzzTargets[] = {
     {"password_file", fuzzPasswordFile},
     {"xml_element_path", fuzzXmlElementPath},
     {"firmware_header", fuzzFirmwareHeader},
+    {"ftp_reply", fuzzFtpReply},
+    {"tftp_packet", fuzzTftpPacket},
+    {"http_header", fuzzHttpHeader},
+    {"dhcp_option", fuzzDhcpOption},
+    {"autop_info", fuzzAutopInfo},
     {nullptr, nullptr},
 };
 

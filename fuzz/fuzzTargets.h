@@ -1,7 +1,9 @@
-// Entry points for the parsers of untrusted input: URL texts, configuration files of both models,
-// INI text, text-method calls, translation tables, cipher-text files and SIP messages. Each takes
-// any bytes and must neither crash nor overrun; where a parser promises a round trip, the target checks it and
-// aborts on a mismatch. The fuzz build (fuzz/) drives them with libFuzzer; the seed files under
+// Entry points for the readers of untrusted input: URL texts, configuration files of both models,
+// INI text, text-method calls, translation tables, cipher-text files, SIP messages, the web password
+// file, XML element-path edits, the firmware image header, FTP control replies, TFTP datagrams, the
+// HTTP client's response handling, the DHCP option store and the AutopInfo record. Each takes any
+// bytes and must neither crash nor overrun; where a reader promises a round trip or an invariant,
+// the target checks it and aborts on a mismatch. The fuzz build (fuzz/) drives them with libFuzzer; the seed files under
 // fuzz/seeds/<target>/ run through them as ordinary tests.
 #pragma once
 
@@ -25,3 +27,13 @@ void fuzzPasswordFile(const uint8_t* data, size_t size);
 void fuzzXmlElementPath(const uint8_t* data, size_t size);
 // The firmware image header reader (firmwareTargets.cpp).
 void fuzzFirmwareHeader(const uint8_t* data, size_t size);
+// netTargets.cpp: FTP control replies, TFTP datagrams, the HTTP client's response handling.
+void fuzzFtpReply(const uint8_t* data, size_t size);
+void fuzzTftpPacket(const uint8_t* data, size_t size);
+void fuzzHttpHeader(const uint8_t* data, size_t size);
+// sourceTargets.cpp: the DHCP option store and the AutopInfo record.
+void fuzzDhcpOption(const uint8_t* data, size_t size);
+void fuzzAutopInfo(const uint8_t* data, size_t size);
+
+// Points the platform root at a private directory of this process (made once, removed at exit).
+void fuzzScratchRoot();

@@ -17,6 +17,15 @@ static_assert(sizeof(AutopInfo) == 620, "AutopInfo is a wire record: its layout 
 static_assert(offsetof(AutopInfo, comAesKey) == 556 && offsetof(AutopInfo, macAesKey) == 588,
               "AutopInfo field offsets are fixed");
 
+// The record from the bytes a message carried: at most its own size is read, and whatever the
+// sender left out stays zero, so every text ends inside its field.
+inline AutopInfo autopInfoFromBytes(const void* bytes, size_t size) {
+  AutopInfo info;
+  memset(&info, 0, sizeof(info));
+  if (bytes) memcpy(&info, bytes, size < sizeof(info) ? size : sizeof(info));
+  return info;
+}
+
 // A field's text, never reading past the field even when its terminating zero is missing.
 template <size_t N>
 inline std::string autopInfoText(const char (&field)[N]) {

@@ -1,6 +1,7 @@
 #include "autopUrl.h"
 
 #include <cctype>
+#include <cstring>
 
 namespace ns_net {
 
@@ -12,6 +13,48 @@ constexpr const char* kLocalFileHost = "127.0.0.1";
 std::string lowerCase(std::string text) {
   for (char& c : text) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
   return text;
+}
+
+// Credentials come from settings and other applications and may hold any character. The record
+// holds them as they are; the text form escapes what would end their part early or cannot travel
+// in a URL, and the parser undoes any "%" escape there (a "%" without two hexadecimal digits
+// stays as it is).
+constexpr const char* kUserEscaped = "%:@/?#[]";
+constexpr const char* kPasswordEscaped = "%@/?#";
+
+std::string escapeCredential(const std::string& text, const char* escaped) {
+  static const char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  for (char c : text) {
+    unsigned char byte = static_cast<unsigned char>(c);
+    if (byte <= 0x20 || byte == 0x7f || strchr(escaped, c)) {
+      out += '%';
+      out += kHex[byte >> 4];
+      out += kHex[byte & 0x0f];
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+}
+
+std::string unescapeCredential(const std::string& text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '%' && i + 2 < text.size() && hexValue(text[i + 1]) >= 0 && hexValue(text[i + 2]) >= 0) {
+      out += static_cast<char>(hexValue(text[i + 1]) * 16 + hexValue(text[i + 2]));
+      i += 2;
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
 }
 
 // "" gives -1 (a ":" with nothing after it names no port); digits up to 65535 give the number;
@@ -57,9 +100,9 @@ bool parseAuthority(const std::string& authority, autopUrl& url) {
   if (at != std::string::npos) {
     std::string userInfo = authority.substr(0, at);
     size_t colon = userInfo.find(':');
-    url.user = userInfo.substr(0, colon);
+    url.user = unescapeCredential(userInfo.substr(0, colon));
     // A password without a user cannot be written back in the text form, so it is not kept.
-    if (colon != std::string::npos && !url.user.empty()) url.password = userInfo.substr(colon + 1);
+    if (colon != std::string::npos && !url.user.empty()) url.password = unescapeCredential(userInfo.substr(colon + 1));
   }
   return parseHostPort(at == std::string::npos ? authority : authority.substr(at + 1), url);
 }
@@ -111,8 +154,8 @@ std::string autopUrl::ToText() const {
     return path;
   std::string text = scheme + "://";
   if (!user.empty()) {
-    text += user;
-    if (!password.empty()) text += ":" + password;
+    text += escapeCredential(user, kUserEscaped);
+    if (!password.empty()) text += ":" + escapeCredential(password, kPasswordEscaped);
     text += "@";
   }
   text += host.find(':') != std::string::npos ? "[" + host + "]" : host;

@@ -3,8 +3,10 @@
 // transport and its endpoint, and the text form hands it (credentials included) to the HTTP client.
 //
 // The parser keeps percent-escapes and other characters as they stand; only the separators
-// "://", "@", ":", "[", "]", "/", "?" and "#" are interpreted. The text form of a parsed record
-// parses back into the same record.
+// "://", "@", ":", "[", "]", "/", "?" and "#" are interpreted. The user name and password are the
+// exception: the record holds them unescaped, and the text form escapes in them "%", "@", "/",
+// "?", "#", spaces and control characters (in the user name also ":", "[" and "]"), so that any
+// credentials travel. The text form of a parsed record parses back into the same record.
 #pragma once
 
 #include <cstdint>

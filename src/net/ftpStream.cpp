@@ -149,10 +149,7 @@ bool ftpStream::StartRetrieval(const std::string& path) {
   std::string reply = ExecuteCommand("SIZE " + path + "\r\n");
   LOG_IFO("ExcuteCommandE [SIZE %s], ret = %s", path.c_str(), reply.c_str());
   if (reply.empty()) return false;
-  if (ReplyCode(reply) == 213) {
-    std::vector<long> numbers = numbersAfterCode(reply);
-    if (!numbers.empty() && numbers[0] >= 0) m_size = numbers[0];
-  }
+  m_size = SizeFromReply(reply);
   reply = ExecuteCommand("PASV\r\n");
   LOG_IFO("ExcuteCommandE [PASV], ret = %s", reply.c_str());
   // Active mode is for a server that refuses passive mode; an accepted passive mode whose data
@@ -174,32 +171,40 @@ bool ftpStream::StartRetrieval(const std::string& path) {
   return true;
 }
 
-bool ftpStream::ConnectPassive(const std::string& reply) {
-  netAddress data = m_serverAddress;
-  uint16_t dataPort;
-  if (m_serverAddress.family() == AF_INET6) {
-    // Over IPv6 the data go to the control connection's server; the reply's last two numbers are
-    // the port.
+int64_t ftpStream::SizeFromReply(const std::string& reply) {
+  if (ReplyCode(reply) != 213) return -1;
+  std::vector<long> numbers = numbersAfterCode(reply);
+  return !numbers.empty() && numbers[0] >= 0 ? numbers[0] : -1;
+}
+
+bool ftpStream::PassiveAddress(const std::string& reply, const netAddress& server, netAddress& data) {
+  data = server;
+  if (server.family() == AF_INET6) {
     std::vector<long> numbers = numbersAfterCode(reply);
     if (numbers.size() < 2 || !isByte(numbers[numbers.size() - 2]) || !isByte(numbers.back())) return false;
-    dataPort = static_cast<uint16_t>(numbers[numbers.size() - 2] * 256 + numbers.back());
-    data.v6.sin6_port = htons(dataPort);
-  } else {
-    int n[6];
-    if (sscanf(reply.c_str(), "%*[^(](%d,%d,%d,%d,%d,%d)", &n[0], &n[1], &n[2], &n[3], &n[4], &n[5]) != 6)
-      return false;
-    for (int v : n)
-      if (!isByte(v)) return false;
-    char ip[32];
-    snprintf(ip, sizeof(ip), "%d.%d.%d.%d", n[0], n[1], n[2], n[3]);
-    dataPort = static_cast<uint16_t>(n[4] * 256 + n[5]);
-    // A server that announces no address of its own (0.0.0.0) is reached at the control address.
-    netAddress announced;
-    if (strcmp(ip, "0.0.0.0") != 0 && SetAddress(announced, ip, dataPort))
-      data = announced;
-    else
-      data.v4.sin_port = htons(dataPort);
+    data.v6.sin6_port = htons(static_cast<uint16_t>(numbers[numbers.size() - 2] * 256 + numbers.back()));
+    return true;
   }
+  int n[6];
+  if (sscanf(reply.c_str(), "%*[^(](%d,%d,%d,%d,%d,%d)", &n[0], &n[1], &n[2], &n[3], &n[4], &n[5]) != 6)
+    return false;
+  for (int v : n)
+    if (!isByte(v)) return false;
+  char ip[32];
+  snprintf(ip, sizeof(ip), "%d.%d.%d.%d", n[0], n[1], n[2], n[3]);
+  uint16_t dataPort = static_cast<uint16_t>(n[4] * 256 + n[5]);
+  // A server that announces no address of its own (0.0.0.0) is reached at the control address.
+  netAddress announced;
+  if (strcmp(ip, "0.0.0.0") != 0 && SetAddress(announced, ip, dataPort))
+    data = announced;
+  else
+    data.v4.sin_port = htons(dataPort);
+  return true;
+}
+
+bool ftpStream::ConnectPassive(const std::string& reply) {
+  netAddress data;
+  if (!PassiveAddress(reply, m_serverAddress, data)) return false;
   m_activeMode = false;
   return m_dataSocket.CreateStream(data.family()) && m_dataSocket.Connect(data, m_timeoutMs);
 }

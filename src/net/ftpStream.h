@@ -52,6 +52,13 @@ class ftpStream : public pipeStream, public sockFTP {
   bool UsedActiveMode() const { return m_activeMode; }
   int64_t AnnouncedSize() const { return m_size; }
 
+  // The data address a passive-mode ("227") reply names, `server` being the control connection's
+  // peer; false when the reply names none. Over IPv6 the address stays the server's and only the
+  // port comes from the reply (its last two numbers).
+  static bool PassiveAddress(const std::string& reply, const netAddress& server, netAddress& data);
+  // The size a "213" reply to SIZE gives; -1 for any other reply.
+  static int64_t SizeFromReply(const std::string& reply);
+
  private:
   bool ConnectControl(const std::string& host, uint16_t port);
   bool Login(const std::string& user, const std::string& password);

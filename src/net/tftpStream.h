@@ -25,13 +25,16 @@ class tftpStream : public pipeStream, public netSocketUDP {
 
   bool Ended() const { return m_ended; }
 
- private:
+ protected:
   enum class Outcome { Data, Retry, Fail };
 
+  // Takes one datagram (already received: ReceiveBuffer() from LastSender()) as the answer to the
+  // block `expected`. Reached by a subclass only to read datagrams without a network.
+  Outcome TakeDatagram(uint16_t expected);
+
+ private:
   // Sends `packet` and waits for the data block `expected`, sending again after each silence.
   bool Exchange(const uint8_t* packet, size_t length, uint16_t expected);
-  // Takes one datagram (already received) as the answer to the block `expected`.
-  Outcome TakeDatagram(uint16_t expected);
   bool AcknowledgeAndReceive();
   bool SendAck(uint16_t block);
   void SendUnknownTransferId(const netAddress& to);

@@ -33,14 +33,7 @@ void warnIfAfterFailed(int handled) {
   if (handled == 0) LOG_WAR("Exception occur in AfterAutoProvision function !");
 }
 
-// The record as another application sent it: at most its own size is read from the message, and
-// whatever the sender left out stays zero, so every text ends inside its field.
-AutopInfo recordFromMessage(const msgObject& msg) {
-  AutopInfo info;
-  memset(&info, 0, sizeof(info));
-  memcpy(&info, msg.GetExtraData(), std::min<size_t>(msg.GetExtraSize(), sizeof(info)));
-  return info;
-}
+AutopInfo recordFromMessage(const msgObject& msg) { return autopInfoFromBytes(msg.GetExtraData(), msg.GetExtraSize()); }
 
 void logSystemConfig() {
   LOG_IFO("To Check System Config ... ");

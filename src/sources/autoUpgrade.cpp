@@ -95,7 +95,7 @@ void autoUpgrade::setRebootHandler(std::function<void()> handler) { rebootHandle
 
 void autoUpgrade::setTranslator(const autopTranslator* table) { translatorOverride() = table; }
 
-bool autoUpgrade::UpgradeFromURL(const std::string& urlText, const AutopInfo* info) {
+ns_net::autopUrl autoUpgrade::UrlFromText(const std::string& urlText) {
   std::string text = replaceMacMarks(urlText, netGetMACText());
   // The text may carry credentials: only the masked form reaches the log.
   LOG_IFO("autoUpgrade::UpgradeFromURL(strReplaceURL=%s)", ns_net::maskedUrlText(text).c_str());
@@ -103,6 +103,11 @@ bool autoUpgrade::UpgradeFromURL(const std::string& urlText, const AutopInfo* in
   // A local path ("/tmp/local.cfg") stays a local file; any other text without a scheme is TFTP.
   if (text.find("://") == std::string::npos && (text.empty() || text[0] != '/')) text = kDefaultScheme + text;
   if (!url.Parse(text)) url.Clear();
+  return url;
+}
+
+bool autoUpgrade::UpgradeFromURL(const std::string& urlText, const AutopInfo* info) {
+  ns_net::autopUrl url = UrlFromText(urlText);
   LOG_IFO("type = %s,hostname = %s, username = %s, psw = ******, port = %d", url.scheme.c_str(), url.host.c_str(),
           url.user.c_str(), url.port);
   if (!url.IsValid()) {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "autopInfo.h"
+#include "autopUrl.h"
 
 class autopTranslator;
 
@@ -16,6 +17,9 @@ class autoUpgrade {
   // True when at least one configuration file was downloaded, whatever became of it afterwards;
   // false for an invalid URL or when nothing could be downloaded. `info` brings the request's keys.
   static bool UpgradeFromURL(const std::string& urlText, const AutopInfo* info = nullptr);
+  // The record UpgradeFromURL downloads from: "$mac" marks replaced, "tftp://" put before a text
+  // without a scheme that is no local path; cleared when the text does not parse.
+  static ns_net::autopUrl UrlFromText(const std::string& urlText);
 
   // Called when an applied item needs a reboot (the service arranges it); none by default.
   static void setRebootHandler(std::function<void()> handler);

@@ -26,6 +26,7 @@ TEST(AutopUrl, FormsAndTheirParts) {
       {"http://a:b:c@h/x", "http|a|b:c|h|-1|/x||"},
       {"http://h/a%20b", "http|||h|-1|/a%20b||"},          // escapes are kept as they stand
       {"ftp://:pw@h/f", "ftp|||h|-1|/f||"},                // a password without a user cannot travel
+      {"ftp://d%3au:a%2Fb%23c%zz@h/f", "ftp|d:u|a/b#c%zz|h|-1|/f||"},  // credentials are unescaped
       {"file:///tmp/x", "file||||-1|/tmp/x||"},
   };
   for (const auto& [text, parts] : forms) {
@@ -62,6 +63,11 @@ TEST(AutopUrl, CredentialsAndOddPartsRoundTrip) {
     autopUrl second = parsed(first.ToText());
     EXPECT_EQ(first, second) << text << " -> " << first.ToText();
   }
+  // Credentials of any characters survive the text form.
+  autopUrl login = parsed("http://h/cfg");
+  login.user = "dom:me@x";
+  login.password = "p/w?#@%41 :\n";
+  EXPECT_EQ(parsed(login.ToText()), login) << login.ToText();
 }
 
 }  // namespace
