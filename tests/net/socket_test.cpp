@@ -36,10 +36,8 @@ TEST(NetSocket, AddressTexts) {
   netAddress a;
   for (const auto& [text, port, family, length, shown] : addresses) {
     ASSERT_TRUE(netSocket::SetAddress(a, text, port)) << text;
-    EXPECT_EQ(a.family(), family);
-    EXPECT_EQ(a.length(), length);
-    EXPECT_EQ(a.port(), port);
-    EXPECT_EQ(netSocket::AddressToText(a), shown);
+    EXPECT_EQ(std::make_tuple(a.family(), a.length(), a.port(), netSocket::AddressToText(a)),
+              std::make_tuple(family, length, port, std::string(shown)));
   }
   EXPECT_FALSE(netSocket::SetAddress(a, "not an address", 1));
   EXPECT_FALSE(netSocket::SetAddress(a, "fe80::zz", 1));

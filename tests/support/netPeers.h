@@ -115,19 +115,13 @@ inline std::string readLine(int fd, int timeoutMs = 5000) {
 inline int connectTo(uint16_t port) {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in a = loopback(port);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
+  return connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0 ? fd : (close(fd), -1);
 }
 
-// Reads one request's header block.
+// Reads one request's header block (its lines up to the empty one).
 inline std::string readRequest(int fd) {
   std::string request;
-  char c;
-  while (request.find("\r\n\r\n") == std::string::npos && readable(fd, 5000) && recv(fd, &c, 1, 0) == 1)
-    request += c;
+  for (std::string line; !(line = readLine(fd)).empty();) request += line + "\r\n";
   return request;
 }
 
