@@ -21,37 +21,38 @@ namespace {
 
 std::string on(int port) { return "127.0.0.1:" + std::to_string(port) + "/"; }
 
-// One peer per stream: started once per suite, `put` serves a file, `url` names it.
-struct LocalFiles {
+// One peer per stream: started once per suite, `ready` for each test's root, `put` serves a file,
+// `url` names it.
+struct Peer {
   bool start() { return true; }
   void ready(const TempRoot&) {}
+};
+
+struct LocalFiles : Peer {
   void put(const TempRoot& root, const std::string& name, const std::string& bytes) { root.write("/srv/" + name, bytes); }
   std::string url(const std::string& name) const { return "/srv/" + name; }
   const char* missingLine = "IFO Open Stream Failed : [path = /srv/none.cfg]";
 };
 
-struct Tftp {
+struct Tftp : Peer {
   TftpServer server;
   bool start() { return server.start(); }
-  void ready(const TempRoot&) {}
   void put(const TempRoot&, const std::string& name, const std::string& bytes) { server.put(name, bytes); }
   std::string url(const std::string& name) const { return "tftp://" + on(server.port()) + name; }
   const char* missingLine = "WAR Repley code = 5";
 };
 
-struct Ftp {
+struct Ftp : Peer {
   FtpServer server;
   bool start() { return server.start(); }
-  void ready(const TempRoot&) {}
   void put(const TempRoot&, const std::string& name, const std::string& bytes) { server.put(name, bytes); }
   std::string url(const std::string& name) const { return "ftp://" + on(server.port()) + name; }
   const char* missingLine = "RETR fail";
 };
 
-struct Http {
+struct Http : Peer {
   HttpServer server;
   bool start() { return server.start(); }
-  void ready(const TempRoot&) {}
   void put(const TempRoot&, const std::string& name, const std::string& bytes) { server.put("files/" + name, bytes); }
   std::string url(const std::string& name) const { return "http://" + on(server.port()) + "files/" + name; }
   const char* missingLine = "HTTP status 404";
@@ -64,11 +65,11 @@ struct Https : Http {
   std::string url(const std::string& name) const { return "https://" + on(server.tlsPort()) + "files/" + name; }
 };
 
-template <class Peer>
+template <class Stream>
 class DownloadStreams : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    peer = new Peer;
+    peer = new Stream;
     ASSERT_TRUE(peer->start()) << "the peer did not start";
   }
   static void TearDownTestSuite() {
@@ -78,10 +79,10 @@ class DownloadStreams : public ::testing::Test {
   void SetUp() override { peer->ready(root); }
   TempRoot root;
   LogCapture log;
-  static Peer* peer;
+  static Stream* peer;
 };
-template <class Peer>
-Peer* DownloadStreams<Peer>::peer = nullptr;
+template <class Stream>
+Stream* DownloadStreams<Stream>::peer = nullptr;
 
 using Streams = ::testing::Types<LocalFiles, Tftp, Ftp, Http, Https>;
 TYPED_TEST_SUITE(DownloadStreams, Streams);

@@ -4,7 +4,6 @@
 
 #include <cctype>
 #include <cerrno>
-#include <set>
 #include <tuple>
 
 #include "device.h"
@@ -36,11 +35,9 @@ TEST_F(DeviceTest, FactsComeFromDeviceIniWithDefaults) {
 
   root->write(kHostDeviceIni,
               "[device]\nmac=00:15:65:AB:cd:EF\nip=10.1.2.3\nnetwork_state=1\nnetwork_type=3\ntime_trusted=0\n");
-  EXPECT_EQ(netGetMACText(), "001565abcdef");
-  EXPECT_EQ(netGetLocalIP(), "10.1.2.3");
-  EXPECT_EQ(netGetNetworkSta(), 1);
-  EXPECT_EQ(netGetNetworkType(), 3);
-  EXPECT_FALSE(netIsTrustedLocalTime());
+  EXPECT_EQ(std::make_tuple(netGetMACText(), netGetLocalIP(), netGetNetworkSta(), netGetNetworkType(),
+                            netIsTrustedLocalTime()),
+            std::make_tuple(std::string("001565abcdef"), std::string("10.1.2.3"), 1, 3, false));
 
   // A broken MAC is not used.
   root->write(kHostDeviceIni, "[device]\nmac=not-a-mac\nnetwork_state=x\n");
@@ -48,7 +45,6 @@ TEST_F(DeviceTest, FactsComeFromDeviceIniWithDefaults) {
   EXPECT_NE(netGetMACText(), "not-a-mac");
   EXPECT_EQ(netGetNetworkSta(), 2);
 
-  EXPECT_EQ(netGetLocalTime(), fakeClock.nowSeconds());
   fakeClock.advanceMs(5000);
   EXPECT_EQ(netGetLocalTime(), 1700000005);
 }
@@ -80,30 +76,23 @@ TEST_F(DeviceTest, BootEnvironmentPersistsAtomically) {
 }
 
 TEST_F(DeviceTest, PasswordProtectionRoundTripsAndHidesThePlainText) {
-  std::set<std::string> seen;
   for (const std::string& plain : {std::string(""), std::string("admin"), std::string(15, 'p'), std::string(16, 'q'),
                                   std::string("pässwörd with blanks & = ; #"), std::string(1000, 'x')}) {
     std::string protectedText, back;
     ASSERT_EQ(pw_data_encrypt(plain, protectedText), 0);
     EXPECT_EQ(protectedText.compare(0, 4, "ENC:"), 0);
-    if (!plain.empty()) {
-      EXPECT_EQ(protectedText.find(plain), std::string::npos);
-    }
     EXPECT_EQ(protectedText.find('\n'), std::string::npos);
+    EXPECT_TRUE(plain.empty() || protectedText.find(plain) == std::string::npos);
     ASSERT_EQ(pw_data_decrypt(protectedText, back), 0);
     EXPECT_EQ(back, plain);
-    EXPECT_TRUE(seen.insert(protectedText).second);
   }
-  std::string a, b;
+  std::string a, b, out = "untouched";
   pw_data_encrypt("same", a);
   pw_data_encrypt("same", b);
   EXPECT_NE(a, b);  // a fresh IV each time
-
-  std::string out = "untouched";
-  for (const char* bad : {"", "admin", "ENC:", "ENC:!!!!", "ENC:QUJD", "ENC:AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA"})
+  for (const std::string& bad : {std::string(""), std::string("admin"), std::string("ENC:"), std::string("ENC:!!!!"),
+                                 std::string("ENC:QUJD"), "ENC:" + std::string(44, 'A'), a.substr(0, a.size() - 4)})
     EXPECT_EQ(pw_data_decrypt(bad, out), -1) << bad;
-  std::string truncated = a.substr(0, a.size() - 4);
-  EXPECT_EQ(pw_data_decrypt(truncated, out), -1);
   EXPECT_EQ(out, "untouched");
 }
 
@@ -112,8 +101,7 @@ TEST_F(DeviceTest, TraceGoesToTheLog) {
   brisaTrace(2, "app [%s] is gone", "app_vpPhone");
   brisaTrace(4, "plain %d", 7);
   EXPECT_TRUE(capture.contains("[./platform/trace"));
-  EXPECT_TRUE(capture.contains("ERR app [app_vpPhone] is gone\n"));
-  EXPECT_TRUE(capture.contains("IFO plain 7\n"));
+  EXPECT_TRUE(capture.contains("ERR app [app_vpPhone] is gone\n") && capture.contains("IFO plain 7\n"));
 
   errno = ENOENT;
   EXPECT_EQ(brisaTransLastError(), "No such file or directory");

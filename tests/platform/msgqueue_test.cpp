@@ -20,15 +20,28 @@ using namespace testing_support;
 
 namespace {
 
-struct Seen {
-  uint32_t id, wParam, lParam;
-  std::string extra;
-};
+// What a thread saw of a message: "id wParam lParam extra" (the extra bytes as they came).
+std::string seenText(uint32_t id, uint32_t wParam, uint32_t lParam, const std::string& extra = "") {
+  char head[48];
+  snprintf(head, sizeof(head), "%#x %u %u ", id, wParam, lParam);
+  return head + extra;
+}
 
-// A thread that records what it receives and answers synchronous messages with id + 1.
+// A thread that records what it receives and answers synchronous messages with id + 1; launched and
+// run on a std::thread of its own unless the test runs its loop itself.
 class RecordingThread : public chThreadLocal {
  public:
-  explicit RecordingThread(const char* name) : chThreadLocal(name) {}
+  explicit RecordingThread(const char* name, bool background = true) : chThreadLocal(name) {
+    if (!background) return;
+    EXPECT_TRUE(Launch());
+    runner_ = std::thread([this] { Run(); });
+  }
+  ~RecordingThread() override { stop(); }
+  void stop() {
+    if (!runner_.joinable()) return;
+    Quit(0);
+    runner_.join();
+  }
   bool TryThreadMessage(msgObject& msg) override {
     if (msg.message == MSG_THREAD_TIMER) {
       ++timerFires;
@@ -37,36 +50,21 @@ class RecordingThread : public chThreadLocal {
     }
     std::lock_guard<std::mutex> lock(mutex);
     const char* extra = static_cast<const char*>(msg.GetExtraData());
-    seen.push_back({msg.message, msg.wParam, msg.lParam, extra ? std::string(extra, msg.GetExtraSize()) : ""});
+    seen.push_back(seenText(msg.message, msg.wParam, msg.lParam, extra ? std::string(extra, msg.GetExtraSize()) : ""));
     msg.ReplyMessage(static_cast<int32_t>(msg.message + 1));
     if (msg.message == 0x999) Quit(7);
     return true;
   }
-  std::vector<Seen> snapshot() {
+  std::vector<std::string> snapshot() {
     std::lock_guard<std::mutex> lock(mutex);
     return seen;
   }
   std::mutex mutex;
-  std::vector<Seen> seen;
+  std::vector<std::string> seen;
   std::atomic<int> timerFires{0};
   int stopAfterTimers = -1;
-};
-
-// Runs a thread's loop on a std::thread for the life of the object.
-class RunningThread {
- public:
-  explicit RunningThread(RecordingThread& t) : thread_(t) {
-    EXPECT_TRUE(t.Launch());
-    runner_ = std::thread([this] { exitCode = thread_.Run(); });
-  }
-  ~RunningThread() {
-    thread_.Quit(0);
-    runner_.join();
-  }
-  int exitCode = -1;
 
  private:
-  RecordingThread& thread_;
   std::thread runner_;
 };
 
@@ -89,32 +87,22 @@ TEST_F(MsgQueueTest, PostSendAndBroadcastWithinOneProcess) {
   RecordingThread phone("app_vpPhone");
   RecordingThread screen("app_vpScreen");
   const char text[] = "http://10.0.0.1/cfg";
-  {
-    RunningThread runPhone(phone);
-    RunningThread runScreen(screen);
+  EXPECT_EQ(msgGetThreadByName("app_vpPhone"), "app_vpPhone");
+  EXPECT_EQ(msgGetThreadByName("app_nothing"), "");
+  EXPECT_EQ(msgGetThreadByName("../escape"), "");
+  EXPECT_TRUE(msgPostMsgToThreadEx("app_vpPhone", 0xc0001, 1, 2, sizeof(text), text));
+  EXPECT_EQ(msgSendMsgToThreadTimeoutEx("app_vpPhone", 0x30007, 0, 1, 0, nullptr, 2000), 0x30008);
+  EXPECT_EQ(msgBroadpostThreadMsg(0x10201, 0, 1), 2);
+  // A post to a thread nobody launched fails instead of hanging.
+  EXPECT_FALSE(msgPostMsgToThread("app_tr069", 1, 0, 0));
+  EXPECT_EQ(msgSendMsgToThreadTimeoutEx("app_tr069", 1, 0, 0, 0, nullptr, 100), 0);
 
-    EXPECT_EQ(msgGetThreadByName("app_vpPhone"), "app_vpPhone");
-    EXPECT_EQ(msgGetThreadByName("app_nothing"), "");
-    EXPECT_EQ(msgGetThreadByName("../escape"), "");
-
-    EXPECT_TRUE(msgPostMsgToThreadEx("app_vpPhone", 0xc0001, 1, 2, sizeof(text), text));
-    EXPECT_EQ(msgSendMsgToThreadTimeoutEx("app_vpPhone", 0x30007, 0, 1, 0, nullptr, 2000), 0x30008);
-    EXPECT_EQ(msgBroadpostThreadMsg(0x10201, 0, 1), 2);
-    // A post to a thread nobody launched fails instead of hanging.
-    EXPECT_FALSE(msgPostMsgToThread("app_tr069", 1, 0, 0));
-    EXPECT_EQ(msgSendMsgToThreadTimeoutEx("app_tr069", 1, 0, 0, 0, nullptr, 100), 0);
-
-    for (int i = 0; i < 200 && (phone.snapshot().size() < 3 || screen.snapshot().empty()); ++i) usleep(10000);
-  }
-  auto seen = phone.snapshot();
-  ASSERT_EQ(seen.size(), 3u);
-  EXPECT_EQ(seen[0].id, 0xc0001u);
-  EXPECT_EQ(seen[0].extra, std::string(text, sizeof(text)));  // copied with its terminating zero
-  EXPECT_EQ(seen[1].id, 0x30007u);
-  EXPECT_EQ(seen[1].lParam, 1u);
-  EXPECT_EQ(seen[2].id, 0x10201u);
-  ASSERT_EQ(screen.snapshot().size(), 1u);
-  EXPECT_EQ(screen.snapshot()[0].id, 0x10201u);
+  for (int i = 0; i < 200 && (phone.snapshot().size() < 3 || screen.snapshot().empty()); ++i) usleep(10000);
+  phone.stop();
+  screen.stop();
+  EXPECT_EQ(phone.snapshot(), (std::vector<std::string>{seenText(0xc0001, 1, 2, std::string(text, sizeof(text))),
+                                                        seenText(0x30007, 0, 1), seenText(0x10201, 0, 1)}));
+  EXPECT_EQ(screen.snapshot(), std::vector<std::string>{seenText(0x10201, 0, 1)});
   // Shut down: the name is no longer reachable.
   phone.Shutdown();
   EXPECT_EQ(msgGetThreadByName("app_vpPhone"), "");
@@ -142,21 +130,15 @@ TEST_F(MsgQueueTest, ExchangeWithAnotherProcess) {
 
   // And the other way round: a thread of ours answers msgctl's send, broadcast reaches it too.
   RecordingThread self("provisor");
-  {
-    RunningThread run(self);
-    std::string reply;
-    EXPECT_EQ(runCommand(msgctl + " send provisor 0xa0001 7 8 --extra hi", &reply), 0);
-    EXPECT_EQ(reply, std::to_string(0xa0002) + "\n");
-    EXPECT_EQ(runCommand(msgctl + " broadcast 0x10201 0 1"), 0);
-    EXPECT_EQ(runCommand(msgctl + " send app_none 1", &reply), 1);
-    EXPECT_EQ(reply, "msgctl: no thread named app_none\n");
-    for (int i = 0; i < 200 && self.snapshot().size() < 2; ++i) usleep(10000);
-  }
-  auto seen = self.snapshot();
-  ASSERT_EQ(seen.size(), 2u);
-  EXPECT_EQ(seen[0].extra, std::string("hi", 3));
-  EXPECT_EQ(seen[0].wParam, 7u);
-  EXPECT_EQ(seen[1].id, 0x10201u);
+  std::string reply;
+  EXPECT_EQ(runCommand(msgctl + " send provisor 0xa0001 7 8 --extra hi", &reply), 0);
+  EXPECT_EQ(reply, std::to_string(0xa0002) + "\n");
+  EXPECT_EQ(runCommand(msgctl + " broadcast 0x10201 0 1"), 0);
+  EXPECT_EQ(runCommand(msgctl + " send app_none 1", &reply), 1);
+  EXPECT_EQ(reply, "msgctl: no thread named app_none\n");
+  for (int i = 0; i < 200 && self.snapshot().size() < 2; ++i) usleep(10000);
+  EXPECT_EQ(self.snapshot(),
+            (std::vector<std::string>{seenText(0xa0001, 7, 8, std::string("hi", 3)), seenText(0x10201, 0, 1)}));
 }
 
 TEST_F(MsgQueueTest, SendToAThreadThatDoesNotAnswerReturnsZeroAfterItsTimeOut) {
@@ -171,27 +153,23 @@ TEST_F(MsgQueueTest, SendToAThreadThatDoesNotAnswerReturnsZeroAfterItsTimeOut) {
 
 TEST_F(MsgQueueTest, MalformedDatagramsAreDroppedAndTheThreadGoesOn) {
   RecordingThread phone("app_vpPhone");
-  {
-    RunningThread run(phone);
-    sockaddr_un addr;
-    int fd = queueSocket("app_vpPhone", addr);
-    const char junk[] = {1, 2, 3};
-    sendto(fd, junk, sizeof(junk), 0, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-    std::vector<char> liar(64, 0);
-    uint32_t header[8] = {0x4d534751, 1, 5, 0, 0, 0, 0xffffff, 0};  // extra size beyond the datagram
-    memcpy(liar.data(), header, sizeof(header));
-    sendto(fd, liar.data(), liar.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-    close(fd);
-    EXPECT_EQ(msgSendMsgToThreadTimeoutEx("app_vpPhone", 0x42, 0, 0, 0, nullptr, 2000), 0x43);
-  }
-  ASSERT_EQ(phone.snapshot().size(), 1u);
-  EXPECT_EQ(phone.snapshot()[0].id, 0x42u);
+  sockaddr_un addr;
+  int fd = queueSocket("app_vpPhone", addr);
+  const char junk[] = {1, 2, 3};
+  sendto(fd, junk, sizeof(junk), 0, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+  std::vector<char> liar(64, 0);
+  uint32_t header[8] = {0x4d534751, 1, 5, 0, 0, 0, 0xffffff, 0};  // extra size beyond the datagram
+  memcpy(liar.data(), header, sizeof(header));
+  sendto(fd, liar.data(), liar.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+  close(fd);
+  EXPECT_EQ(msgSendMsgToThreadTimeoutEx("app_vpPhone", 0x42, 0, 0, 0, nullptr, 2000), 0x43);
+  EXPECT_EQ(phone.snapshot(), std::vector<std::string>{seenText(0x42, 0, 0)});
 }
 
 TEST_F(MsgQueueTest, TimersRepeatOnTheFakeClockAndQuitEndsTheLoop) {
   FakeClock fake;
   Clock* previous = setClock(&fake);
-  RecordingThread thread("timer_owner");
+  RecordingThread thread("timer_owner", false);
   thread.stopAfterTimers = 3;
   uCSystemShareHelper::CreateLocalThread(thread);
   chThreadTimer timer;

@@ -19,62 +19,43 @@ class TimerThread : public chThreadLocal {
     if (msg.wParam == quitId_) Quit(0);
     return true;
   }
-  struct Fire {
-    uint32_t id;
-    uint64_t atMs;
-  };
-  std::vector<Fire> fired;
+  std::vector<std::pair<uint32_t, uint64_t>> fired;  // timer id, fake time
 
  private:
   FakeClock& clock_;
   uint32_t quitId_;
 };
 
-class ThreadTimerTest : public ::testing::Test {
- protected:
-  void SetUp() override { previous_ = setClock(&clock); }
-  void TearDown() override { setClock(previous_); }
+TEST(ThreadTimer, LongIntervalsWaitInFullOneShotsFireOnceRepeatersUntilKilled) {
   FakeClock clock;
-
- private:
-  Clock* previous_ = nullptr;
-};
-
-constexpr uint32_t kLong = 1, kOneShot = 2, kQuit = 3;
-
-TEST_F(ThreadTimerTest, IntervalsPastTwoToTheThirtyFirstWaitTheirFullTimeAndOneShotsFireOnce) {
+  Clock* previous = setClock(&clock);
+  constexpr uint32_t kLong = 1, kOneShot = 2, kRepeat = 3, kQuit = 4;
   TimerThread thread(clock, kQuit);
   uCSystemShareHelper::CreateLocalThread(thread);
-  const uint64_t longMs = (uint64_t{1} << 31) + 5000;  // about 24.9 days
+  const uint64_t longMs = (uint64_t{1} << 31) + 5000;  // about 24.9 days, past a 32-bit signed count
   ASSERT_TRUE(timerSetThreadTimer(kLong, longMs, false));
   ASSERT_TRUE(timerSetThreadTimer(kOneShot, 1000, false));
+  ASSERT_TRUE(timerSetThreadTimer(kRepeat, 1500, true));
+  ASSERT_TRUE(timerSetThreadTimer(kQuit, 5000, false));
+  EXPECT_EQ(thread.Run(), 0);
+  EXPECT_TRUE(thread.IsThreadTimerArmed(kRepeat));
+  EXPECT_TRUE(timerKillThreadTimer(kRepeat));
+  EXPECT_FALSE(thread.IsThreadTimerArmed(kRepeat));
+  EXPECT_FALSE(thread.IsThreadTimerArmed(kOneShot));
+  EXPECT_TRUE(thread.IsThreadTimerArmed(kLong));
+
+  // Then the long one, alone, at its full time.
   ASSERT_TRUE(timerSetThreadTimer(kQuit, longMs + 1000, false));
   EXPECT_EQ(thread.Run(), 0);
   uCSystemShareHelper::DestroyLocalThread(thread);
+  setClock(previous);
 
-  ASSERT_EQ(thread.fired.size(), 3u);
-  EXPECT_EQ(thread.fired[0].id, kOneShot);
-  EXPECT_GE(thread.fired[0].atMs, 1000u);
-  EXPECT_LT(thread.fired[0].atMs, longMs);
-  EXPECT_EQ(thread.fired[1].id, kLong);
-  EXPECT_GE(thread.fired[1].atMs, longMs);
-  EXPECT_EQ(thread.fired[2].id, kQuit);
+  std::vector<uint32_t> order;
+  for (const auto& [id, atMs] : thread.fired) order.push_back(id);
+  EXPECT_EQ(order, (std::vector<uint32_t>{kOneShot, kRepeat, kRepeat, kRepeat, kQuit, kLong, kQuit}));
+  EXPECT_GE(thread.fired[0].second, 1000u);
+  EXPECT_GE(thread.fired[5].second, longMs);
   EXPECT_FALSE(thread.IsThreadTimerArmed(kLong));
-  EXPECT_FALSE(thread.IsThreadTimerArmed(kOneShot));
-}
-
-TEST_F(ThreadTimerTest, RepeatingTimersFireUntilKilled) {
-  TimerThread thread(clock, kQuit);
-  uCSystemShareHelper::CreateLocalThread(thread);
-  ASSERT_TRUE(timerSetThreadTimer(kLong, 1000, true));
-  ASSERT_TRUE(timerSetThreadTimer(kQuit, 3500, false));
-  EXPECT_EQ(thread.Run(), 0);
-  EXPECT_TRUE(thread.IsThreadTimerArmed(kLong));
-  EXPECT_TRUE(timerKillThreadTimer(kLong));
-  EXPECT_FALSE(thread.IsThreadTimerArmed(kLong));
-  uCSystemShareHelper::DestroyLocalThread(thread);
-  ASSERT_EQ(thread.fired.size(), 4u);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(thread.fired[i].id, kLong);
 }
 
 }  // namespace

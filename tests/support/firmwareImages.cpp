@@ -1,9 +1,6 @@
 #include "firmwareImages.h"
 #include "launcher.h"
 
-#include <fstream>
-#include <sstream>
-
 namespace testing_support {
 
 namespace {
@@ -15,9 +12,8 @@ const char* kMakeKeys =
 }  // namespace
 
 FirmwareKit::FirmwareKit(const TempRoot& root) : dir_("fwkit") {
-  ready_ = runCommand("cd '" + dir_.path() + "' && " + kMakeKeys) == 0 &&
-           runCommand("mkdir -p '" + root.host("/phone/keys") + "' && cp '" + dir_.file("pub.pem") + "' '" +
-                      root.host("/phone/keys/firmware.pem") + "'") == 0;
+  ready_ = runCommand("cd '" + dir_.path() + "' && " + kMakeKeys) == 0;
+  root.write("/phone/keys/firmware.pem", readHostFile(dir_.file("pub.pem")));
 }
 
 std::string FirmwareKit::image(const std::string& family, const std::string& payload, bool foreignKey) const {
@@ -31,10 +27,7 @@ std::string FirmwareKit::image(const std::string& family, const std::string& pay
     ADD_FAILURE() << "image build failed: " << out;
     return "";
   }
-  std::ifstream in(dir_.file("image.rom"), std::ios::binary);
-  std::stringstream bytes;
-  bytes << in.rdbuf();
-  return bytes.str();
+  return readHostFile(dir_.file("image.rom"));
 }
 
 }  // namespace testing_support

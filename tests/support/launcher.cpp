@@ -14,6 +14,12 @@ std::string shellQuoted(const std::string& word) {
   return quoted + "'";
 }
 
+std::string commandOf(const std::vector<std::string>& argv) {
+  std::string command;
+  for (const std::string& word : argv) command += (command.empty() ? "" : " ") + shellQuoted(word);
+  return command;
+}
+
 }  // namespace
 
 std::vector<std::string> programArgv(const std::string& name, const std::vector<std::string>& args) {
@@ -22,16 +28,6 @@ std::vector<std::string> programArgv(const std::string& name, const std::vector<
   argv.insert(argv.end(), args.begin(), args.end());
   return argv;
 }
-
-namespace {
-
-std::string commandOf(const std::vector<std::string>& argv) {
-  std::string command;
-  for (const std::string& word : argv) command += (command.empty() ? "" : " ") + shellQuoted(word);
-  return command;
-}
-
-}  // namespace
 
 std::string programCommand(const std::string& name) { return commandOf(programArgv(name)); }
 

@@ -32,16 +32,20 @@ inline bool readable(int fd, int timeoutMs) {
   return poll(&pfd, 1, timeoutMs) > 0;
 }
 
+// A socket of `type` bound to a free port on 127.0.0.1.
+inline int boundSocket(int type, uint16_t& port) {
+  int fd = socket(AF_INET, type, 0);
+  sockaddr_in a = loopback(0);
+  socklen_t len = sizeof(a);
+  bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
+  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  port = ntohs(a.sin_port);
+  return fd;
+}
+
 class UdpPeer {
  public:
-  UdpPeer() {
-    fd_ = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a = loopback(0);
-    bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-    socklen_t len = sizeof(a);
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len);
-    port_ = ntohs(a.sin_port);
-  }
+  UdpPeer() : fd_(boundSocket(SOCK_DGRAM, port_)) {}
   ~UdpPeer() { close(fd_); }
   UdpPeer(const UdpPeer&) = delete;
   UdpPeer& operator=(const UdpPeer&) = delete;
@@ -62,8 +66,8 @@ class UdpPeer {
   }
 
  private:
-  int fd_ = -1;
-  uint16_t port_ = 0;
+  uint16_t port_ = 0;  // set while fd_ is made, so declared first
+  int fd_;
 };
 
 inline std::string be16(uint16_t v) { return std::string{static_cast<char>(v >> 8), static_cast<char>(v & 0xff)}; }
@@ -75,17 +79,7 @@ inline std::string tftpRequest(const std::string& name) { return be16(1) + name 
 // A TCP listener on 127.0.0.1 and the connections it accepts.
 class TcpPeer {
  public:
-  TcpPeer() {
-    listenFd_ = socket(AF_INET, SOCK_STREAM, 0);
-    int one = 1;
-    setsockopt(listenFd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-    sockaddr_in a = loopback(0);
-    bind(listenFd_, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-    listen(listenFd_, 4);
-    socklen_t len = sizeof(a);
-    getsockname(listenFd_, reinterpret_cast<sockaddr*>(&a), &len);
-    port_ = ntohs(a.sin_port);
-  }
+  TcpPeer() : listenFd_(boundSocket(SOCK_STREAM, port_)) { listen(listenFd_, 4); }
   ~TcpPeer() { close(listenFd_); }
   TcpPeer(const TcpPeer&) = delete;
   TcpPeer& operator=(const TcpPeer&) = delete;
@@ -97,8 +91,8 @@ class TcpPeer {
   }
 
  private:
-  int listenFd_ = -1;
-  uint16_t port_ = 0;
+  uint16_t port_ = 0;  // set while listenFd_ is made, so declared first
+  int listenFd_;
 };
 
 inline void sendText(int fd, const std::string& text) { send(fd, text.data(), text.size(), MSG_NOSIGNAL); }
@@ -121,19 +115,13 @@ inline std::string readLine(int fd, int timeoutMs = 5000) {
 inline int connectTo(uint16_t port) {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in a = loopback(port);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
+  return connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0 ? fd : (close(fd), -1);
 }
 
-// Reads one request's header block.
+// Reads one request's header block (its lines up to the empty one).
 inline std::string readRequest(int fd) {
   std::string request;
-  char c;
-  while (request.find("\r\n\r\n") == std::string::npos && readable(fd, 5000) && recv(fd, &c, 1, 0) == 1)
-    request += c;
+  for (std::string line; !(line = readLine(fd)).empty();) request += line + "\r\n";
   return request;
 }
 

@@ -7,8 +7,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -35,10 +33,7 @@ inline void rerunInOwnNetwork() {
 // The plug-and-play server that sipp plays (data/sipp/pnp-server.xml), sending `url` to the phone
 // whose MAC text is `mac`.
 inline std::string pnpServerScenario(const std::string& mac, const std::string& url) {
-  std::ifstream in(std::string(PROVISOR_SOURCE_DIR) + "/data/sipp/pnp-server.xml");
-  std::stringstream text;
-  text << in.rdbuf();
-  std::string scenario = text.str();
+  std::string scenario = readHostFile(std::string(PROVISOR_SOURCE_DIR) + "/data/sipp/pnp-server.xml");
   for (const auto& [mark, value] : {std::pair<std::string, std::string>{"@MAC@", mac}, {"@URL@", url}})
     for (size_t at; (at = scenario.find(mark)) != std::string::npos;) scenario.replace(at, mark.size(), value);
   return scenario;

@@ -27,32 +27,27 @@ namespace {
 
 using Steady = std::chrono::steady_clock;
 
-void writeFile(const std::string& path, const std::string& contents) {
-  for (size_t pos = 0; (pos = path.find('/', pos + 1)) != std::string::npos;) mkdir(path.substr(0, pos).c_str(), 0755);
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
-  chmod(path.c_str(), 0644);
-}
-
-sockaddr_in loopback4(int port) {
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(port));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return a;
-}
-
-// A UDP server is up once it answers a request for a file that does not exist.
-bool waitTftp(int port, int timeoutMs) {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  if (fd < 0) return false;
-  sockaddr_in to = loopback4(port);
-  static const char request[] = "\0\001__probe__\0octet";  // with the final zero
-  auto deadline = Steady::now() + std::chrono::milliseconds(timeoutMs);
-  bool up = false;
-  while (!up && Steady::now() < deadline) {
-    sendto(fd, request, sizeof(request), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
+// Whether `port` on loopback answers: a UDP server with any reply to a request for a missing file,
+// a TCP one by accepting.
+bool answers(int port, int type, bool ipv6 = false) {
+  sockaddr_in6 to6{};
+  to6.sin6_family = AF_INET6;
+  to6.sin6_port = htons(static_cast<uint16_t>(port));
+  to6.sin6_addr = in6addr_loopback;
+  sockaddr_in to4{};
+  to4.sin_family = AF_INET;
+  to4.sin_port = to6.sin6_port;
+  to4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr* to = ipv6 ? reinterpret_cast<sockaddr*>(&to6) : reinterpret_cast<sockaddr*>(&to4);
+  socklen_t length = ipv6 ? sizeof(to6) : sizeof(to4);
+  int fd = socket(to->sa_family, type, 0);
+  bool up;
+  if (type == SOCK_DGRAM) {  // the answer comes from another port: no connected socket
+    static const char request[] = "\0\001__probe__\0octet";  // with the final zero
     pollfd pfd{fd, POLLIN, 0};
-    if (poll(&pfd, 1, 100) > 0) up = true;
+    up = sendto(fd, request, sizeof(request), 0, to, length) > 0 && poll(&pfd, 1, 100) > 0;
+  } else {
+    up = connect(fd, to, length) == 0;
   }
   close(fd);
   return up;
@@ -60,26 +55,16 @@ bool waitTftp(int port, int timeoutMs) {
 
 }  // namespace
 
-// ---------------------------------------------------------------------------------------------
-
-ScratchDir::ScratchDir(const std::string& tag) {
-  std::string pattern = "/tmp/provisor-" + tag + "-XXXXXX";
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  if (mkdtemp(buffer.data())) path_ = buffer.data();
-  chmod(path_.c_str(), 0755);  // servers drop to unprivileged users that must reach their files
+bool pollFor(const std::function<bool()>& done, int timeoutMs) {
+  for (auto deadline = Steady::now() + std::chrono::milliseconds(timeoutMs); Steady::now() < deadline;) {
+    if (done()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return false;
 }
 
-ScratchDir::~ScratchDir() {
-  if (!path_.empty() && path_.rfind("/tmp/provisor-", 0) == 0 && !getenv("PROVISOR_KEEP_ROOT"))
-    runCommand("rm -rf '" + path_ + "'");
-}
-
-void ScratchDir::write(const std::string& relative, const std::string& contents) const {
-  writeFile(file(relative), contents);
-}
-
-bool ServerProcess::start(const std::vector<std::string>& argv, const std::string& logFile) {
+bool ServerProcess::start(const std::vector<std::string>& argv, const std::string& logFile,
+                          const std::vector<std::string>& env) {
   stop();
   pid_t parent = getpid();
   pid_t pid = fork();
@@ -89,13 +74,10 @@ bool ServerProcess::start(const std::vector<std::string>& argv, const std::strin
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != parent) _exit(127);
     int log = open(logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    if (log >= 0) {
-      dup2(log, STDOUT_FILENO);
-      dup2(log, STDERR_FILENO);
-      close(log);
-    }
-    int null = open("/dev/null", O_RDONLY);
-    if (null >= 0) dup2(null, STDIN_FILENO);
+    dup2(log, STDOUT_FILENO);
+    dup2(log, STDERR_FILENO);
+    dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+    for (const std::string& word : env) putenv(const_cast<char*>(word.c_str()));
     std::vector<char*> args;
     for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
@@ -103,23 +85,33 @@ bool ServerProcess::start(const std::vector<std::string>& argv, const std::strin
     _exit(127);
   }
   pid_ = pid;
+  status_ = -1;
   return true;
 }
 
-void ServerProcess::stop() {
-  if (pid_ <= 0) return;
-  kill(pid_, SIGTERM);
-  auto deadline = Steady::now() + std::chrono::seconds(3);
-  int status;
-  while (waitpid(pid_, &status, WNOHANG) == 0) {
-    if (Steady::now() > deadline) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, &status, 0);
-      break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+int ServerProcess::wait(int timeoutMs) {
+  if (pid_ <= 0) return -1;
+  auto reaped = [&] {
+    pid_t r = waitpid(pid_, &status_, WNOHANG);
+    if (r < 0) status_ = 0xff00;  // not ours to wait for any more: exit status 255, never signalled
+    return r != 0;
+  };
+  if (status_ == -1 && !pollFor(reaped, timeoutMs)) {
+    status_ = -1;
+    return -2;
   }
-  pid_ = -1;
+  return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
+}
+
+int ServerProcess::stop(int signal, int timeoutMs) {
+  if (running()) kill(pid_, signal);
+  int result = wait(timeoutMs);
+  if (result == -2) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, &status_, 0);
+    return -1;
+  }
+  return result;
 }
 
 std::string testBytes(size_t size, unsigned seed) {
@@ -129,27 +121,8 @@ std::string testBytes(size_t size, unsigned seed) {
   return bytes;
 }
 
-bool waitTcpPort(int port, int timeoutMs, bool ipv6) {
-  sockaddr_in to4 = loopback4(port);
-  sockaddr_in6 to6{};
-  to6.sin6_family = AF_INET6;
-  to6.sin6_port = htons(static_cast<uint16_t>(port));
-  to6.sin6_addr = in6addr_loopback;
-  sockaddr* to = ipv6 ? reinterpret_cast<sockaddr*>(&to6) : reinterpret_cast<sockaddr*>(&to4);
-  socklen_t length = ipv6 ? sizeof(to6) : sizeof(to4);
-  for (auto deadline = Steady::now() + std::chrono::milliseconds(timeoutMs); Steady::now() < deadline;) {
-    int fd = socket(to->sa_family, SOCK_STREAM, 0);
-    int rc = connect(fd, to, length);
-    close(fd);
-    if (rc == 0) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return false;
-}
-
 bool ipv6LoopbackAvailable() {
   int fd = socket(AF_INET6, SOCK_STREAM, 0);
-  if (fd < 0) return false;
   sockaddr_in6 local{};
   local.sin6_family = AF_INET6;
   local.sin6_addr = in6addr_loopback;
@@ -158,18 +131,14 @@ bool ipv6LoopbackAvailable() {
   return ok;
 }
 
-// ---------------------------------------------------------------------------------------------
-
 TftpServer::TftpServer() : dir_("tftp") { mkdir(dir_.file("files").c_str(), 0755); }
 
 bool TftpServer::start() {
   port_ = freePort(true);
   std::vector<std::string> argv = {"/usr/sbin/in.tftpd", "--foreground", "--listen", "--user", "root",
                                    "--address", "127.0.0.1:" + std::to_string(port_), "--secure", dir()};
-  return process_.start(argv, dir_.file("tftpd.log")) && waitTftp(port_, 5000);
+  return process_.start(argv, dir_.file("tftpd.log")) && pollFor([&] { return answers(port_, SOCK_DGRAM); }, 5000);
 }
-
-// ---------------------------------------------------------------------------------------------
 
 FtpServer::FtpServer() : dir_("ftp") { mkdir(dir_.file("files").c_str(), 0755); }
 
@@ -190,12 +159,10 @@ bool FtpServer::start(const Options& options) {
   mkdir("/var/run/vsftpd", 0755);
   mkdir("/var/run/vsftpd/empty", 0755);
   return process_.start({"/usr/sbin/vsftpd", dir_.file("vsftpd.conf")}, dir_.file("server.out")) &&
-         waitTcpPort(port_, 5000, options.ipv6);
+         pollFor([&] { return answers(port_, SOCK_STREAM, options.ipv6); }, 5000);
 }
 
 std::string FtpServer::log() const { return readHostFile(dir_.file("vsftpd.log")); }
-
-// ---------------------------------------------------------------------------------------------
 
 TestCa::TestCa(const std::string& name) : name_(name), dir_("ca") {}
 
@@ -219,8 +186,6 @@ bool TestCa::issueServerCertificate(const std::string& base) const {
                         base + ".ext";
   return runCommand(command) == 0;
 }
-
-// ---------------------------------------------------------------------------------------------
 
 HttpServer::HttpServer() : dir_("http") { mkdir(dir_.file("www").c_str(), 0755); }
 
@@ -249,7 +214,7 @@ bool HttpServer::start(const TestCa* ca, const TestCa* otherCa) {
   dir_.write("nginx.conf", conf + "}\n");
   bool started = process_.start({"/usr/sbin/nginx", "-p", d, "-c", d + "/nginx.conf", "-g", "daemon off;"},
                                 dir_.file("server.out"));
-  for (int port : {port_, tlsPort_, otherTlsPort_}) started = started && (port < 0 || waitTcpPort(port, 5000));
+  for (int port : {port_, tlsPort_, otherTlsPort_}) started = started && (port < 0 || pollFor([&] { return answers(port, SOCK_STREAM); }, 5000));
   return started;
 }
 

@@ -9,49 +9,45 @@
 // checked by the scripted servers of the tests instead.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "testRoot.h"
+
 namespace testing_support {
 
-// A throw-away directory (removed with everything in it).
-class ScratchDir {
- public:
-  explicit ScratchDir(const std::string& tag);
-  ~ScratchDir();
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
-  const std::string& path() const { return path_; }
-  // Writes a file (parents created), mode 0644.
-  void write(const std::string& relative, const std::string& contents) const;
-  std::string file(const std::string& relative) const { return path_ + "/" + relative; }
-
- private:
-  std::string path_;
-};
-
-// A child process with its output in a log file; SIGTERM then SIGKILL on stop.
+// A child process with its output appended to a log file. The process is our own child and only
+// ever signalled while it has not been reaped, so a reused id is never hit.
 class ServerProcess {
  public:
   ServerProcess() = default;
   ~ServerProcess() { stop(); }
   ServerProcess(const ServerProcess&) = delete;
   ServerProcess& operator=(const ServerProcess&) = delete;
-  bool start(const std::vector<std::string>& argv, const std::string& logFile);
-  void stop();
-  bool running() const { return pid_ > 0; }
+  // `env` holds "NAME=value" words added to the child's environment.
+  bool start(const std::vector<std::string>& argv, const std::string& logFile,
+             const std::vector<std::string>& env = {});
+  // Waits up to `timeoutMs` for the exit: its status, -1 when it did not exit normally, -2 when it
+  // still runs.
+  int wait(int timeoutMs);
+  // Sends `signal` (unless it already ended), SIGKILL after `timeoutMs`; as wait().
+  int stop(int signal = SIGTERM, int timeoutMs = 3000);
+  bool running() const { return pid_ > 0 && status_ == -1; }
   pid_t pid() const { return pid_; }
 
  private:
   pid_t pid_ = -1;
+  int status_ = -1;
 };
 
 // Random bytes of the given size (deterministic per seed).
 std::string testBytes(size_t size, unsigned seed = 1);
-// Waits until a TCP port on 127.0.0.1 (or ::1) accepts connections.
-bool waitTcpPort(int port, int timeoutMs, bool ipv6 = false);
+// Polls `done` every 10 ms of real time until it holds (true) or `timeoutMs` passed (false).
+bool pollFor(const std::function<bool()>& done, int timeoutMs);
 // Whether this machine can use IPv6 loopback.
 bool ipv6LoopbackAvailable();
 

@@ -22,43 +22,41 @@ namespace testing_support {
 
 namespace {
 
-std::string makeTempDir() {
-  const char* base = getenv("TMPDIR");
-  std::string pattern = std::string(base && *base ? base : "/tmp") + "/provisor-test-XXXXXX";
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  if (!mkdtemp(buffer.data())) return "";
-  return buffer.data();
-}
+std::mutex captureMutex;
+std::string captured;
 
-void makeParents(const std::string& file) {
-  size_t pos = 0;
-  while ((pos = file.find('/', pos + 1)) != std::string::npos) mkdir(file.substr(0, pos).c_str(), 0775);
-}
-
-std::mutex& captureMutex() {
-  static std::mutex m;
-  return m;
-}
-std::string& captured() {
-  static std::string text;
-  return text;
-}
 void captureSink(int, const char* text) {
-  std::lock_guard<std::mutex> lock(captureMutex());
-  captured() += text;
+  std::lock_guard<std::mutex> lock(captureMutex);
+  captured += text;
 }
 
 }  // namespace
 
-TempRoot::TempRoot() {
-  root_ = makeTempDir();
+ScratchDir::ScratchDir(const std::string& tag, bool underTmpdir) {
+  const char* base = underTmpdir ? getenv("TMPDIR") : nullptr;
+  std::string pattern = std::string(base && *base ? base : "/tmp") + "/provisor-" + tag + "-XXXXXX";
+  std::vector<char> buffer(pattern.begin(), pattern.end());
+  buffer.push_back('\0');
+  if (mkdtemp(buffer.data())) path_ = buffer.data();
+  chmod(path_.c_str(), 0755);  // servers drop to unprivileged users that must reach their files
+}
+
+ScratchDir::~ScratchDir() {
+  if (path_.find("/provisor-") != std::string::npos && !getenv("PROVISOR_KEEP_ROOT"))
+    runCommand("rm -rf '" + path_ + "'");
+}
+
+void ScratchDir::write(const std::string& relative, const std::string& contents) const {
+  writeHostFile(file(relative), contents);
+}
+
+TempRoot::TempRoot() : dir_("test", true) {
   const char* previous = getenv("PROVISOR_ROOT");
   hadEnv_ = previous != nullptr;
   if (previous) previousEnv_ = previous;
-  setenv("PROVISOR_ROOT", root_.c_str(), 1);
-  platformSetRoot(root_);
-  for (const char* dir : {"/tmp", "/config", "/phone", "/host"}) mkdir((root_ + dir).c_str(), 0775);
+  setenv("PROVISOR_ROOT", path().c_str(), 1);
+  platformSetRoot(path());
+  for (const char* dir : {"/tmp", "/config", "/phone", "/host"}) mkdir(host(dir).c_str(), 0775);
 }
 
 TempRoot::~TempRoot() {
@@ -67,20 +65,15 @@ TempRoot::~TempRoot() {
   else
     unsetenv("PROVISOR_ROOT");
   platformSetRoot(hadEnv_ ? previousEnv_ : "");
-  if (!root_.empty() && root_.find("/provisor-test-") != std::string::npos && !getenv("PROVISOR_KEEP_ROOT"))
-    runCommand("rm -rf '" + root_ + "'");
 }
 
-std::string TempRoot::host(const std::string& logical) const { return root_ + logical; }
-
 void TempRoot::write(const std::string& logical, const std::string& contents) const {
-  std::string path = host(logical);
-  makeParents(path);
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << contents;
+  writeHostFile(host(logical), contents);
 }
 
 std::string TempRoot::read(const std::string& logical) const { return readHostFile(host(logical)); }
+
+bool TempRoot::exists(const std::string& logical) const { return access(host(logical).c_str(), F_OK) == 0; }
 
 std::string readHostFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -89,7 +82,11 @@ std::string readHostFile(const std::string& path) {
   return ss.str();
 }
 
-bool TempRoot::exists(const std::string& logical) const { return access(host(logical).c_str(), F_OK) == 0; }
+void writeHostFile(const std::string& path, const std::string& contents) {
+  for (size_t pos = 0; (pos = path.find('/', pos + 1)) != std::string::npos;) mkdir(path.substr(0, pos).c_str(), 0775);
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
+  chmod(path.c_str(), 0644);
+}
 
 void RootedTest::SetUp() {
   root = std::make_unique<TempRoot>();
@@ -109,25 +106,23 @@ LogCapture::LogCapture() {
 LogCapture::~LogCapture() { logSetTestSink(nullptr); }
 
 std::string LogCapture::text() const {
-  std::lock_guard<std::mutex> lock(captureMutex());
-  return captured();
+  std::lock_guard<std::mutex> lock(captureMutex);
+  return captured;
 }
 
 bool LogCapture::contains(const std::string& needle) const { return text().find(needle) != std::string::npos; }
 
 void LogCapture::clear() {
-  std::lock_guard<std::mutex> lock(captureMutex());
-  captured().clear();
+  std::lock_guard<std::mutex> lock(captureMutex);
+  captured.clear();
 }
 
 int runCommand(const std::string& command, std::string* output) {
-  std::string full = command + " 2>&1";
-  FILE* pipe = popen(full.c_str(), "r");
+  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
   if (!pipe) return -1;
   std::string text;
   char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) text.append(buffer, n);
+  for (size_t n; (n = fread(buffer, 1, sizeof(buffer), pipe)) > 0;) text.append(buffer, n);
   int status = pclose(pipe);
   if (output) *output = text;
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -135,13 +130,11 @@ int runCommand(const std::string& command, std::string* output) {
 
 int freePort(bool udp) {
   int fd = socket(AF_INET, udp ? SOCK_DGRAM : SOCK_STREAM, 0);
-  if (fd < 0) return -1;
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = 0;
-  int port = -1;
   socklen_t len = sizeof(addr);
+  int port = -1;
   if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
       getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
     port = ntohs(addr.sin_port);

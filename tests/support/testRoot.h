@@ -1,5 +1,5 @@
-// Shared test fixtures: a fresh temporary $PROVISOR_ROOT per test, a fake clock, and small helpers
-// to write and read files under the root.
+// Shared test fixtures: throw-away directories, a fresh temporary $PROVISOR_ROOT per test, a fake
+// clock, the log capture, and small helpers to write and read files.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,8 +12,24 @@
 
 namespace testing_support {
 
-// Creates a unique directory under $TMPDIR (or /tmp of the real machine), points $PROVISOR_ROOT and
-// the platform at it, and removes it again on destruction.
+// A throw-away directory, removed with everything in it. Under /tmp (readable by the unprivileged
+// users that servers drop to), or under $TMPDIR when `underTmpdir`.
+class ScratchDir {
+ public:
+  explicit ScratchDir(const std::string& tag, bool underTmpdir = false);
+  ~ScratchDir();
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+  const std::string& path() const { return path_; }
+  // Writes a file (parents created), mode 0644.
+  void write(const std::string& relative, const std::string& contents) const;
+  std::string file(const std::string& relative) const { return path_ + "/" + relative; }
+
+ private:
+  std::string path_;
+};
+
+// Points $PROVISOR_ROOT and the platform at a new scratch directory, and back on destruction.
 class TempRoot {
  public:
   TempRoot();
@@ -21,16 +37,16 @@ class TempRoot {
   TempRoot(const TempRoot&) = delete;
   TempRoot& operator=(const TempRoot&) = delete;
 
-  const std::string& path() const { return root_; }
+  const std::string& path() const { return dir_.path(); }
   // Host path of a logical path ("/config/x" -> "<root>/config/x").
-  std::string host(const std::string& logical) const;
+  std::string host(const std::string& logical) const { return path() + logical; }
   // Writes a file (parents created) at a logical path.
   void write(const std::string& logical, const std::string& contents) const;
   std::string read(const std::string& logical) const;
   bool exists(const std::string& logical) const;
 
  private:
-  std::string root_;
+  ScratchDir dir_;
   std::string previousEnv_;
   bool hadEnv_ = false;
 };
@@ -57,6 +73,8 @@ class LogCapture {
 
 // The whole contents of a file by its host path ("" when it cannot be read).
 std::string readHostFile(const std::string& path);
+// Writes a file by its host path, parents created, mode 0644.
+void writeHostFile(const std::string& path, const std::string& contents);
 // Runs a command through /bin/sh, returns its exit status and fills `output` with stdout+stderr.
 int runCommand(const std::string& command, std::string* output = nullptr);
 // A free TCP (or UDP) port on 127.0.0.1.

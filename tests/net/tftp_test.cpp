@@ -1,5 +1,5 @@
-// The TFTP client against scripted servers: the exchange on the wire, duplicated and lost blocks,
-// error packets, runt datagrams, silence, the transfer identifier of the server, long names.
+// What is TFTP's own, against scripted servers: the transfer identifier of the server, duplicated
+// and lost blocks, runt datagrams, silence before and during a transfer, long names.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -13,24 +13,26 @@
 using namespace net_test;
 using ns_net::fileDownload;
 using testing_support::LogCapture;
-using testing_support::RootedTest;
 
 namespace {
 
 // Socket waits take at most 200 ms of real time on the fake clock, then the clock moves on.
-class TftpScripted : public RootedTest {
+class TftpScripted : public testing_support::RootedTest {
  protected:
-  // Downloads tftp://127.0.0.1:<port>/<name> to /tmp/out; the bytes written (0 when it failed).
+  // Downloads tftp://127.0.0.1:<port>/<name> to /tmp/out; the bytes written (0 when it broke).
   int download(uint16_t port, const std::string& name, fileDownload& d, int32_t timeoutMs = -1) {
     return downloadToOut("tftp://127.0.0.1:" + std::to_string(port) + "/" + name, d, timeoutMs);
   }
   LogCapture log;
 };
 
-size_t countOf(const std::string& text, const std::string& needle) {
-  size_t count = 0;
-  for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + 1)) ++count;
-  return count;
+// The server's side of the read request for `name`: the client's address.
+sockaddr_in awaitRequest(UdpPeer& server, const std::string& name = "f") {
+  std::string packet;
+  sockaddr_in client{};
+  EXPECT_TRUE(server.receive(packet, client));
+  EXPECT_EQ(packet, tftpRequest(name));
+  return client;
 }
 
 // The server's side of one block: send it from `peer` and check the client acknowledges it.
@@ -41,39 +43,40 @@ void sendBlock(UdpPeer& peer, sockaddr_in& client, uint16_t block, const std::st
   EXPECT_EQ(packet, tftpAck(block)) << "after block " << block;
 }
 
-TEST_F(TftpScripted, ExactMultipleOf512EndsWithEmptyBlockAndAcksGoToTransferPort) {
+TEST_F(TftpScripted, AcksGoToTheTransferPortAndStrangersAreRefused) {
   UdpPeer server;    // the well-known port: only the request may arrive here
   UdpPeer transfer;  // the port the server answers from
+  UdpPeer stranger;
   std::string a(512, 'a'), b(512, 'b');
   std::thread script([&] {
     std::string packet;
-    sockaddr_in client{};
-    ASSERT_TRUE(server.receive(packet, client));
-    EXPECT_EQ(packet, tftpRequest("dir/k1.cfg"));
-    EXPECT_EQ(packet.size(), std::string("dir/k1.cfg").size() + 9);
+    sockaddr_in client = awaitRequest(server, "dir/k1.cfg"), from{};
     sendBlock(transfer, client, 1, a);
+    stranger.sendTo(tftpData(2, "forged"), client);
+    ASSERT_TRUE(stranger.receive(packet, from));
+    EXPECT_EQ(packet, tftpError(5, "Unknown transfer ID"));
     sendBlock(transfer, client, 2, b);
     sendBlock(transfer, client, 3, "");  // the empty block ends it and is acknowledged too
-    EXPECT_FALSE(server.receive(packet, client, 50)) << "nothing may go to the request port after block 1";
+    EXPECT_FALSE(server.receive(packet, from, 50)) << "nothing may go to the request port after block 1";
   });
   fileDownload d;
   EXPECT_EQ(download(server.port(), "dir/k1.cfg", d), 1024);
   script.join();
   EXPECT_EQ(root->read("/tmp/out"), a + b);
-  EXPECT_EQ(countOf(log.text(), "IFO file end"), 1u);
-  EXPECT_FALSE(d.LastTransferBroken());
+  const std::string text = log.text();
+  EXPECT_NE(text.find("IFO file end"), std::string::npos);
+  EXPECT_EQ(text.find("IFO file end"), text.rfind("IFO file end")) << "the end is seen once";
 }
 
 TEST_F(TftpScripted, DuplicatedAndLostBlocksAreRecovered) {
   UdpPeer server, transfer;
   std::string a(512, 'x'), tail(100, 'y');
   std::thread script([&] {
-    std::string packet;
-    sockaddr_in client{};
-    ASSERT_TRUE(server.receive(packet, client));
+    sockaddr_in client = awaitRequest(server);
     sendBlock(transfer, client, 1, a);
     sendBlock(transfer, client, 1, a);  // a duplicate: the same acknowledgement is sent again
     // Block 2 is "lost": say nothing until the client asks a third time.
+    std::string packet;
     ASSERT_TRUE(transfer.receive(packet, client));
     EXPECT_EQ(packet, tftpAck(1));
     sendBlock(transfer, client, 2, tail);
@@ -86,25 +89,19 @@ TEST_F(TftpScripted, DuplicatedAndLostBlocksAreRecovered) {
   EXPECT_TRUE(log.contains("IFO Receive 2000ms timeout at 2.."));
 }
 
-TEST_F(TftpScripted, ErrorPacketAndRuntDatagramFailTheOpen) {
-  for (const auto& [reply, logLine] : {std::pair<std::string, const char*>{tftpError(1, "File not found"), "WAR Repley code = 5"},
-                                       {std::string("\0\3\0", 3), "WAR Receive length less 4 bytes"}}) {
-    UdpPeer server;
-    std::thread script([&] {
-      std::string packet;
-      sockaddr_in client{};
-      if (server.receive(packet, client)) server.sendTo(reply, client);
-    });
-    fileDownload d;
-    EXPECT_EQ(download(server.port(), "f", d), -1) << logLine;
-    script.join();
-    EXPECT_TRUE(log.contains(logLine));
-  }
+TEST_F(TftpScripted, RuntDatagramFailsTheOpen) {
+  UdpPeer server;
+  std::thread script([&] {
+    sockaddr_in client = awaitRequest(server);
+    server.sendTo(std::string("\0\3\0", 3), client);
+  });
+  fileDownload d;
+  EXPECT_EQ(download(server.port(), "f", d), -1);
+  script.join();
+  EXPECT_TRUE(log.contains("WAR Receive length less 4 bytes"));
 }
 
 TEST_F(TftpScripted, SilenceDoublesTheWaitUpToTheTimeOut) {
-  FakeClock quick;  // real waits of a few milliseconds
-  setClock(&quick);
   UdpPeer server;
   std::atomic<bool> done{false};
   int requests = 0;
@@ -112,10 +109,7 @@ TEST_F(TftpScripted, SilenceDoublesTheWaitUpToTheTimeOut) {
     std::string packet;
     sockaddr_in client{};
     while (!done)
-      if (server.receive(packet, client, 20)) {
-        EXPECT_EQ(packet, tftpRequest("f"));
-        ++requests;
-      }
+      if (server.receive(packet, client, 20)) requests += packet == tftpRequest("f") ? 1 : 100;
   });
   fileDownload d;
   EXPECT_EQ(download(server.port(), "f", d), -1);
@@ -124,8 +118,7 @@ TEST_F(TftpScripted, SilenceDoublesTheWaitUpToTheTimeOut) {
   EXPECT_EQ(requests, 5);
   for (int wait : {1000, 2000, 4000, 8000, 16000})
     EXPECT_TRUE(log.contains("IFO Receive " + std::to_string(wait) + "ms timeout at 1..")) << wait;
-  EXPECT_FALSE(log.contains("32000ms"));
-  EXPECT_EQ(quick.elapsedMs(), 31000u);
+  EXPECT_EQ(fakeClock.elapsedMs(), 31000u);
 
   // A stream time-out below one second gives up before sending anything.
   ns_net::tftpStream stream;
@@ -133,20 +126,15 @@ TEST_F(TftpScripted, SilenceDoublesTheWaitUpToTheTimeOut) {
   std::string packet;
   sockaddr_in from{};
   EXPECT_FALSE(server.receive(packet, from, 50)) << "nothing was sent";
-  setClock(&fakeClock);
 }
 
 TEST_F(TftpScripted, SilenceInTheMiddleIsABreak) {
-  FakeClock quick;
-  setClock(&quick);
   UdpPeer server;
   std::thread script([&] {
-    std::string packet;
-    sockaddr_in client{};
-    ASSERT_TRUE(server.receive(packet, client));
+    sockaddr_in client = awaitRequest(server);
     server.sendTo(tftpData(1, std::string(512, 'q')), client);
     int acks = 0;
-    while (server.receive(packet, client, 500)) ++acks;
+    for (std::string packet; server.receive(packet, client, 500);) ++acks;
     EXPECT_EQ(acks, 5);
   });
   fileDownload d;
@@ -154,27 +142,6 @@ TEST_F(TftpScripted, SilenceInTheMiddleIsABreak) {
   script.join();
   EXPECT_TRUE(d.LastTransferBroken());
   EXPECT_TRUE(log.contains("Broken after 512 bytes"));
-  setClock(&fakeClock);
-}
-
-TEST_F(TftpScripted, DatagramsFromAnotherSourceAreRefusedWithUnknownTransferId) {
-  UdpPeer server, transfer, stranger;
-  std::string a(512, '1'), tail(7, '2');
-  std::thread script([&] {
-    std::string packet;
-    sockaddr_in client{};
-    ASSERT_TRUE(server.receive(packet, client));
-    sendBlock(transfer, client, 1, a);
-    stranger.sendTo(tftpData(2, "forged"), client);
-    sockaddr_in from{};
-    ASSERT_TRUE(stranger.receive(packet, from));
-    EXPECT_EQ(packet, tftpError(5, "Unknown transfer ID"));
-    sendBlock(transfer, client, 2, tail);
-  });
-  fileDownload d;
-  EXPECT_EQ(download(server.port(), "f", d), 519);
-  script.join();
-  EXPECT_EQ(root->read("/tmp/out"), a + tail);
 }
 
 TEST_F(TftpScripted, NamesThatWouldOverrunTheRequestAreRefused) {
@@ -186,12 +153,7 @@ TEST_F(TftpScripted, NamesThatWouldOverrunTheRequestAreRefused) {
   EXPECT_FALSE(server.receive(packet, from, 50));
 
   // The longest name that fits (1015 + 9 = 1024 bytes) goes out whole.
-  std::thread script([&] {
-    sockaddr_in client{};
-    ASSERT_TRUE(server.receive(packet, client));
-    EXPECT_EQ(packet, tftpRequest(std::string(1015, 'n')));
-    server.sendTo(tftpData(1, "short"), client);
-  });
+  std::thread script([&] { server.sendTo(tftpData(1, "short"), awaitRequest(server, std::string(1015, 'n'))); });
   ns_net::tftpStream longest;
   EXPECT_TRUE(longest.Open("127.0.0.1", server.port(), std::string(1015, 'n'), 16000));
   script.join();

@@ -1,0 +1,114 @@
+// Paths never reach above $PROVISOR_ROOT, however many ".." a table or a server puts in them; the
+// temporaries a killed writer left beside a file go the next time that file is written, while
+// another writer's temporary in flight and files of other names stay. And a file the system cannot
+// examine is not a missing file: path queries, directory listings and the configuration store each
+// tell "no such file" from every other stat() or readdir() failure.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "paths.h"
+#include "registry.h"
+#include "testRoot.h"
+
+namespace {
+
+class PathsTest : public testing_support::RootedTest {
+ protected:
+  // A symbolic link to itself: stat() fails with ELOOP, the entry is there all the same.
+  void makeLoop(const std::string& logical) {
+    ASSERT_EQ(symlink(root->host(logical).c_str(), root->host(logical).c_str()), 0);
+  }
+  testing_support::LogCapture log;
+};
+
+}  // namespace
+
+TEST_F(PathsTest, DotDotStopsAtTheRoot) {
+  const std::string& r = root->path();
+  const std::string parent = r.substr(0, r.rfind('/'));
+  const std::pair<std::string, std::string> cases[] = {
+      {"/../../x.ini", r + "/x.ini"},
+      {"/config/../../../etc/passwd", r + "/etc/passwd"},
+      {"/tmp/./a/../b", r + "/tmp/b"},
+      {"/..", r + "/"},
+      // An already resolved path that climbs out is taken as a logical one.
+      {r + "/../outside", r + parent + "/outside"},
+      {r + "/config/x", r + "/config/x"},
+      {"relative/../x", "relative/../x"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(hostPath(c.first), c.second) << c.first;
+
+  // Writing and reading through such a path stay inside: "/../<name>" would be the root's sibling.
+  const std::string name = r.substr(parent.size() + 1) + "-outside.ini";
+  ASSERT_TRUE(writeFileAtomic("/../" + name, "inside"));
+  EXPECT_NE(unlink((r + "-outside.ini").c_str()), 0);
+  std::string text;
+  EXPECT_TRUE(readTextFile("/config/../../../" + name, text));
+  EXPECT_EQ(text, "inside");
+}
+
+TEST_F(PathsTest, StaleTemporariesGoWhenTheFileIsWrittenAgain) {
+  const std::string file = "/config/system/system.ini";
+  const std::string stale = file + ".tmp4242.7", busy = file + ".tmp99.1";  // writers killed / still at work
+  for (const std::string& name : {stale, busy, file + ".tmp4242.8.keep", file + ".tmpl"}) root->write(name, "x");
+  int lock = open(root->host(busy).c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(flock(lock, LOCK_EX), 0);
+  ASSERT_TRUE(writeFileAtomic(file, "[new]\n"));
+  EXPECT_EQ(root->read(file), "[new]\n");
+  EXPECT_FALSE(root->exists(stale));
+  for (const std::string& kept : {busy, file + ".tmp4242.8.keep", file + ".tmpl"})
+    EXPECT_TRUE(root->exists(kept)) << kept;
+  close(lock);
+  ASSERT_TRUE(writeFileAtomic(file, "[newer]\n"));
+  EXPECT_FALSE(root->exists(busy)) << "once its writer is gone it is stale too";
+}
+
+TEST_F(PathsTest, OnlyNoSuchFileMakesAPathMissing) {
+  root->write("/config/a.cfg", "hello");
+  makeLoop("/config/loop.cfg");
+  struct Case {
+    const char* path;
+    bool exists;
+    int64_t size;
+    bool logged;
+  };
+  const Case cases[] = {
+      {"/config/a.cfg", true, 5, false},
+      {"/config/none.cfg", false, -1, false},
+      {"/config/a.cfg/under.cfg", false, -1, false},  // a file where a directory should be
+      {"/config/loop.cfg", true, -1, true},
+  };
+  for (const Case& c : cases) {
+    log.clear();
+    EXPECT_EQ(pathFileExist(c.path), c.exists) << c.path;
+    EXPECT_EQ(pathFileSize(c.path), c.size) << c.path;
+    EXPECT_FALSE(pathIsDirectory(c.path)) << c.path;
+    EXPECT_EQ(log.contains("stat error : " + std::string(c.path)), c.logged) << c.path << "\n" << log.text();
+  }
+}
+
+TEST_F(PathsTest, DirectoryListingReadsToTheEnd) {
+  for (int i = 0; i < 300; ++i) root->write("/config/dir/f" + std::to_string(i), "x");
+  std::vector<std::string> names;
+  ASSERT_EQ(listDirectoryNames("/config/dir", names), 0);
+  EXPECT_EQ(names.size(), 300u);
+  EXPECT_EQ(std::count(names.begin(), names.end(), "."), 0);
+  EXPECT_EQ(listDirectoryNames("/config/none", names), -1);
+  EXPECT_FALSE(log.contains("readdir error")) << log.text();
+}
+
+TEST_F(PathsTest, StoreKeepsItsValuesWhenTheFileCannotBeExamined) {
+  registryResetCache();
+  root->write("/config/system/system.ini", "[AutoProvision]\nstrServerURL=http://kept/\n");
+  EXPECT_EQ(brisaGetRegistryString("/config/system/system.ini", "AutoProvision", "strServerURL", ""), "http://kept/");
+  // Renamed over the file it names, the link names itself.
+  ASSERT_EQ(symlink("system.ini", root->host("/config/system/other.ini").c_str()), 0);
+  ASSERT_EQ(rename(root->host("/config/system/other.ini").c_str(), root->host("/config/system/system.ini").c_str()), 0);
+  EXPECT_EQ(brisaGetRegistryString("/config/system/system.ini", "AutoProvision", "strServerURL", ""), "http://kept/");
+  EXPECT_TRUE(log.contains("stat error")) << log.text();
+  registryResetCache();
+}
