@@ -4,6 +4,7 @@
 #include <sys/vfs.h>
 
 #include <functional>
+#include <map>
 #include <vector>
 
 #include "archiveParser.h"
@@ -38,26 +39,16 @@ class ArchiveTest : public ParserTest {
     setPartitionStatfs(nullptr);
     ParserTest::TearDown();
   }
-  void makeTar(const std::string& name, const std::string& body) const {
-    python("/tmp/" + name, std::string(kTarHelper) +
-                               "t = tarfile.open(sys.argv[1], 'w:gz' if sys.argv[1].endswith('gz') else 'w')\n" +
-                               body + "\nt.close()\n");
-  }
-  // Several archives from one run of python (its start-up is the slow part): /tmp/<n>.tar for each
-  // body, each after a harmless first entry.
-  void makeTars(const std::vector<std::string>& bodies) const {
+  // Archives from one run of python (its start-up is the slow part): /tmp/<name> for each body,
+  // gzip-compressed when the name says so.
+  void makeTars(const std::map<std::string, std::string>& bodies) const {
     std::string script = kTarHelper;
-    for (size_t n = 0; n < bodies.size(); ++n) {
-      script += "t = tarfile.open(sys.argv[1] + '/" + std::to_string(n) + ".tar', 'w')\n" +
-                "add('first.jpg', b'harmless')\n" + bodies[n] + "\nt.close()\n";
-    }
+    for (const auto& [name, body] : bodies)
+      script += "t = tarfile.open(sys.argv[1] + '/" + name + "', '" +
+                (name.find("gz") != std::string::npos ? "w:gz" : "w") + "')\n" + body + "\nt.close()\n";
     run("mkdir -p '" + root->host("/tmp") + "'");
     root->write("/scratch/make.py", script);
     run("python3 '" + root->host("/scratch/make.py") + "' '" + root->host("/tmp") + "'");
-  }
-  void limitFreeSpace(int64_t bytes) const {
-    fakeFreeBytes = bytes;
-    setPartitionStatfs(&fakeStatfs);
   }
 };
 
@@ -84,10 +75,11 @@ TEST_F(ArchiveTest, HostileArchivesChangeNothing) {
   };
   root->write("/config/data/photo/keep.jpg", "kept");
   root->write("/config/data/photo/album/a.jpg", "a");
-  std::vector<std::string> bodies;
-  for (const HostileCase& c : cases) bodies.push_back(c.body);
+  std::map<std::string, std::string> bodies;
+  for (size_t n = 0; n < std::size(cases); ++n)
+    bodies[std::to_string(n) + ".tar"] = std::string("add('first.jpg', b'harmless')\n") + cases[n].body;
   makeTars(bodies);
-  for (size_t n = 0; n < bodies.size(); ++n) {
+  for (size_t n = 0; n < std::size(cases); ++n) {
     SCOPED_TRACE(cases[n].what);
     auto before = tree();
     LogCapture log;
@@ -101,10 +93,12 @@ TEST_F(ArchiveTest, HostileArchivesChangeNothing) {
 TEST_F(ArchiveTest, GoodArchivesLandOverOrInPlaceOfTheirDirectory) {
   root->write("/config/data/photo/old.jpg", "old");
   root->write("/config/data/photo/keep.jpg", "before");
-  makeTar("photos.tar.gz",
-          "add('new.jpg', b'new')\nadd('./keep.jpg', b'replaced')\nadd('sub', type=tarfile.DIRTYPE, mode=0o755)\n"
+  makeTars({{"photos.tar.gz",
+             "add('new.jpg', b'new')\nadd('./keep.jpg', b'replaced')\n"
+             "add('sub', type=tarfile.DIRTYPE, mode=0o755)\n"
           "add('sub/x.jpg', b'x')\nadd('alias.jpg', type=tarfile.SYMTYPE, linkname='sub/x.jpg')\n"
-          "add('twin.jpg', type=tarfile.LNKTYPE, linkname='new.jpg')");
+             "add('twin.jpg', type=tarfile.LNKTYPE, linkname='new.jpg')"},
+            {"vpn.tar", "add('vpn.cnf', b'client')\nadd('keys/ca.crt', b'ca')"}});
   autoPhotoTarParser photos;
   ASSERT_EQ(install(photos, "photos.tar.gz", "/config/data/photo/photos.tar.gz"), 1);
   const std::map<std::string, std::string> photoDir = {
@@ -117,7 +111,6 @@ TEST_F(ArchiveTest, GoodArchivesLandOverOrInPlaceOfTheirDirectory) {
 
   // A VPN package replaces the directory: what the old one had and the new one lacks is gone.
   root->write("/config/openvpn/old.conf", "old");
-  makeTar("vpn.tar", "add('vpn.cnf', b'client')\nadd('keys/ca.crt', b'ca')");
   autoOpenVpnParser vpn;
   ASSERT_EQ(install(vpn, "vpn.tar", "/config/openvpn/vpn.tar"), 1);
   EXPECT_FALSE(root->exists("/config/openvpn/old.conf"));
@@ -150,15 +143,18 @@ TEST_F(ArchiveTest, PackagesAreAnArchiveOrOneConfigurationFileWithinTheirSpace) 
       {"p200.tar.gz", tar, "tar:add('big.jpg', bytes(200000))", "/config/big.jpg"},
       {"p400.tar.gz", tar, "tar:add('big.jpg', bytes(400000))", nullptr},
   };
-  limitFreeSpace(300000);
+  std::map<std::string, std::string> tars;
+  for (const PackageCase& c : cases) {
+    if (c.contents.compare(0, 4, "tar:") == 0)
+      tars[c.name] = c.contents.substr(4);
+    else
+      root->write(std::string("/tmp/") + c.name, c.contents);
+  }
+  makeTars(tars);
+  fakeFreeBytes = 300000;
+  setPartitionStatfs(&fakeStatfs);
   for (const PackageCase& c : cases) {
     SCOPED_TRACE(c.name);
-    std::string contents = c.contents;
-    if (contents.compare(0, 4, "tar:") == 0) {
-      makeTar(c.name, contents.substr(4));
-    } else {
-      root->write(std::string("/tmp/") + c.name, contents);
-    }
     std::unique_ptr<autoBinParser> parser(c.parser());
     bool factoryPackage = dynamic_cast<autoFactoryBinParser*>(parser.get()) != nullptr;
     auto before = tree();

@@ -3,9 +3,7 @@
 // authorities and mismatched pairs are refused and leave the installed file alone.
 #include <sys/stat.h>
 
-#include <fstream>
 #include <functional>
-#include <sstream>
 
 #include "certParser.h"
 #include "httpfile.h"
@@ -17,14 +15,8 @@ namespace {
 using parser_test::ParserTest;
 using testing_support::HttpServer;
 using testing_support::LogCapture;
+using testing_support::readHostFile;
 using testing_support::TestCa;
-
-std::string readHostFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream contents;
-  contents << in.rdbuf();
-  return contents.str();
-}
 
 class CertTest : public ParserTest {
  protected:

@@ -158,32 +158,45 @@ TEST_F(PolicyTest, WeeklyMomentIsDrawnInsideTheWindow) {
   EXPECT_EQ(weeklyPolicy::parseTime("08:x"), -1);
 }
 
-// The fake clock starts on Tuesday 2023-11-14 at 22:13:20 UTC.
-TEST_F(PolicyTest, WeeklyRunFallsOnTheNextMaskedDayUpToTheEighthCandidate) {
+// Each run falls at its wall-clock moment on the next day of the mask, up to the eighth candidate;
+// under Central European rules the days of 23 and 25 hours get exactly one run each too. The fake
+// UTC cases start on Tuesday 2023-11-14 at 22:13:20.
+TEST_F(PolicyTest, WeeklyRunsFallOnTheMaskedDaysAtTheirLocalMoment) {
+  const char* cet = "CET-1CEST,M3.5.0,M10.5.0/3";
+  const int32_t kTuesday = 1700000000;
   struct Case {
+    const char* zone;
+    int32_t startUtc;
     const char* mask;
     const char* begin;
     const char* end;
-    const char* expectedDay;
+    std::vector<std::string> expected;
   };
-  const Case cases[] = {{"2", "23:00", "23:30", "2023-11-14"},   // later today
-                        {"24", "21:00", "22:00", "2023-11-16"},  // past today: Thursday
-                        {"2", "21:00", "22:00", "2023-11-21"}};  // only today's bit: a week on
+  const Case cases[] = {
+      {"UTC0", kTuesday, "2", "23:00", "23:01", {"2023-11-14 23:00"}},                        // later today
+      // Past today: Thursday, then Tuesday a week on.
+      {"UTC0", kTuesday, "24", "21:00", "21:01", {"2023-11-16 21:00", "2023-11-21 21:00"}},
+      {"UTC0", kTuesday, "2", "21:00", "21:01", {"2023-11-21 21:00"}},  // only today's bit: a week on
+      // Noon local the day before the change: 02:30 does not exist, then comes twice.
+      {cet, 1711796400, "0123456", "02:30", "02:31",
+       {"2024-03-31 03:30", "2024-04-01 02:30", "2024-04-02 02:30"}},
+      {cet, 1729936800, "0123456", "02:30", "02:31",
+       {"2024-10-27 02:30", "2024-10-28 02:30", "2024-10-29 02:30"}},
+  };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.mask + std::string(" ") + c.begin);
-    FakeClock clock;
+    SCOPED_TRACE(c.mask + std::string(" ") + c.begin + " " + c.zone);
+    zone(c.zone);
+    FakeClock clock(c.startUtc);
     Clock* previous = setClock(&clock);
     keys(std::string("bEnableWeekly = 1\nstrWeeklyMask = ") + c.mask + "\nstrWeeklyBeginTime = " + c.begin +
          "\nstrWeeklyEndTime = " + c.end + "\n");
     policyManger manager;
-    PolicyThread thread(manager, 1);
+    PolicyThread thread(manager, c.expected.size());
     EXPECT_EQ(thread.run(), 0);
     setClock(previous);
-    ASSERT_EQ(thread.starts.size(), 1u);
-    std::string when = local(thread.starts[0]);
-    EXPECT_EQ(when.substr(0, 10), c.expectedDay);
-    EXPECT_GE(when.substr(11), c.begin);
-    EXPECT_LE(when.substr(11), c.end);
+    std::vector<std::string> seen;
+    for (int32_t s : thread.starts) seen.push_back(local(s));
+    EXPECT_EQ(seen, c.expected);
   }
 }
 
@@ -203,33 +216,6 @@ TEST_F(PolicyTest, UntrustedTimeArmsNothingUntilTheWeeklyCheck) {
   EXPECT_TRUE(log.contains("Weekly AutoProvision will active at : 2023-11-15 08:"));
   weekly.Stop();
   uCSystemShareHelper::DestroyLocalThread(owner);
-}
-
-// Central European rules; each day gets exactly one run at its wall-clock moment, also on the days of
-// 23 and 25 hours.
-TEST_F(PolicyTest, DaylightSavingDaysNeitherSkipNorDoubleAWeeklyRun) {
-  struct Case {
-    int32_t startUtc;  // noon local, the day before the change
-    std::vector<std::string> expected;
-  };
-  const Case cases[] = {
-      {1711796400, {"2024-03-31 03:30", "2024-04-01 02:30", "2024-04-02 02:30"}},  // 02:30 does not exist
-      {1729936800, {"2024-10-27 02:30", "2024-10-28 02:30", "2024-10-29 02:30"}},  // 02:30 comes twice
-  };
-  zone("CET-1CEST,M3.5.0,M10.5.0/3");
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.startUtc);
-    FakeClock clock(c.startUtc);
-    Clock* previous = setClock(&clock);
-    keys("bEnableWeekly = 1\nstrWeeklyMask = 0123456\nstrWeeklyBeginTime = 02:30\nstrWeeklyEndTime = 02:31\n");
-    policyManger manager;
-    PolicyThread thread(manager, 3);
-    EXPECT_EQ(thread.run(), 0);
-    setClock(previous);
-    std::vector<std::string> seen;
-    for (int32_t s : thread.starts) seen.push_back(local(s));
-    EXPECT_EQ(seen, c.expected);
-  }
 }
 
 TEST_F(PolicyTest, AChangeOfTheSectionByAnotherProcessReloadsBothPolicies) {

@@ -6,20 +6,10 @@
 
 #include "daemon.h"
 #include "device.h"
-#include "msgqueue.h"
-#include "testRoot.h"
+#include "servicePeers.h"
 
 using namespace testing_support;
-
-namespace {
-
-std::string msgctl(const std::string& args) {
-  std::string out;
-  runCommand(programCommand("msgctl") + " " + args, &out);
-  return out;
-}
-
-}  // namespace
+using namespace service_test;
 
 TEST(Provisor, ZeroTouchStartAnswersQueriesSetsHostNameAndEndsOnSigterm) {
   TempRoot root;
@@ -44,10 +34,11 @@ TEST(Provisor, ZeroTouchStartAnswersQueriesSetsHostNameAndEndsOnSigterm) {
   ASSERT_NE(banner, std::string::npos) << log;
   size_t lineStart = log.rfind('\n', banner) + 1;
   EXPECT_NE(log.substr(lineStart, banner - lineStart).find("[./src/main"), std::string::npos) << log;
-  EXPECT_NE(log.find("] WAR Run by Zero-sp-Touch Thread !\n"), std::string::npos);
-  EXPECT_NE(log.find("] IFO Load trans data from /phone/resource/autopTranslator.xml\n"), std::string::npos);
-  EXPECT_NE(log.find("] IFO Zero-sp-touch launch Autop,do not PNP!!!\n"), std::string::npos);
-  EXPECT_NE(log.find("Receive Message [MSG_GET_AUTO_PROVISION] ! Will ReplyMessage [0]"), std::string::npos);
+  for (const char* line : {"] WAR Run by Zero-sp-Touch Thread !\n",
+                           "] IFO Load trans data from /phone/resource/autopTranslator.xml\n",
+                           "] IFO Zero-sp-touch launch Autop,do not PNP!!!\n",
+                           "Receive Message [MSG_GET_AUTO_PROVISION] ! Will ReplyMessage [0]"})
+    EXPECT_TRUE(contains(log, line)) << line;
   EXPECT_EQ(msgGetThreadByName("provisor"), "");
 }
 
@@ -61,12 +52,8 @@ TEST(Provisor, NormalStartWaitsThirtySecondsForTheNetworkThenFallsBackToThePower
   ASSERT_TRUE(daemon.waitReachable());
   EXPECT_EQ(daemon.stop(SIGINT), 0);
   std::string log = daemon.log();
-  size_t sleeps = 0;
-  for (size_t at = log.find("PNP Network Fail,sleep 1 seconds"); at != std::string::npos;
-       at = log.find("PNP Network Fail,sleep 1 seconds", at + 1))
-    ++sleeps;
-  EXPECT_EQ(sleeps, 30u);
-  EXPECT_EQ(log.find("Zero-sp-Touch"), std::string::npos);
+  EXPECT_EQ(occurrences(log, "PNP Network Fail,sleep 1 seconds"), 30);
+  EXPECT_FALSE(contains(log, "Zero-sp-Touch"));
 }
 
 TEST(Provisor, NormalStartWithTheNetworkUpAsksThePlugAndPlayThread) {
@@ -84,5 +71,5 @@ TEST(Provisor, NormalStartWithTheNetworkUpAsksThePlugAndPlayThread) {
   // Waiting for the plug-and-play answer.
   EXPECT_EQ(msgctl("send provisor 0xa0001 0 0"), "2\n");
   EXPECT_EQ(daemon.stop(SIGTERM), 0);
-  EXPECT_NE(daemon.log().find("PNP Server IP = 224.0.1.99"), std::string::npos);
+  EXPECT_TRUE(contains(daemon.log(), "PNP Server IP = 224.0.1.99"));
 }

@@ -3,7 +3,6 @@
 // leaves the boot environment untouched and is reported through 0xB1001.
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <thread>
 
 #include "device.h"
@@ -18,6 +17,8 @@ namespace {
 
 constexpr const char* kMac = "001565aabbcc";
 
+constexpr uint32_t kFlush = 0x7fff0001;
+
 // Another application: records the broadcasts it receives.
 class Listener : public chThreadLocal {
  public:
@@ -30,28 +31,19 @@ class Listener : public chThreadLocal {
     runner_.join();
   }
   bool TryThreadMessage(msgObject& msg) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    seen_.push_back(std::to_string(msg.message) + "," + std::to_string(msg.wParam) + "," + std::to_string(msg.lParam));
-    if (msg.message == kMsgTr069RomResult) done_ = true;
+    if (msg.message != kFlush)
+      seen_.push_back(std::to_string(msg.message) + "," + std::to_string(msg.wParam) + "," +
+                      std::to_string(msg.lParam));
     return true;
   }
-  // The messages up to the result post (waits for it in real time, up to 5 s).
-  std::vector<std::string> untilResult() {
-    for (int i = 0; i < 500; ++i) {
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (done_) return seen_;
-      }
-      usleep(10000);
-    }
-    std::lock_guard<std::mutex> lock(mutex_);
+  // What was received so far: a synchronous message is answered only after those queued before it.
+  std::vector<std::string> seen() {
+    msgSendMsgToThreadTimeoutEx("app_tr069", kFlush, 0, 0, 0, nullptr, 5000);
     return seen_;
   }
 
  private:
-  std::mutex mutex_;
   std::vector<std::string> seen_;
-  bool done_ = false;
   std::thread runner_;
 };
 
@@ -100,7 +92,7 @@ TEST(FirmwareUrl, OnlyAGoodRomHeaderSwitchesToSafeMode) {
     Listener listener;
     LogCapture log;
     int result = tr069DownloadRom();
-    std::vector<std::string> seen = listener.untilResult();
+    std::vector<std::string> seen = listener.seen();
     if (c.reason.empty()) {
       EXPECT_EQ(result, 1);
       EXPECT_EQ(userenv_get("BOOTMODE"), "safemode");
