@@ -122,9 +122,9 @@ std::string upper(std::string text) {
 }  // namespace
 
 bool xmlParseDocument(XMLDocument& document, const std::string& text) {
-  if (document.Parse(text.data(), text.size()) != tinyxml2::XML_SUCCESS) return false;
-  // The parser takes text beside the root element, but prints it back in a form it refuses: such a
-  // file, once edited, could never be read again.
+  if (document.Parse(text.data(), text.size()) != tinyxml2::XML_SUCCESS || !document.RootElement()) return false;
+  // The parser takes a stray end tag without any element, and text beside the root element, but prints
+  // either back in a form it refuses: such a file, once edited, could never be read again.
   for (const tinyxml2::XMLNode* node = document.FirstChild(); node; node = node->NextSibling()) {
     if (node->ToText()) return false;
   }

@@ -65,7 +65,8 @@ class autoDialNow : public autoXmlParser {
   const char* expectedRoot() const override { return "DialNow"; }
 };
 
-// Parses a resource document; false for what the parser refuses and for text beside the root element.
+// Parses a resource document; false for what the parser refuses, for a document without an element and
+// for text beside the root element.
 bool xmlParseDocument(tinyxml2::XMLDocument& document, const std::string& text);
 // The element an item's path names, created as the header comment says; nullptr for a refused path.
 tinyxml2::XMLElement* xmlElementByPath(tinyxml2::XMLDocument& document, const std::string& path);
