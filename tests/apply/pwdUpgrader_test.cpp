@@ -21,12 +21,7 @@ class PwdUpgraderTest : public RootedTest {
  protected:
   void SetUp() override {
     RootedTest::SetUp();
-    registryResetCache();
     root->write(kFile, "");
-  }
-  void TearDown() override {
-    registryResetCache();
-    RootedTest::TearDown();
   }
   int apply(const std::string& usage, const std::string& value) {
     autopItemList items;

@@ -101,14 +101,6 @@ TEST(UpgraderFramework, CommonDestinationPathAndFirmwareUrl) {
 
 class UpgraderTest : public RootedTest {
  protected:
-  void SetUp() override {
-    RootedTest::SetUp();
-    registryResetCache();
-  }
-  void TearDown() override {
-    registryResetCache();
-    RootedTest::TearDown();
-  }
   // A settings file as another application left it.
   void setting(const std::string& file, const std::string& text) {
     root->write(file, text);

@@ -31,10 +31,6 @@ class ConfigUpdateTest : public RootedTest {
     root->write("/host/device.ini", "[device]\nmac = 001565aabbcc\nip = 127.0.0.1\nnetwork_type = 0\n");
     registryResetCache();
   }
-  void TearDown() override {
-    registryResetCache();
-    RootedTest::TearDown();
-  }
   // Applies one URL through a fresh parser; the update's code (-3 when it could not be opened).
   int update(const std::string& urlText, bool* reboot = nullptr) {
     autoParser parser;

@@ -21,14 +21,6 @@ const char* kSystemIni = "/config/system/system.ini";
 
 class RegistryTest : public RootedTest {
  protected:
-  void SetUp() override {
-    RootedTest::SetUp();
-    registryResetCache();
-  }
-  void TearDown() override {
-    registryResetCache();
-    RootedTest::TearDown();
-  }
   // Replaces the file the way another process would (a new inode, as an atomic writer makes).
   void replaceOnDisk(const std::string& logical, const std::string& text) {
     root->write(logical + ".other", text);

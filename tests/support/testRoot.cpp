@@ -17,6 +17,7 @@
 
 #include "log.h"
 #include "paths.h"
+#include "registry.h"
 
 namespace testing_support {
 
@@ -88,12 +89,15 @@ void writeHostFile(const std::string& path, const std::string& contents) {
   chmod(path.c_str(), 0644);
 }
 
+// The settings store caches files by host path and outlives a test: every test starts and ends empty.
 void RootedTest::SetUp() {
   root = std::make_unique<TempRoot>();
   previousClock = setClock(&fakeClock);
+  registryResetCache();
 }
 
 void RootedTest::TearDown() {
+  registryResetCache();
   setClock(previousClock);
   root.reset();
 }
