@@ -18,6 +18,9 @@ using tinyxml2::XMLElement;
 namespace {
 
 constexpr long kMaxElementIndex = 1000;
+// Deeper paths are refused: the parser reads back no document nested deeper than 100 elements, so a
+// file edited past that could never be read again.
+constexpr size_t kMaxElementDepth = 64;
 constexpr const char* kXmlLockName = "LOCKXML";
 constexpr size_t kRecordField = 128;
 
@@ -148,6 +151,7 @@ XMLElement* xmlElementByPath(XMLDocument& document, const std::string& path) {
     steps.emplace_back(parts[i], index);
     if (i + 1 < parts.size() && isIndex(parts[i + 1])) ++i;
   }
+  if (steps.size() > kMaxElementDepth) return nullptr;
   tinyxml2::XMLNode* parent = &document;
   XMLElement* element = nullptr;
   for (const auto& step : steps) {

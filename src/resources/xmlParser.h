@@ -10,7 +10,8 @@
 // element). MISSING ELEMENTS ARE CREATED, at every level: a name not there is appended, and a number
 // beyond the elements there appends as many as it takes, so "DialRule.Data.3" on a plan of one rule
 // adds rules 2 and 3. Indexes of 0 or above 1000 are refused ("Invalid Element Index !") and so is
-// a name that is not an XML name; a refused path leaves its item unapplied.
+// a name that is not an XML name, or a path of more than 64 elements; a refused path leaves its item
+// unapplied.
 //
 // Expected roots: "DialRule" for dial plans, "DialNow" for dial-now rules, "ContactData" for contact
 // lists; the generic XML parser accepts any root.
