@@ -19,7 +19,6 @@ namespace {
 constexpr const char* kVersionFile = "/phone/version";
 constexpr const char* kSipAccountFile = "/config/user/voip/sipAccount0.cfg";
 constexpr const char* kHwVersionFile = "/proc/hwversion";
-constexpr const char* kDefaultDomain = "224.0.1.75";
 constexpr const char* kDefaultVendor = "Valdrun";
 constexpr const char* kDefaultEventModel = "DUNA-PH";
 constexpr const char* kGenericModelName = "VideoPhone";
@@ -226,8 +225,8 @@ std::string PNPManger::BuildSubscribe() {
   const std::string mac = netGetMACText();
   const std::string ip = netGetLocalIP();
   const std::string hostPort = ip + ":" + std::to_string(kPnpPort);
-  const std::string domain =
-      headerSafe(brisaGetProfileString(kSystemIni, kAutoProvisionSection, "PNPDomainName", kDefaultDomain), false);
+  const std::string domain = headerSafe(
+      brisaGetProfileString(kSystemIni, kAutoProvisionSection, "PNPDomainName", kDefaultPnpMulticast), false);
   const std::string firmware = brisaGetProfileString(kVersionFile, "version", "FIRMWARE_VERSION", "");
   const std::string vendor = brisaGetProfileString(kSystemIni, kAutoProvisionSection, "PNPEventVendor", kDefaultVendor);
   std::string model = brisaGetProfileString(kVersionFile, "version", "modelName", kGenericModelName);

@@ -29,7 +29,6 @@ constexpr const char* kVersion = "3.0.0.80";
 constexpr const char* kBuildDate = "Oct 17 2012";
 constexpr const char* kBuildTime = "14:27:42";
 constexpr const char* kDefaultHostName = "ORIN-PH";
-constexpr const char* kDefaultPnpMulticast = "224.0.1.75";
 constexpr int32_t kNetworkWaitSeconds = 30;
 constexpr uint64_t kConsoleKeyPollMs = 100;
 constexpr int32_t kPnpWaitMs = 10000;

@@ -26,7 +26,6 @@ namespace {
 constexpr const char* kDhcpOptionStore = "/tmp/valdrun_dhcp_options";
 constexpr const char* kDhcpSection = "DHCP";
 constexpr const char* kDefaultSystemOptions = "66,43";
-constexpr const char* kDefaultPnpMulticast = "224.0.1.75";
 constexpr int32_t kWiredNetwork = 0;
 constexpr uint32_t kNetworkPollMs = 1000;
 constexpr uint32_t kNetworkWaitMs = 120000;
