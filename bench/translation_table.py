@@ -16,70 +16,63 @@ ITEM = '<item name="{n}" key="{k}" valueType="boolean" range="0-1"/>\n'
 ITEM_PLAIN = '<item name="{n}" key="{k}"/>\n'
 
 
-def flat(size, out):
+HEAD = '<?xml version="1.0"?>\n<autopTranslator>\n<cfg>\n'
+TAIL = '</cfg>\n</autopTranslator>\n'
+
+
+def fill(size, out, chunk, head=HEAD, tail=TAIL):
+    """Writes head, then chunk(0), chunk(1), ... until at least SIZE bytes of chunks, then tail."""
+    out.write(head)
     written = 0
-    obj = 0
-    out.write('<?xml version="1.0"?>\n<autopTranslator>\n<cfg>\n')
+    n = 0
     while written < size:
-        head = ('<object name="obj{o}" indexMask="$i" range="0-15" path="/config/user/file{o}_$i.cfg" '
-                'section="sect{o}" action=\'msgPostMessage("app",0x60001,$i,0)\'>\n').format(o=obj)
-        body = ''.join((ITEM if i % 2 else ITEM_PLAIN).format(n='item_%d' % i, k='Key%dValue' % i)
-                       for i in range(12))
-        chunk = head + body + '</object>\n'
-        out.write(chunk)
-        written += len(chunk)
-        obj += 1
-    out.write('</cfg>\n</autopTranslator>\n')
+        text = chunk(n)
+        out.write(text)
+        written += len(text)
+        n += 1
+    out.write(tail)
 
 
-def wide(size, out):
-    out.write('<?xml version="1.0"?>\n<autopTranslator>\n<cfg>\n'
-              '<object name="wide" path="/config/system/wide.ini" section="Wide">\n')
-    written = 0
-    i = 0
-    while written < size:
-        line = ITEM_PLAIN.format(n='setting_%d' % i, k='Setting%d' % i)
-        out.write(line)
-        written += len(line)
-        i += 1
-    out.write('</object>\n</cfg>\n</autopTranslator>\n')
+def flat_object(obj):
+    head = ('<object name="obj{o}" indexMask="$i" range="0-15" path="/config/user/file{o}_$i.cfg" '
+            'section="sect{o}" action=\'msgPostMessage("app",0x60001,$i,0)\'>\n').format(o=obj)
+    body = ''.join((ITEM if i % 2 else ITEM_PLAIN).format(n='item_%d' % i, k='Key%dValue' % i) for i in range(12))
+    return head + body + '</object>\n'
 
 
-def deep(size, out, depth=94):
-    out.write('<?xml version="1.0"?>\n<autopTranslator>\n<cfg>\n')
-    written = 0
-    tree = 0
-    while written < size:
-        parts = []
-        for level in range(depth):
-            extra = ' path="/config/deep/tree%d.ini"' % tree if level == 0 else ''
-            parts.append('<object name="n%d"%s section="level%d">\n' % (level, extra, level))
-            parts.extend(ITEM_PLAIN.format(n='i%d' % i, k='K%d_%d' % (level, i)) for i in range(8))
-        parts.append('</object>\n' * depth)
-        chunk = ''.join(parts)
-        out.write(chunk)
-        written += len(chunk)
-        tree += 1
-    out.write('</cfg>\n</autopTranslator>\n')
+def wide_item(i):
+    return ITEM_PLAIN.format(n='setting_%d' % i, k='Setting%d' % i)
 
 
-def masked(size, out, depth=8):
-    out.write('<?xml version="1.0"?>\n<autopTranslator>\n<cfg>\n')
-    written = 0
-    tree = 0
+def deep_tree(tree, depth=94):
+    parts = []
+    for level in range(depth):
+        extra = ' path="/config/deep/tree%d.ini"' % tree if level == 0 else ''
+        parts.append('<object name="n%d"%s section="level%d">\n' % (level, extra, level))
+        parts.extend(ITEM_PLAIN.format(n='i%d' % i, k='K%d_%d' % (level, i)) for i in range(8))
+    parts.append('</object>\n' * depth)
+    return ''.join(parts)
+
+
+def masked_tree(tree, depth=8):
     masks = ['$m%d' % level for level in range(depth)]
-    while written < size:
-        parts = ['<object name="t%d" indexMask="%s" range="1-9" path="/config/m%d_%s.cfg">\n'
-                 % (tree, masks[0], tree, ''.join(masks))]
-        for level in range(1, depth):
-            parts.append('<object name="s" indexMask="%s" range="1-9" section="sec%s">\n' % (masks[level], masks[level]))
-        parts.extend(ITEM_PLAIN.format(n='i%d' % i, k='K%d' % i) for i in range(40))
-        parts.append('</object>\n' * depth)
-        chunk = ''.join(parts)
-        out.write(chunk)
-        written += len(chunk)
-        tree += 1
-    out.write('</cfg>\n</autopTranslator>\n')
+    parts = ['<object name="t%d" indexMask="%s" range="1-9" path="/config/m%d_%s.cfg">\n'
+             % (tree, masks[0], tree, ''.join(masks))]
+    for level in range(1, depth):
+        parts.append('<object name="s" indexMask="%s" range="1-9" section="sec%s">\n' % (masks[level], masks[level]))
+    parts.extend(ITEM_PLAIN.format(n='i%d' % i, k='K%d' % i) for i in range(40))
+    parts.append('</object>\n' * depth)
+    return ''.join(parts)
+
+
+SHAPES = {
+    'flat': lambda size, out: fill(size, out, flat_object),
+    'wide': lambda size, out: fill(size, out, wide_item,
+                                   HEAD + '<object name="wide" path="/config/system/wide.ini" section="Wide">\n',
+                                   '</object>\n' + TAIL),
+    'deep': lambda size, out: fill(size, out, deep_tree),
+    'masks': lambda size, out: fill(size, out, masked_tree),
+}
 
 
 def adjacent_masks(count, out):
@@ -98,7 +91,7 @@ def main():
     if sys.argv[1] == 'table':
         shape, size, path = sys.argv[2], int(sys.argv[3]), sys.argv[4]
         with open(path, 'w') as out:
-            {'flat': flat, 'wide': wide, 'deep': deep, 'masks': masked}[shape](size, out)
+            SHAPES[shape](size, out)
     elif sys.argv[1] == 'masks':
         with open(sys.argv[3], 'w') as out:
             adjacent_masks(int(sys.argv[2]), out)
