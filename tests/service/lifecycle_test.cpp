@@ -1,6 +1,7 @@
-// The daemon provisions by itself: a sandbox root, a web server on loopback, a phone application
-// stand-in that answers the talk-status query and a listener that sees the broadcasts. Hour-long
-// waits run on the fake clock.
+// The daemon as a whole process provisions by itself: a sandbox root, a web server on loopback, a
+// phone application stand-in that answers the talk-status query and a listener that sees the
+// broadcasts. Hour-long waits run on the fake clock. Also its start-up paths, the messages of other
+// applications and the firmware download the remote management client asks for.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -8,8 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "actions.h"
 #include "autopInfo.h"
 #include "daemon.h"
+#include "device.h"
+#include "firmware.h"
+#include "firmwareImages.h"
 #include "servicePeers.h"
 
 using namespace testing_support;
@@ -21,13 +26,9 @@ const char* kMac = "001565aabbcc";
 const char* kResultOk = "id=0x10201 wparam=0 lparam=1 extra=\n";
 
 const char* kTable = R"XML(<?xml version="1.0"?>
-<autopTranslator>
-  <cfg>
-    <object name="marker" path="/config/user/marker.ini" section="Marker">
-      <item name="source" key="From"/>
-    </object>
-  </cfg>
-</autopTranslator>
+<autopTranslator><cfg>
+  <object name="marker" path="/config/user/marker.ini" section="Marker"><item name="source" key="From"/></object>
+</cfg></autopTranslator>
 )XML";
 
 std::string markerFile(const std::string& source) { return "#!version:1.0.0.1\nmarker.source = " + source + "\n"; }
@@ -48,8 +49,8 @@ class DaemonRunTest : public ::testing::Test {
     return "http://127.0.0.1:" + std::to_string(http.port()) + "/" + dir + "/";
   }
   void systemIni(const std::string& autoProvisionKeys, const std::string& more = "") {
-    root.write("/config/system/system.ini", "[AutoProvision]\nstrCommName = common.cfg\nstrServerURL = " +
-                                                url("prov") + "\n" + autoProvisionKeys + more);
+    root.write("/config/system/system.ini", "[AutoProvision]\nstrCommName = common.cfg\nstrServerURL = " + url("prov") +
+                                                "\n" + autoProvisionKeys + more);
   }
   // The phone application (answering `talkReply`) and a listener of the broadcasts.
   void startPeers(int talkReply = 1) {
@@ -97,8 +98,7 @@ TEST_F(DaemonRunTest, PowerOnRunPicksItsSourceInOrder) {
       {"option 66 first under priority 0", "bEnablePoweron = 1\nurl_priority = 0\n", o66, "dhcp66", ""},
       {"configured server first under priority 1", "bEnablePoweron = 1\nurl_priority = 1\n", o66, "prov", ""},
       {"system options in their order", "listSystemOptions = 43,66\n", o43 + o66, "dhcp43", ""},
-      {"the user's option before them", "listUserOptions = 66\nlistSystemOptions = 43\n", o43 + o66, "dhcp66",
-       ""},
+      {"the user's option before them", "listUserOptions = 66\nlistSystemOptions = 43\n", o43 + o66, "dhcp66", ""},
       // 127.0.0.1 in hexadecimal, where no TFTP server answers: the configured server comes next.
       {"an unanswered option", "bEnablePoweron = 1\nlistSystemOptions = 66\n", "66 = 7f000001\n", "prov",
        "system option 66 = 127.0.0.1\n"},
@@ -125,10 +125,12 @@ TEST_F(DaemonRunTest, MessagesBeforeAndAfterTheFirstRun) {
   startPeers();
   ServerProcess pnp;
   ASSERT_TRUE(listen(pnp, "app_PnpManger", peers.file("pnp.log")));
-  // Plug-and-play on: the daemon waits ten real seconds for the answer before its power-on run.
-  systemIni("bEnablePNP = 1\nbEnablePoweron = 0\n");
+  // Plug-and-play on: the daemon asks the discovery thread for the configured group and waits ten
+  // real seconds for the answer before its power-on run.
+  systemIni("bEnablePNP = 1\nbEnablePoweron = 0\nstrPNPMulticastIP = 224.0.1.99\n");
   DaemonProcess daemon(root.path(), {});
   ASSERT_TRUE(daemon.waitReachable());
+  EXPECT_EQ(msgctl("send provisor 0xa0001"), "2\n");
 
   EXPECT_EQ(msgctl("post provisor 0xa0000"), "");
   EXPECT_EQ(msgctl("send provisor 0xa0001"), "1\n");  // refused, left running
@@ -138,7 +140,8 @@ TEST_F(DaemonRunTest, MessagesBeforeAndAfterTheFirstRun) {
   EXPECT_EQ(msgctl("post provisor 0xc0001 0 0 --extra " + url("given")), "");
   ASSERT_TRUE(waitBroadcast(kResultOk));
   EXPECT_EQ(marker(), "given");
-  EXPECT_TRUE(contains(readHostFile(peers.file("pnp.log")), "id=0xb0002 wparam=0 lparam=0"));
+  EXPECT_TRUE(contains(readHostFile(peers.file("pnp.log")),
+                       "id=0xb0000 wparam=0 lparam=0 extra=224.0.1.99\nid=0xb0002 wparam=0 lparam=0"));
   EXPECT_EQ(msgctl("send provisor 0xb0009"), "2\n");
 
   // Now a plain request runs: without DHCP options and url_priority 0 it reaches the configured server.
@@ -154,26 +157,25 @@ TEST_F(DaemonRunTest, MessagesBeforeAndAfterTheFirstRun) {
   EXPECT_EQ(occurrences(broadcasts(), kResultOk), 3);
   EXPECT_EQ(daemon.stop(SIGTERM), 0);
   EXPECT_EQ(occurrences(daemon.log(), "<<<<<< Autoprovision End >>>>>>"), 3);
+  EXPECT_TRUE(contains(daemon.log(), "PNP Server IP = 224.0.1.99"));
 }
 
-TEST_F(DaemonRunTest, UpdateConfigRecordBringsUrlCredentialsAndKeys) {
+// A zero-touch start: the status queries, the host name, a pushed file and the update record with
+// URL, credentials and keys, then a clean end on SIGTERM.
+TEST_F(DaemonRunTest, ZeroTouchStartHostNamePushedFileAndUpdateConfigRecord) {
   startPeers();
   const std::string comKey = "commonkey0123456", macKey = "devicekey0123456";
   // openssl encrypts the files with the keys as the record will carry them (hex-coded by od).
-  auto encrypt = [&](const std::string& name, std::string plain, const std::string& key) {
-    plain.resize((plain.size() + 15) / 16 * 16, ' ');
-    peers.write("plain.in", plain);
-    std::string out;
-    const std::string hexKey = "$(printf %s " + key + " | od -An -tx1 | tr -d ' \\n')";
-    ASSERT_EQ(runCommand("openssl enc -aes-128-ecb -nopad -K " + hexKey + " -in '" + peers.file("plain.in") +
-                             "' -out '" + peers.file("cipher.out") + "'",
-                         &out),
-              0)
-        << out;
+  auto encrypt = [&](const std::string& name, const std::string& source, const std::string& key) {
+    peers.write("plain.in", markerFile(source) + std::string(16 - markerFile(source).size() % 16, ' '));
+    ASSERT_EQ(
+        runCommand("openssl enc -aes-128-ecb -nopad -K $(printf %s " + key + " | od -An -tx1 | tr -d ' \\n') -in '" +
+                   peers.file("plain.in") + "' -out '" + peers.file("cipher.out") + "'"),
+        0);
     http.put("enc/" + name, readHostFile(peers.file("cipher.out")));
   };
-  encrypt("common.cfg", markerFile("common"), comKey);
-  encrypt(std::string(kMac) + ".cfg", markerFile("encrypted"), macKey);
+  encrypt("common.cfg", "common", comKey);
+  encrypt(std::string(kMac) + ".cfg", "encrypted", macKey);
   systemIni("");
 
   AutopInfo info;
@@ -188,6 +190,24 @@ TEST_F(DaemonRunTest, UpdateConfigRecordBringsUrlCredentialsAndKeys) {
 
   DaemonProcess daemon(root.path(), {"-byzero"}, true);
   ASSERT_TRUE(daemon.waitReachable());
+  EXPECT_EQ(msgctl("send provisor 0xa0001 0 0"), "0\n");
+  EXPECT_EQ(msgctl("send provisor 0xb0009 0 0"), "0\n");
+  // Without extra data the host name message is not handled: nothing is written.
+  EXPECT_EQ(msgctl("post provisor 0xa0003 0 0"), "");
+  EXPECT_EQ(msgctl("post provisor 0xa0003 0 0 --extra \"\""), "");
+  EXPECT_EQ(msgctl("send provisor 0xa0001 0 0"), "0\n");  // the posts before it have been handled
+  EXPECT_EQ(userenv_get("HOST_NAME"), "ORIN-PH");
+  // A file another application pushed: taken over and applied without a digest test.
+  root.write("/tmp/XML.cfg", markerFile("pushed"));
+  EXPECT_EQ(msgctl("post provisor 0xa0003 0 0 --extra desk-42"), "");
+  EXPECT_EQ(msgctl("post provisor 0xa1003"), "");
+  EXPECT_EQ(msgctl("send provisor 0xa0001"), "0\n");
+  EXPECT_EQ(userenv_get("HOST_NAME"), "desk-42");
+  EXPECT_EQ(marker(), "pushed");
+  EXPECT_FALSE(root.exists("/tmp/XML.cfg"));
+  EXPECT_TRUE(contains(daemon.log(), "PushXml:cp /tmp/XML.cfg to /tmp/xxx.cfg"));
+  EXPECT_FALSE(contains(daemon.log(), "MD5 is same"));
+
   EXPECT_EQ(msgctl("post provisor 0xb0001 2 0 --extra-file '" + peers.file("info.bin") + "'"), "");
   ASSERT_TRUE(waitBroadcast(kResultOk)) << daemon.log();
   EXPECT_EQ(marker(), "encrypted") << marker();
@@ -196,11 +216,33 @@ TEST_F(DaemonRunTest, UpdateConfigRecordBringsUrlCredentialsAndKeys) {
   EXPECT_EQ(msgctl("post provisor 0xb0001 2 0 --extra-file '" + peers.file("short.bin") + "'"), "");
   EXPECT_EQ(msgctl("send provisor 0xa0001"), "0\n");
   EXPECT_EQ(daemon.stop(SIGTERM), 0);
+  EXPECT_EQ(msgGetThreadByName("provisor"), "");
   std::string log = daemon.log();
-  EXPECT_TRUE(contains(log, "uuuu:******@127.0.0.1")) << log;
+  // The banner comes from main's own source file, with the log's padded "[file:line]" prefix.
+  size_t banner = log.find("] provisor version = 3.0.0.80 build at Oct 17 2012 14:27:42\n");
+  ASSERT_NE(banner, std::string::npos) << log;
+  size_t lineStart = log.rfind('\n', banner) + 1;
+  EXPECT_NE(log.substr(lineStart, banner - lineStart).find("[./src/main"), std::string::npos) << log;
+  for (const char* line :
+       {"] WAR Run by Zero-sp-Touch Thread !\n", "] IFO Load trans data from /phone/resource/autopTranslator.xml\n",
+        "] IFO Zero-sp-touch launch Autop,do not PNP!!!\n",
+        "Receive Message [MSG_GET_AUTO_PROVISION] ! Will ReplyMessage [0]", "uuuu:******@127.0.0.1",
+        "Autop Success,Close Redirect!", "fileDownload::OpenDownloadStream[127.0.0.1][/en/"})
+    EXPECT_TRUE(contains(log, line)) << line;
   EXPECT_FALSE(contains(log, "s3cret"));
-  EXPECT_TRUE(contains(log, "Autop Success,Close Redirect!"));
-  EXPECT_TRUE(contains(log, "fileDownload::OpenDownloadStream[127.0.0.1][/en/")) << log;
+  EXPECT_FALSE(contains(log, "DecryptionFile error!"));  // each file with its own key of the record
+}
+
+TEST_F(DaemonRunTest, NormalStartWaitsThirtySecondsForTheNetworkThenFallsBackToThePowerOnTimer) {
+  systemIni("bEnablePNP = 1\n");
+  root.write("/host/device.ini", "[device]\nnetwork_state = 0\nmac = 001565aabbcc\nip = 127.0.0.1\n");
+  // -byzero with another argument is normal mode. The fake clock makes the 30 s wait instant.
+  DaemonProcess daemon(root.path(), {"-byzero", "extra"}, true);
+  ASSERT_TRUE(daemon.waitForLog("PNP Check Network Fail"));
+  ASSERT_TRUE(daemon.waitReachable());
+  EXPECT_EQ(daemon.stop(SIGINT), 0);
+  EXPECT_EQ(occurrences(daemon.log(), "PNP Network Fail,sleep 1 seconds"), 30);
+  EXPECT_FALSE(contains(daemon.log(), "Zero-sp-Touch"));
 }
 
 TEST_F(DaemonRunTest, ForcedRebootAfterTheRunWithAndWithoutUnregisterDelay) {
@@ -224,6 +266,35 @@ TEST_F(DaemonRunTest, ForcedRebootAfterTheRunWithAndWithoutUnregisterDelay) {
     EXPECT_TRUE(contains(log, "Sip unregister on reboot need delay " + std::to_string(unregister) + "s !"));
     EXPECT_LT(log.find("SIP Update and then Force to reboot!"), log.find("To reboot !!"));
   }
+}
+
+// The client's firmware requests: a refused one is reported; a good image header arms safe mode and
+// the reboot is recorded; the boot loader's stand-in, not the daemon, installs the image.
+TEST_F(DaemonRunTest, AGoodFirmwareImageOfTheManagementClientRebootsIntoSafeMode) {
+  FirmwareKit kit(root);
+  ASSERT_TRUE(kit.ready());
+  root.write(kHostDeviceIni, std::string("[device]\nmac = ") + kMac + "\nip = 127.0.0.1\nfamily = duna\n");
+  root.write(kFirmwareSlotPath, "old firmware");
+  http.put("fw/new.rom", kit.image("duna", testBytes(150000, 7)));
+  const std::string request = "/tmp/tr069_" + std::string(kMac) + ".cfg", image = url("fw") + "new.rom";
+  startPeers();
+  systemIni("bEnablePoweron = 0\n");
+  DaemonProcess daemon(root.path(), {}, true);
+  ASSERT_TRUE(daemon.waitReachable()) << daemon.log();
+  root.write(request, "[firmware]\nhttp_url = " + image + "\nfirmware_name = image.bin\n");
+  EXPECT_EQ(msgctl("post provisor 0xb0005"), "");
+  ASSERT_TRUE(waitBroadcast("id=0xb1001 wparam=0 lparam=0 extra=\n"));
+  EXPECT_FALSE(root.exists(kHostBootEnv));
+
+  root.write(request, "[firmware]\nhttp_url = " + image + "\nfirmware_name = Image.ROM\n");
+  EXPECT_EQ(msgctl("post provisor 0xb0005"), "");
+  EXPECT_EQ(daemon.wait(30000), 0) << daemon.log();  // the recorded reboot ends the process
+  EXPECT_EQ(root.read(kHostActionsLog), "reboot\n");
+  EXPECT_EQ(userenv_get("BOOTMODE"), "safemode");
+  EXPECT_EQ(userenv_get("strUpgradeURL"), image);
+  EXPECT_EQ(root.read(kFirmwareSlotPath), "old firmware");
+  ASSERT_TRUE(waitBroadcast("id=0xb1001 wparam=1 lparam=0 extra=\n"));
+  EXPECT_TRUE(contains(broadcasts(), std::string(kResultOk) + "id=0xb1001 wparam=1")) << broadcasts();
 }
 
 TEST_F(DaemonRunTest, APhoneInACallForTheWholeHourSkipsTheRun) {

@@ -64,7 +64,8 @@ TEST(DaemonPnpRun, SippAnswerIsProvisionedAndTheManagerToldItIsDone) {
   std::thread server([&] {
     sippStatus = runCommand("sipp -sf '" + peers.file("server.xml") +
                                 "' -i 0.0.0.0 -p 5060 -m 1 -nostdin -timeout 30s -timeout_error -trace_err "
-                                "-error_file '" + peers.file("errors.log") + "' </dev/null",
+                                "-error_file '" +
+                                peers.file("errors.log") + "' </dev/null",
                             &sippOutput);
   });
   for (int i = 0; i < 1000 && runCommand("ss -Hlun 'sport = :5060' | grep -q .") != 0; ++i) usleep(10000);

@@ -22,8 +22,8 @@ inline std::string msgctl(const std::string& args) {
 
 // Starts (or restarts) `listener` as the application `name`, logging what it receives to `logFile`
 // and answering synchronous messages with `reply` (none when negative); waits until it is reachable.
-inline bool listen(testing_support::ServerProcess& listener, const std::string& name,
-                   const std::string& logFile, int reply = -1) {
+inline bool listen(testing_support::ServerProcess& listener, const std::string& name, const std::string& logFile,
+                   int reply = -1) {
   std::vector<std::string> args = {"listen", name};
   if (reply >= 0) args.insert(args.end(), {"--reply", std::to_string(reply)});
   if (!listener.start(testing_support::programArgv("msgctl", args), logFile)) return false;

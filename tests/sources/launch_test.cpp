@@ -15,9 +15,7 @@ TEST(LaunchText, DhcpOptionValues) {
     const char* value;
     const char* url;
   } cases[] = {
-      {"c0a80a01", "192.168.10.1"},
-      {"7F000001", "127.0.0.1"},
-      {"http://10.0.0.1/cfg/", "http://10.0.0.1/cfg/"},
+      {"c0a80a01", "192.168.10.1"},     {"7F000001", "127.0.0.1"}, {"http://10.0.0.1/cfg/", "http://10.0.0.1/cfg/"},
       {"c0a80a0", "c0a80a0"},  // odd length: plain text
       {"tftp.example", "tftp.example"},
   };

@@ -1,12 +1,12 @@
-// A provisioning URL in, changed INI values out: directory and file URLs over local paths, TFTP,
-// FTP, HTTP and HTTPS (real servers on loopback), "$mac", the custom per-device file location, the
-// MD5 memory, both file models, the size limit, encrypted files, and no password of any URL in the log.
+// A provisioning URL in, changed INI values out: directory and file URLs over local paths, HTTP and
+// HTTPS (a real server on loopback; every stream has its own tests), "$mac", the custom per-device
+// file location, the MD5 memory, both file models, the size limit, and no password of any URL in the
+// log.
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "autoParser.h"
-#include "autoParserCrypt.h"
 #include "autoUpgrade.h"
 #include "autopTranslator.h"
 #include "registry.h"
@@ -30,28 +30,12 @@ const char* kTable = R"XML(<?xml version="1.0"?>
       <item name="vlan" key="VlanID" action="msgPostMessage(&quot;app_vpPhone&quot;,0x60001,1,2);sleep(0)"/>
       <item name="mtu" key="MTU" reboot="1" action="sleep(0)"/>
     </object>
-    <object name="custom_mac_cfg" path="/tmp/download.cfg" section="CUSTOM_MAC_CFG_PATH">
-      <item name="url" key="server_address"/>
-    </object>
-    <object name="auto_provision" path="/config/system/system.ini" section="AutoProvision">
-      <item name="server.url" key="strServerURL"/>
-    </object>
+    <object name="custom_mac_cfg" path="/tmp/download.cfg" section="CUSTOM_MAC_CFG_PATH"><item name="url" key="server_address"/></object>
+    <object name="auto_provision" path="/config/system/system.ini" section="AutoProvision"><item name="server.url" key="strServerURL"/></object>
   </cfg>
-  <bin>
-    <object name="dialplan">
-      <item name="url" fileType="xml" usage="cover.dialplan" path="/config/dialplan.xml"/>
-    </object>
-  </bin>
-  <pwd>
-    <object name="security" path="/valdrun/config/.htpasswd">
-      <item name="user_password" section="user"/>
-    </object>
-  </pwd>
-  <rom>
-    <object name="firmware">
-      <item name="url" path="/tmp/firmware.rom"/>
-    </object>
-  </rom>
+  <bin><object name="dialplan"><item name="url" fileType="xml" usage="cover.dialplan" path="/config/dialplan.xml"/></object></bin>
+  <pwd><object name="security" path="/valdrun/config/.htpasswd"><item name="user_password" section="user"/></object></pwd>
+  <rom><object name="firmware"><item name="url" path="/tmp/firmware.rom"/></object></rom>
 </autopTranslator>
 )XML";
 
@@ -67,12 +51,10 @@ class UpgradeTest : public RootedTest {
     autoUpgrade::setRebootHandler([this] { ++reboots; });
     root->write("/host/device.ini", std::string("[device]\nmac = ") + kMac + "\nip = 127.0.0.1\nnetwork_type = 0\n");
     root->write("/config/system/system.ini", "[AutoProvision]\nstrCommName = common.cfg\n");
-    registryResetCache();
   }
   void TearDown() override {
     autoUpgrade::setTranslator(nullptr);
     autoUpgrade::setRebootHandler(nullptr);
-    registryResetCache();
     RootedTest::TearDown();
   }
   std::string ini(const std::string& file, const std::string& section, const std::string& key) {
@@ -108,6 +90,14 @@ TEST_F(UpgradeTest, LocalDirectoryAppliesCommonThenPerDeviceFile) {
   EXPECT_EQ(label(2), "Alone");
   // Nothing there at all: not reached.
   EXPECT_FALSE(autoUpgrade::UpgradeFromURL("/srv/none/"));
+
+  // A custom per-device location that names the file itself is used as it stands, and collected
+  // where the phone reads it.
+  root->write("/srv/devs/mine.cfg", m7("account.4.label = Named\n"));
+  root->write("/srv/c/common.cfg", m7("custom_mac_cfg.url = /srv/devs/mine.cfg\n"));
+  EXPECT_TRUE(autoUpgrade::UpgradeFromURL("/srv/c/"));
+  EXPECT_EQ(label(3), "Named");
+  EXPECT_EQ(ini("/tmp/autop_tmp_config.cfg", "CUSTOM_MAC_CFG_PATH", "server_address"), "/srv/devs/mine.cfg");
 }
 
 TEST_F(UpgradeTest, InvalidUrlsAndFileNames) {
@@ -136,8 +126,10 @@ TEST_F(UpgradeTest, HttpAndHttpsUrlsWithNoPasswordInTheLog) {
   http.put(std::string("files/") + kMac + ".cfg", m7("account.1.label = ViaMac\n"));
   // The server takes user:secret for /auth/; every URL there carries a password: the provisioning
   // URL, the custom per-device location and a URL-valued setting.
-  http.put("auth/common.cfg", m7("custom_mac_cfg.url = https://user:secret@" + tlsServer + "/auth/devices/\n"
-                                 "auto_provision.server.url = ftp://admin:secret@" + server + "/prov/\n"));
+  http.put("auth/common.cfg", m7("custom_mac_cfg.url = https://user:secret@" + tlsServer +
+                                 "/auth/devices/\n"
+                                 "auto_provision.server.url = ftp://admin:secret@" +
+                                 server + "/prov/\n"));
   http.put(std::string("auth/devices/") + kMac + ".cfg", m7("account.2.label = Reached\n"));
 
   LogCapture log;
@@ -149,8 +141,9 @@ TEST_F(UpgradeTest, HttpAndHttpsUrlsWithNoPasswordInTheLog) {
   EXPECT_EQ(label(1), "Reached");
   EXPECT_EQ(ini("/config/system/system.ini", "AutoProvision", "strServerURL"),
             "ftp://admin:secret@" + server + "/prov/");
-  for (const char* line : {"psw = ******", "(MD5) is same as old file",
-                           "Get Custom MAC.CFG's URL: https://user:******@", "--- Set [AutoProvision::strServerURL] Value [ftp://admin:******@"})
+  for (const char* line :
+       {"psw = ******", "(MD5) is same as old file", "Get Custom MAC.CFG's URL: https://user:******@",
+        "--- Set [AutoProvision::strServerURL] Value [ftp://admin:******@"})
     EXPECT_TRUE(log.contains(line)) << line;
   const std::string text = log.text();
   size_t leak = text.find("secret");
@@ -162,35 +155,12 @@ TEST_F(UpgradeTest, HttpAndHttpsUrlsWithNoPasswordInTheLog) {
   EXPECT_FALSE(autoUpgrade::UpgradeFromURL("http://" + server + "/files/absent.cfg?x=1"));
 }
 
-TEST_F(UpgradeTest, TftpAndFtpDirectoriesAndTheCustomPerDeviceLocation) {
-  TftpServer tftp;
-  ASSERT_TRUE(tftp.start());
-  FtpServer ftp;
-  ASSERT_TRUE(ftp.start());
-  const std::string ftpBase = "ftp://127.0.0.1:" + std::to_string(ftp.port());
-  tftp.put("prov/common.cfg", m7("account.1.label = FromTftp\ncustom_mac_cfg.url = " + ftpBase + "/devs\n"));
-  ftp.put(std::string("devs/") + kMac + ".cfg", m7("account.2.label = FromFtp\n"));
-
-  // No scheme: TFTP.
-  EXPECT_TRUE(autoUpgrade::UpgradeFromURL("127.0.0.1:" + std::to_string(tftp.port()) + "/prov"));
-  EXPECT_EQ(label(0), "FromTftp");
-  EXPECT_EQ(label(1), "FromFtp");
-  // The custom location was collected where the phone reads it.
-  EXPECT_EQ(ini("/tmp/autop_tmp_config.cfg", "CUSTOM_MAC_CFG_PATH", "server_address"), ftpBase + "/devs");
-
-  // A custom location that names the file itself is used as it stands.
-  ftp.put("devs/mine.cfg", m7("account.3.label = Named\n"));
-  ftp.put("prov/common.cfg", m7("custom_mac_cfg.url = " + ftpBase + "/devs/mine.cfg\n"));
-  EXPECT_TRUE(autoUpgrade::UpgradeFromURL(ftpBase + "/prov/"));
-  EXPECT_EQ(label(2), "Named");
-}
-
 TEST_F(UpgradeTest, UnchangedFilesApplyOnlyResourceAndFirmwareItems) {
-  const std::string common = m7(
-      "network.vlan = 5\n"
-      "dialplan.url = http://127.0.0.1:9/dialplan.xml\n"
-      "security.user_password = admin:pw\n"
-      "firmware.url = http://127.0.0.1:9/fw.rom\n");
+  const std::string common =
+      m7("network.vlan = 5\n"
+         "dialplan.url = http://127.0.0.1:9/dialplan.xml\n"
+         "security.user_password = admin:pw\n"
+         "firmware.url = http://127.0.0.1:9/fw.rom\n");
   root->write("/srv/p/common.cfg", common);
   root->write(std::string("/srv/p/") + kMac + ".cfg", m7("account.1.label = Dev\n"));
   ASSERT_TRUE(autoUpgrade::UpgradeFromURL("/srv/p"));
@@ -248,37 +218,13 @@ TEST_F(UpgradeTest, FileModelsValuesAndTheSizeLimit) {
   EXPECT_TRUE(log.contains("The Model Config File is larger than 2097152"));
 }
 
-TEST_F(UpgradeTest, EncryptedFilesWithRequestKeysAndTheirFailures) {
-  auto encrypt = [&](const std::string& logical, const std::string& plain, const std::string& key) {
-    root->write("/tmp/plain", plain);
-    root->write(logical, "");
-    ASSERT_TRUE(encryptFile("/tmp/plain", logical, aesKeyFromText(key)));
-  };
-  encrypt("/srv/e/common.cfg", m7("network.vlan = 44\n"), "comKey");
-  encrypt(std::string("/srv/e/") + kMac + ".cfg", m7("account.1.label = Secret\n"), "macKey");
-  AutopInfo info{};
-  strcpy(info.comAesKey, "comKey");
-  strcpy(info.macAesKey, "macKey");
-  EXPECT_TRUE(autoUpgrade::UpgradeFromURL("/srv/e", &info));
-  EXPECT_EQ(ini("/config/system/system.ini", "Network", "VlanID"), "44");
-  EXPECT_EQ(label(0), "Secret");
-
-  // A wrong key: reached (true) but nothing applied.
-  strcpy(info.macAesKey, "wrongKey");
-  brisaSetProfileString("/config/user/voip/sipAccount0.cfg", "account", "Label", "unchanged");
-  LogCapture log;
-  EXPECT_TRUE(autoUpgrade::UpgradeFromURL(std::string("/srv/e/") + kMac + ".cfg", &info));
-  EXPECT_EQ(label(0), "unchanged");
-  EXPECT_TRUE(log.contains("DecryptionFile error!"));
-}
-
 TEST_F(UpgradeTest, OpeningIsRetriedOnlyOnAWiredNetwork) {
   ns_net::autopUrl url;
   ASSERT_TRUE(url.Parse("/srv/absent.cfg"));
   for (int type : {0, 2}) {
     SCOPED_TRACE(type);
-    root->write("/host/device.ini", std::string("[device]\nmac = ") + kMac + "\nnetwork_type = " +
-                                        std::to_string(type) + "\n");
+    root->write("/host/device.ini",
+                std::string("[device]\nmac = ") + kMac + "\nnetwork_type = " + std::to_string(type) + "\n");
     registryResetCache();
     const int tries = type == 2 ? 6 : 1;
     LogCapture log;

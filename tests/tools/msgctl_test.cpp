@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <string>
 
-#include "msgqueue.h"
 #include "launcher.h"
+#include "msgqueue.h"
 #include "servers.h"
 #include "testRoot.h"
 
