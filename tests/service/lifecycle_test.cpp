@@ -25,14 +25,6 @@ namespace {
 const char* kMac = "001565aabbcc";
 const char* kResultOk = "id=0x10201 wparam=0 lparam=1 extra=\n";
 
-const char* kTable = R"XML(<?xml version="1.0"?>
-<autopTranslator><cfg>
-  <object name="marker" path="/config/user/marker.ini" section="Marker"><item name="source" key="From"/></object>
-</cfg></autopTranslator>
-)XML";
-
-std::string markerFile(const std::string& source) { return "#!version:1.0.0.1\nmarker.source = " + source + "\n"; }
-
 class DaemonRunTest : public ::testing::Test {
  protected:
   void SetUp() override {

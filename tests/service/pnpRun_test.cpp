@@ -20,12 +20,6 @@ using namespace service_test;
 
 namespace {
 
-const char* kTable = R"XML(<?xml version="1.0"?>
-<autopTranslator><cfg>
-  <object name="marker" path="/config/user/marker.ini" section="Marker"><item name="source" key="From"/></object>
-</cfg></autopTranslator>
-)XML";
-
 // sipp listens on every address; the group must be joined on loopback for the kernel to deliver
 // the phone's multicast SUBSCRIBE to it.
 class GroupMembership {
@@ -47,7 +41,7 @@ TEST(DaemonPnpRun, SippAnswerIsProvisionedAndTheManagerToldItIsDone) {
   TempRoot root;
   HttpServer http;
   ASSERT_TRUE(http.start());
-  http.put("pnp/common.cfg", "#!version:1.0.0.1\nmarker.source = plug-and-play\n");
+  http.put("pnp/common.cfg", markerFile("plug-and-play"));
   const std::string url = "http://127.0.0.1:" + std::to_string(http.port()) + "/pnp/";
   root.write("/phone/resource/autopTranslator.xml", kTable);
   root.write("/host/device.ini", "[device]\nmac = 001565aabbcc\nip = 127.0.0.1\nnetwork_state = 2\n");

@@ -1,5 +1,5 @@
-// What the daemon tests share: msgctl driven as the other applications of the phone would, and
-// small text helpers for the logs those processes leave.
+// What the daemon tests share: msgctl driven as the other applications of the phone would, a
+// one-setting translation table, and small text helpers for the logs those processes leave.
 #pragma once
 
 #include <unistd.h>
@@ -29,6 +29,18 @@ inline bool listen(testing_support::ServerProcess& listener, const std::string& 
   if (!listener.start(testing_support::programArgv("msgctl", args), logFile)) return false;
   for (int i = 0; i < 500 && msgGetThreadByName(name).empty(); ++i) usleep(10000);
   return !msgGetThreadByName(name).empty();
+}
+
+// A translation table of one setting, and a file that sets it: which source was applied shows in
+// /config/user/marker.ini.
+inline const char* kTable = R"XML(<?xml version="1.0"?>
+<autopTranslator><cfg>
+  <object name="marker" path="/config/user/marker.ini" section="Marker"><item name="source" key="From"/></object>
+</cfg></autopTranslator>
+)XML";
+
+inline std::string markerFile(const std::string& source) {
+  return "#!version:1.0.0.1\nmarker.source = " + source + "\n";
 }
 
 inline int occurrences(const std::string& text, const std::string& needle) {

@@ -1,6 +1,6 @@
-// Signed images end to end through the tool: verify, a firmware object served over HTTPS that is
-// flashed and asks for the reboot, and the boot loader's safe-mode install with every refusal
-// leaving the slot as it was.
+// Signed images through the tool: verify, and the boot loader's safe-mode install with every
+// refusal leaving the slot as it was. (A firmware object in a whole provisioning run is part of the
+// power-loss test; the installers of each family have their own tests.)
 #include <gtest/gtest.h>
 
 #include "device.h"
@@ -11,17 +11,12 @@ using namespace testing_support;
 
 namespace {
 
-constexpr const char* kMac = "001565aabbcc";
-
 class AutoptoolImageTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(kit.ready()); }
   int tool(const std::string& args, std::string* out) {
     return runCommand(
         "PROVISOR_FAKE_CLOCK=1 PROVISOR_ROOT=" + root.path() + " " + programCommand("autoptool") + " " + args, out);
-  }
-  void device(const std::string& family) {
-    root.write(kHostDeviceIni, std::string("[device]\nmac = ") + kMac + "\nfamily = " + family + "\n");
   }
   TempRoot root;
   FirmwareKit kit{root};
@@ -49,28 +44,8 @@ TEST_F(AutoptoolImageTest, VerifyPrintsTheHeaderAndNamesWhatIsWrong) {
   EXPECT_NE(out.find("bad signature"), std::string::npos);
 }
 
-// The installers of each family and the forms of the firmware object have their own tests; here the
-// whole run: the object reaches the lyra flasher over HTTPS and the tool reports the reboot.
-TEST_F(AutoptoolImageTest, AFirmwareObjectIsFlashedAndArrangesTheReboot) {
-  root.write("/phone/resource/autopTranslator.xml", readHostFile(PROVISOR_SOURCE_DIR "/data/autopTranslator.xml"));
-  TestCa ca("fwca");
-  ASSERT_TRUE(ca.create() && ca.issueServerCertificate("server"));
-  root.write("/config/certs/trusted/ca.pem", readHostFile(ca.caCertificate()));
-  HttpServer http;
-  ASSERT_TRUE(http.start(&ca));
-  std::string payload = testBytes(120000, 9);
-  http.put("fw/lyra.rom", kit.image("lyra", payload));
-  device("lyra");
-  root.write(std::string("/srv/p/") + kMac + ".cfg", "#!version:1.0.0.1\nfirmware.url = https://127.0.0.1:" +
-                                                         std::to_string(http.tlsPort()) + "/fw/lyra.rom\n");
-  std::string out;
-  ASSERT_EQ(tool("provision /srv/p/", &out), 0) << out;
-  EXPECT_NE(out.find("an applied setting asks for a reboot"), std::string::npos) << out;
-  EXPECT_TRUE(root.read(kFirmwareSlotPath) == payload);
-}
-
 TEST_F(AutoptoolImageTest, SafeModeInstallFlashesOnlyAWholeGoodImageAndAlwaysLeavesSafeMode) {
-  device("duna");
+  root.write(kHostDeviceIni, "[device]\nmac = 001565aabbcc\nfamily = duna\n");
   HttpServer http;
   ASSERT_TRUE(http.start());
   std::string payload = testBytes(150000, 4);

@@ -133,6 +133,7 @@ TEST(PowerLoss, EveryFileIsWhollyOldOrNewAtAnyKillAndTheNextRunCompletesTheWork)
     wholeLog = provision(completed.path(), logs.file("whole.log"));
     after = readTree(completed.path());
   }
+  EXPECT_NE(wholeLog.find("an applied setting asks for a reboot"), std::string::npos) << wholeLog;
   std::vector<std::string> changed;
   for (const auto& [path, contents] : after)
     if (before.count(path) == 0 || before.at(path) != contents) changed.push_back(path);
