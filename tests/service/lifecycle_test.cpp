@@ -3,13 +3,11 @@
 // broadcasts. Hour-long waits run on the fake clock. Also its start-up paths, the messages of other
 // applications and the firmware download the remote management client asks for.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "actions.h"
 #include "autopInfo.h"
 #include "daemon.h"
 #include "device.h"
@@ -62,9 +60,7 @@ class DaemonRunTest : public ::testing::Test {
   }
   std::string broadcasts() const { return readHostFile(peers.file("screen.log")); }
   bool waitBroadcast(const std::string& line) const {
-    for (int waited = 0; waited < 15000; waited += 20, usleep(20000))
-      if (contains(broadcasts(), line)) return true;
-    return false;
+    return pollFor([&] { return contains(broadcasts(), line); }, 15000);
   }
 
   TempRoot root;
@@ -74,17 +70,14 @@ class DaemonRunTest : public ::testing::Test {
 };
 
 // Which source the power-on run takes, from the DHCP option store, url_priority and the lists.
-struct SourceCase {
-  const char* name;
-  const char* keys;
-  std::string dhcpOptions;
-  const char* expected;  // the marker applied, "" for none
-  const char* logged;    // a line the run logs, "" for none asked for
-};
-
 TEST_F(DaemonRunTest, PowerOnRunPicksItsSourceInOrder) {
   const std::string o66 = "66 = " + url("dhcp66") + "\n", o43 = "43 = " + url("dhcp43") + "\n";
-  const std::vector<SourceCase> cases = {
+  const struct {
+    const char *name, *keys;
+    std::string dhcpOptions;
+    const char* expected;  // the marker applied, "" for none
+    const char* logged;    // a line the run logs, "" for none asked for
+  } cases[] = {
       {"configured server", "bEnablePoweron = 1\n", "", "prov", ""},
       {"not at power-on unless enabled", "bEnablePoweron = 0\n", "", "", ""},
       {"option 66 first under priority 0", "bEnablePoweron = 1\nurl_priority = 0\n", o66, "dhcp66", ""},
@@ -96,7 +89,7 @@ TEST_F(DaemonRunTest, PowerOnRunPicksItsSourceInOrder) {
        "system option 66 = 127.0.0.1\n"},
   };
   startPeers();
-  for (const SourceCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     root.write("/config/user/marker.ini", "");
     root.write("/config/OLD_VER", "");
@@ -281,7 +274,7 @@ TEST_F(DaemonRunTest, AGoodFirmwareImageOfTheManagementClientRebootsIntoSafeMode
   root.write(request, "[firmware]\nhttp_url = " + image + "\nfirmware_name = Image.ROM\n");
   EXPECT_EQ(msgctl("post provisor 0xb0005"), "");
   EXPECT_EQ(daemon.wait(30000), 0) << daemon.log();  // the recorded reboot ends the process
-  EXPECT_EQ(root.read(kHostActionsLog), "reboot\n");
+  EXPECT_EQ(root.read("/host/actions.log"), "reboot\n");
   EXPECT_EQ(userenv_get("BOOTMODE"), "safemode");
   EXPECT_EQ(userenv_get("strUpgradeURL"), image);
   EXPECT_EQ(root.read(kFirmwareSlotPath), "old firmware");
