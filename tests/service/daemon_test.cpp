@@ -1,11 +1,18 @@
 // The daemon as a whole process provisions by itself: a sandbox root, a web server on loopback, a
-// phone application stand-in that answers the talk-status query and a listener that sees the
-// broadcasts. Hour-long waits run on the fake clock. Also its start-up paths, the messages of other
-// applications and the firmware download the remote management client asks for.
+// phone application stand-in (msgctl, as the phone's other applications would drive it) that
+// answers the talk-status query and a listener that sees the broadcasts. Hour-long waits run on the
+// fake clock. Also its start-up paths, the messages of other applications, the firmware download
+// the remote management client asks for, and a plug-and-play run against sipp in a network of its
+// own.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "autopInfo.h"
@@ -13,12 +20,46 @@
 #include "device.h"
 #include "firmware.h"
 #include "firmwareImages.h"
-#include "servicePeers.h"
+#include "msgqueue.h"
+#include "ownNetwork.h"
 
 using namespace testing_support;
-using namespace service_test;
 
 namespace {
+
+// msgctl's output for the given arguments.
+std::string msgctl(const std::string& args) {
+  std::string out;
+  runCommand(programCommand("msgctl") + " " + args, &out);
+  return out;
+}
+
+// Starts (or restarts) `listener` as the application `name`, logging what it receives to `logFile`
+// and answering synchronous messages with `reply` (none when negative); waits until it is reachable.
+bool listen(ServerProcess& listener, const std::string& name, const std::string& logFile, int reply = -1) {
+  std::vector<std::string> args = {"listen", name};
+  if (reply >= 0) args.insert(args.end(), {"--reply", std::to_string(reply)});
+  return listener.start(programArgv("msgctl", args), logFile) &&
+         pollFor([&] { return !msgGetThreadByName(name).empty(); }, 5000);
+}
+
+// A translation table of one setting, and a file that sets it: which source was applied shows in
+// /config/user/marker.ini.
+const char* kTable = R"XML(<?xml version="1.0"?>
+<autopTranslator><cfg>
+  <object name="marker" path="/config/user/marker.ini" section="Marker"><item name="source" key="From"/></object>
+</cfg></autopTranslator>
+)XML";
+
+std::string markerFile(const std::string& source) { return "#!version:1.0.0.1\nmarker.source = " + source + "\n"; }
+
+int occurrences(const std::string& text, const std::string& needle) {
+  int n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
+}
+
+bool contains(const std::string& text, const std::string& needle) { return text.find(needle) != std::string::npos; }
 
 const char* kMac = "001565aabbcc";
 const char* kResultOk = "id=0x10201 wparam=0 lparam=1 extra=\n";
@@ -295,6 +336,65 @@ TEST_F(DaemonRunTest, APhoneInACallForTheWholeHourSkipsTheRun) {
   EXPECT_EQ(occurrences(log, "Talking, Delay [60] seconds ... "), 60);
   EXPECT_FALSE(contains(log, "Lanuch AutoProvision"));
   EXPECT_EQ(occurrences(readHostFile(peers.file("phone.log")), "id=0x30007 wparam=0 lparam=1"), 61);
+}
+
+// sipp listens on every address; the group must be joined on loopback for the kernel to deliver
+// the phone's multicast SUBSCRIBE to it.
+class GroupMembership {
+ public:
+  GroupMembership() : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
+    ip_mreq group{};
+    group.imr_multiaddr.s_addr = inet_addr("224.0.1.75");
+    group.imr_interface.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(0, setsockopt(fd_, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof(group)));
+  }
+  ~GroupMembership() { close(fd_); }
+
+ private:
+  int fd_;
+};
+
+// Normal mode with plug-and-play on: sipp plays the provisioning server on port 5060, takes the
+// multicast SUBSCRIBE, answers 200 and sends a NOTIFY whose body is the URL of an nginx directory;
+// the daemon provisions from it and tells the discovery thread it is done.
+TEST(DaemonPnpRun, SippAnswerIsProvisionedAndTheManagerToldItIsDone) {
+  RUN_IN_OWN_NETWORK();
+  TempRoot root;
+  HttpServer http;
+  ASSERT_TRUE(http.start());
+  http.put("pnp/common.cfg", markerFile("plug-and-play"));
+  const std::string url = "http://127.0.0.1:" + std::to_string(http.port()) + "/pnp/";
+  root.write("/phone/resource/autopTranslator.xml", kTable);
+  root.write("/host/device.ini", "[device]\nmac = 001565aabbcc\nip = 127.0.0.1\nnetwork_state = 2\n");
+  root.write("/config/system/system.ini",
+             "[AutoProvision]\nstrCommName = common.cfg\nbEnablePNP = 1\nbEnablePoweron = 0\n");
+
+  ScratchDir peers("pnp-run");
+  peers.write("server.xml", pnpServerScenario("001565aabbcc", url));
+  ServerProcess phone;
+  ASSERT_TRUE(listen(phone, "app_vpPhone", peers.file("phone.log"), 1));
+  GroupMembership membership;
+  int sippStatus = -1;
+  std::string sippOutput;
+  std::thread server([&] {
+    sippStatus = runCommand("sipp -sf '" + peers.file("server.xml") +
+                                "' -i 0.0.0.0 -p 5060 -m 1 -nostdin -timeout 30s -timeout_error -trace_err "
+                                "-error_file '" +
+                                peers.file("errors.log") + "' </dev/null",
+                            &sippOutput);
+  });
+  pollFor([] { return runCommand("ss -Hlun 'sport = :5060' | grep -q .") == 0; }, 10000);
+
+  DaemonProcess daemon(root.path(), {});
+  // The discovery thread logs the receipt of AP_MSG_PNP_DONE, which only the URL answer posts.
+  const bool doneSeen = daemon.waitForLog("Provisor has done the PNP upgrade", 30000);
+  server.join();
+  EXPECT_EQ(daemon.stop(SIGTERM), 0);
+  EXPECT_TRUE(doneSeen) << daemon.log();
+  ASSERT_TRUE(root.exists("/config/user/marker.ini"));
+  EXPECT_TRUE(contains(root.read("/config/user/marker.ini"), "From=plug-and-play"));
+  // sipp ends with 0 only when the phone's 200 answered its NOTIFY.
+  EXPECT_EQ(0, sippStatus) << sippOutput;
 }
 
 }  // namespace
