@@ -197,21 +197,3 @@ TEST_F(UpgradeTest, FileModelsValuesAndTheSizeLimit) {
   }
   EXPECT_TRUE(log.contains("The Model Config File is larger than 2097152"));
 }
-
-TEST_F(UpgradeTest, OpeningIsRetriedOnlyOnAWiredNetwork) {
-  ns_net::autopUrl url;
-  ASSERT_TRUE(url.Parse("/srv/absent.cfg"));
-  for (int type : {0, 2}) {
-    SCOPED_TRACE(type);
-    root->write("/host/device.ini",
-                std::string("[device]\nmac = ") + kMac + "\nnetwork_type = " + std::to_string(type) + "\n");
-    registryResetCache();
-    const int tries = type == 2 ? 6 : 1;
-    LogCapture log;
-    autoParser parser;
-    EXPECT_FALSE(parser.OpenDownloadStream(url));
-    EXPECT_TRUE(log.contains("Failed connect to server ! Try [" + std::to_string(tries) + "] times ... "));
-    EXPECT_FALSE(log.contains("Try [" + std::to_string(tries + 1) + "] times"));
-    EXPECT_TRUE(log.contains("Can't connect server !! "));
-  }
-}

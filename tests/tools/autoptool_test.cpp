@@ -125,14 +125,12 @@ TEST(Autoptool, VerifyPrintsTheHeaderAndNamesWhatIsWrong) {
   std::string image = kit.image("lyra", testBytes(9000, 2));
   root.write("/good.rom", image);
   root.write("/payload.rom", flip(image, image.size() - 1));
-  root.write("/foreign.rom", kit.image("lyra", "x", true));
-  std::string key = root.host(kFirmwareKeyPath), out;
-  ASSERT_EQ(tool("image verify --key " + key + " " + root.host("/good.rom"), &out), 0) << out;
+  std::string out;
+  ASSERT_EQ(tool("image verify --key " + root.host(kFirmwareKeyPath) + " " + root.host("/good.rom"), &out), 0) << out;
   EXPECT_TRUE(has(out, "family: lyra\nmodels: QA5,QE5\nversion: 2.1.0.7\npayload length: 9000\n"));
+  // Each refusal's reason is the safe-mode install's table below, through the same checks.
   EXPECT_EQ(tool("image verify " + root.host("/payload.rom"), &out), 1);
   EXPECT_TRUE(has(out, "payload digest mismatch"));
-  EXPECT_EQ(tool("image verify --key " + key + " " + root.host("/foreign.rom"), &out), 1);
-  EXPECT_TRUE(has(out, "bad signature"));
 }
 
 TEST(Autoptool, SafeModeInstallFlashesOnlyAWholeGoodImageAndAlwaysLeavesSafeMode) {
