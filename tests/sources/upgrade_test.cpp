@@ -197,3 +197,15 @@ TEST_F(UpgradeTest, FileModelsValuesAndTheSizeLimit) {
   }
   EXPECT_TRUE(log.contains("The Model Config File is larger than 2097152"));
 }
+
+TEST_F(UpgradeTest, OpeningIsRetriedOnlyOnAWiredNetwork) {
+  for (const auto& [type, tries] : {std::pair<int, int>{0, 1}, {2, 6}}) {
+    root->write("/host/device.ini", "[device]\nnetwork_type = " + std::to_string(type) + "\n");
+    registryResetCache();
+    LogCapture log;
+    EXPECT_FALSE(autoUpgrade::UpgradeFromURL("/srv/absent.cfg"));
+    EXPECT_TRUE(log.contains("Failed connect to server ! Try [" + std::to_string(tries) + "] times ... ")) << type;
+    EXPECT_FALSE(log.contains("Try [" + std::to_string(tries + 1) + "] times")) << type;
+    EXPECT_TRUE(log.contains("Can't connect server !! ")) << type;
+  }
+}

@@ -118,22 +118,7 @@ TEST(Autoptool, FetchReportsBytesOrExitsWithOneAndTheReason) {
   EXPECT_EQ(root.read("/tmp/a"), "twelve bytes");
 }
 
-TEST(Autoptool, VerifyPrintsTheHeaderAndNamesWhatIsWrong) {
-  TempRoot root;
-  FirmwareKit kit(root);
-  ASSERT_TRUE(kit.ready());
-  std::string image = kit.image("lyra", testBytes(9000, 2));
-  root.write("/good.rom", image);
-  root.write("/payload.rom", flip(image, image.size() - 1));
-  std::string out;
-  ASSERT_EQ(tool("image verify --key " + root.host(kFirmwareKeyPath) + " " + root.host("/good.rom"), &out), 0) << out;
-  EXPECT_TRUE(has(out, "family: lyra\nmodels: QA5,QE5\nversion: 2.1.0.7\npayload length: 9000\n"));
-  // Each refusal's reason is the safe-mode install's table below, through the same checks.
-  EXPECT_EQ(tool("image verify " + root.host("/payload.rom"), &out), 1);
-  EXPECT_TRUE(has(out, "payload digest mismatch"));
-}
-
-TEST(Autoptool, SafeModeInstallFlashesOnlyAWholeGoodImageAndAlwaysLeavesSafeMode) {
+TEST(Autoptool, VerifyPrintsTheHeaderAndSafeModeInstallFlashesOnlyAWholeGoodImage) {
   TempRoot root;
   FirmwareKit kit(root);
   ASSERT_TRUE(kit.ready());
@@ -142,7 +127,15 @@ TEST(Autoptool, SafeModeInstallFlashesOnlyAWholeGoodImageAndAlwaysLeavesSafeMode
   ASSERT_TRUE(http.start());
   std::string payload = testBytes(150000, 4);
   std::string good = kit.image("duna", payload);
-  std::string base = "http://127.0.0.1:" + std::to_string(http.port()) + "/";
+  std::string base = "http://127.0.0.1:" + std::to_string(http.port()) + "/", out;
+  root.write("/good.rom", good);
+  root.write("/payload.rom", flip(good, kImageHeaderSize + 7000));
+  ASSERT_EQ(tool("image verify --key " + root.host(kFirmwareKeyPath) + " " + root.host("/good.rom"), &out), 0) << out;
+  EXPECT_TRUE(has(out, "family: duna\nmodels: QA5,QE5\nversion: 2.1.0.7\npayload length: 150000\n")) << out;
+  EXPECT_EQ(tool("image verify " + root.host("/payload.rom"), &out), 1);
+  EXPECT_TRUE(has(out, "payload digest mismatch"));
+
+  // The boot loader's install after a safe-mode switch leaves safe mode whatever happens.
   const struct {
     const char* what;
     std::string image, reason;  // reason empty: installed
@@ -159,7 +152,7 @@ TEST(Autoptool, SafeModeInstallFlashesOnlyAWholeGoodImageAndAlwaysLeavesSafeMode
   int n = 0;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    std::string name = "img" + std::to_string(n++) + ".rom", out;
+    std::string name = "img" + std::to_string(n++) + ".rom";
     http.put(name, c.image);
     root.write(kFirmwareSlotPath, "old firmware");
     root.write(kHostBootEnv, "[env]\nBOOTMODE=safemode\nstrUpgradeURL=" + base + name + "\n");
