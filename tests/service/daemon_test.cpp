@@ -216,7 +216,7 @@ TEST_F(DaemonRunTest, ZeroTouchStartHostNamePushedFileAndUpdateConfigRecord) {
 
   DaemonProcess daemon(root.path(), {"-byzero"}, true);
   ASSERT_TRUE(daemon.waitReachable());
-  EXPECT_EQ(msgctl("send provisor 0xb0009 0 0"), "0\n");
+  EXPECT_EQ(msgctl("send provisor 0XB0009 0 0"), "0\n");  // msgctl reads an upper-case 0X as well
   // Without extra data the host name message is not handled: nothing is written.
   EXPECT_EQ(msgctl("post provisor 0xa0003 0 0"), "");
   EXPECT_EQ(msgctl("post provisor 0xa0003 0 0 --extra \"\""), "");
