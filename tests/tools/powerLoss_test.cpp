@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
-#include <regex>
 
 #include "device.h"
 #include "firmwareImages.h"
@@ -51,34 +50,22 @@ Tree readTree(const std::string& dir) {
   return tree;
 }
 
+// The temporaries of atomic writes carry ".tmp" in their names; tmp/ holds a run's downloads.
 bool isTemporary(const std::string& path) {
-  static const std::regex temporary(R"(\.tmp[0-9]+\.[0-9]+$)");
-  return path.compare(0, 4, "tmp/") == 0 || std::regex_search(path, temporary);
+  return path.compare(0, 4, "tmp/") == 0 || path.find(".tmp") != std::string::npos;
 }
 
 std::string oldVer(const Tree& tree) {
   auto found = tree.find(kDigestHolder);
-  if (found == tree.end()) return "";
-  size_t at = found->second.find("[OLD_VER]");
+  size_t at = found == tree.end() ? std::string::npos : found->second.find("[OLD_VER]");
   return at == std::string::npos ? "" : found->second.substr(at, found->second.find("\n[", at) - at);
-}
-
-// The paths whose contents differ between two trees, for the failure message.
-std::string differences(const Tree& a, const Tree& b) {
-  std::string list;
-  Tree both = a;
-  both.insert(b.begin(), b.end());
-  for (const auto& entry : both)
-    if (a.count(entry.first) != b.count(entry.first) || a.at(entry.first) != b.at(entry.first))
-      list += " " + entry.first;
-  return list;
 }
 
 size_t lineCount(const std::string& text) { return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')); }
 
 // One `autoptool provision` into `root`; with killAtLine > 0 it is killed with SIGKILL as soon as
 // its log (written and flushed per record) holds that many lines. Returns the log written.
-std::string provision(const std::string& root, const std::string& logPath, size_t killAtLine, bool* killed) {
+std::string provision(const std::string& root, const std::string& logPath, size_t killAtLine = 0) {
   std::vector<std::string> words = programArgv("autoptool", {"provision", "/srv/p/"});
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(word.data());
@@ -95,45 +82,15 @@ std::string provision(const std::string& root, const std::string& logPath, size_
     _exit(127);
   }
   int status = 0;
-  *killed = false;
-  while (waitpid(pid, &status, killAtLine ? WNOHANG : 0) == 0) {
+  for (; waitpid(pid, &status, killAtLine ? WNOHANG : 0) == 0; usleep(200)) {
     if (lineCount(readHostFile(logPath)) >= killAtLine) {
       kill(pid, SIGKILL);
       waitpid(pid, &status, 0);
-      *killed = true;
-      break;
+      return readHostFile(logPath);
     }
-    usleep(200);
   }
-  if (!*killed) {
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << readHostFile(logPath);
-  }
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << readHostFile(logPath);
   return readHostFile(logPath);
-}
-
-// Where a log of `lines` lines stands against one kind of work: before, within or after it.
-struct Phase {
-  std::string kind, marker;
-  size_t start = 0, end = 0;  // 1-based lines of the completed run's log
-  int counts[3] = {0, 0, 0};
-};
-
-void locatePhases(const std::string& log, std::vector<Phase>& phases) {
-  size_t line = 0, at = 0;
-  while (at < log.size()) {
-    size_t next = log.find('\n', at);
-    std::string text = log.substr(at, next - at);
-    ++line;
-    for (Phase& phase : phases)
-      if (!phase.start && text.find(phase.marker) != std::string::npos) phase.start = line;
-    if (text.find("Update Config Model Parse Finished !") != std::string::npos)
-      for (Phase& phase : phases) phase.end = line;
-    at = next == std::string::npos ? log.size() : next + 1;
-  }
-  // Each kind lasts until the next one starts; the last until the file is through.
-  for (Phase& phase : phases)
-    for (const Phase& other : phases)
-      if (other.start > phase.start) phase.end = std::min(phase.end, other.start - 1);
 }
 
 }  // namespace
@@ -153,94 +110,78 @@ TEST(PowerLoss, EveryFileIsWhollyOldOrNewAtAnyKillAndTheNextRunCompletesTheWork)
   snapshot.write("/srv/DialPlan.xml", "<DialRule><Data Prefix=\"9\" Replace=\"0\" LineID=\"1\"/></DialRule>\n");
   snapshot.write("/srv/p/" + std::string(kMac) + ".cfg", configurationFile());
   snapshot.write("/srv/fw.rom", kit.image("duna", testBytes(40000, 6)));
-  std::string out;
+  // Companions made by independent tools: the resource's digest file and the old web password.
   ASSERT_EQ(
       runCommand("cd " + snapshot.path() + " && mkdir -p phone/resource valdrun/config && cp " + PROVISOR_SOURCE_DIR +
-                     "/data/autopTranslator.xml phone/resource/ && md5sum "
-                     "config/data/DialPlan.xml | head -c 32 > config/data/DialPlan.xml.MD5 && "
-                     "perl -e 'print \"admin:\", crypt(\"oldpass\", \"ab\"), \"\\n\"' > valdrun/config/.htpasswd",
-                 &out),
-      0)
-      << out;
+                 "/data/autopTranslator.xml phone/resource/ && md5sum config/data/DialPlan.xml | head -c 32 > "
+                 "config/data/DialPlan.xml.MD5 && perl -e 'print \"admin:\", crypt(\"oldpass\", \"ab\"), \"\\n\"' > "
+                 "valdrun/config/.htpasswd"),
+      0);
   const Tree before = readTree(snapshot.path());
   auto restore = [&](const TempRoot& root) {
     ASSERT_EQ(runCommand("cp -a " + snapshot.path() + "/. " + root.path()), 0);
   };
 
-  bool killed = false;
   Tree after;
   std::string wholeLog;
   {
     TempRoot completed;
     restore(completed);
-    wholeLog = provision(completed.path(), logs.file("whole.log"), 0, &killed);
+    wholeLog = provision(completed.path(), logs.file("whole.log"));
     after = readTree(completed.path());
   }
+  EXPECT_NE(wholeLog.find("an applied setting asks for a reboot"), std::string::npos) << wholeLog;
   std::vector<std::string> changed;
+  std::string changedNames = " ";
   for (const auto& [path, contents] : after)
-    if (before.count(path) == 0 || before.at(path) != contents) changed.push_back(path);
-  for (const char* path : {".htpasswd", "DialPlan.xml", "DialPlan.xml.MD5", "sipAccount0.cfg", "sipAccount3.cfg",
+    if (before.count(path) == 0 || before.at(path) != contents) {
+      changed.push_back(path);
+      changedNames += fs::path(path).filename().string() + " ";
+    }
+  // The whole run writes every kind of file the kill points are to cut.
+  for (const char* name : {".htpasswd", "DialPlan.xml", "DialPlan.xml.MD5", "sipAccount0.cfg", "sipAccount3.cfg",
                            "user.ini", "tr069.ini", "bootenv.ini", "system.ini"})
-    EXPECT_TRUE(std::any_of(changed.begin(), changed.end(),
-                            [&](const std::string& p) { return fs::path(p).filename() == path; }))
-        << path << " untouched by the whole run:\n"
-        << wholeLog;
-  std::vector<Phase> phases = {{"pwd", "***** Upgrade PWD File *****"},
-                               {"bin", "***** Upgrade BIN File *****"},
-                               {"cfg", "***** Upgrade CFG File *****"},
-                               {"rom", "***** Upgrade ROM File *****"}};
-  locatePhases(wholeLog, phases);
-  const size_t lines = lineCount(wholeLog);
-  std::map<std::string, std::pair<int, int>> seen;  // file -> (old, new) after a kill
-  int finishedFirst = 0;
+    EXPECT_NE(changedNames.find(std::string(" ") + name + " "), std::string::npos) << name << ":\n" << wholeLog;
 
   // Evenly over the run up to the firmware, then at every line of the firmware step: it is short,
   // and it is where the boot environment changes.
-  const size_t romStart = phases.back().start;
+  const size_t romAt = wholeLog.find("***** Upgrade ROM File *****");
+  ASSERT_NE(romAt, std::string::npos) << wholeLog;
+  const size_t romStart = lineCount(wholeLog.substr(0, romAt)) + 1;
   ASSERT_GT(romStart, kSpreadKillPoints);
   std::vector<size_t> killLines;
   for (size_t point = 0; point < kSpreadKillPoints; ++point)
     killLines.push_back(1 + point * (romStart - 1) / kSpreadKillPoints);
-  for (size_t line = romStart; line <= lines; ++line) killLines.push_back(line);
+  for (size_t line = romStart; line <= lineCount(wholeLog); ++line) killLines.push_back(line);
 
+  int cutMidway = 0;  // kills that left some files old and others new: the test reached the writes
   for (size_t killAt : killLines) {
     SCOPED_TRACE("kill at log line " + std::to_string(killAt));
     TempRoot root;
     restore(root);
-    std::string cutLog = provision(root.path(), logs.file("cut.log"), killAt, &killed);
-    finishedFirst += killed ? 0 : 1;
-    const size_t reached = lineCount(cutLog);
-    for (Phase& phase : phases) ++phase.counts[reached < phase.start ? 0 : reached <= phase.end ? 1 : 2];
-
+    provision(root.path(), logs.file("cut.log"), killAt);
     Tree cut = readTree(root.path());
-    bool allNew = true;
+    bool allNew = true, someNew = false;
     for (const std::string& path : changed) {
       auto found = cut.find(path);
       bool isOld =
           found == cut.end() ? before.count(path) == 0 : before.count(path) && before.at(path) == found->second;
       bool isNew = found != cut.end() && found->second == after.at(path);
       EXPECT_TRUE(isOld || isNew) << path << " is half written:\n" << (found == cut.end() ? "" : found->second);
-      ++(isNew ? seen[path].second : seen[path].first);
       allNew = allNew && (isNew || path == kDigestHolder);
+      someNew = someNew || isNew;
     }
+    cutMidway += someNew && !allNew ? 1 : 0;
     if (oldVer(cut) == oldVer(after)) {
       EXPECT_TRUE(allNew) << "OLD_VER names a file not all on disk";
     }
 
-    provision(root.path(), logs.file("next.log"), 0, &killed);
+    provision(root.path(), logs.file("next.log"));
     Tree next = readTree(root.path());
     for (const auto& [path, contents] : next) EXPECT_FALSE(isTemporary(path)) << path << " left behind";
-    EXPECT_TRUE(next == after) << "the next run did not complete the work:" << differences(next, after);
+    EXPECT_EQ(next.size(), after.size());
+    for (const auto& [path, contents] : after)
+      EXPECT_TRUE(next.count(path) && next.at(path) == contents) << path << ": the next run did not complete it";
   }
-
-  std::string summary = std::to_string(killLines.size()) + " kill points over " + std::to_string(lines) +
-                        " log lines (" + std::to_string(finishedFirst) + " finished before the kill);";
-  for (const Phase& phase : phases)
-    summary += " " + phase.kind + " before/within/after " + std::to_string(phase.counts[0]) + "/" +
-               std::to_string(phase.counts[1]) + "/" + std::to_string(phase.counts[2]) + ";";
-  for (const auto& [path, counts] : seen)
-    summary += " " + fs::path(path).filename().string() + " old/new " + std::to_string(counts.first) + "/" +
-               std::to_string(counts.second) + ";";
-  ::testing::Test::RecordProperty("power_loss", summary);
-  printf("power loss: %s\n", summary.c_str());
+  EXPECT_GT(cutMidway, 0);
 }
