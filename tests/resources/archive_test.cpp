@@ -52,13 +52,8 @@ class ArchiveTest : public ParserTest {
   }
 };
 
-struct HostileCase {
-  const char* what;
-  const char* body;  // after a harmless first entry
-};
-
 TEST_F(ArchiveTest, HostileArchivesChangeNothing) {
-  const HostileCase cases[] = {
+  const std::pair<const char*, const char*> cases[] = {  // what, the entries after a harmless first one
       {"a \"../\" entry", "add('../evil.txt', b'x')"},
       {"an absolute name", "add('/config/evil.txt', b'x')"},
       {"a symlink out and a file through it",
@@ -77,10 +72,10 @@ TEST_F(ArchiveTest, HostileArchivesChangeNothing) {
   root->write("/config/data/photo/album/a.jpg", "a");
   std::map<std::string, std::string> bodies;
   for (size_t n = 0; n < std::size(cases); ++n)
-    bodies[std::to_string(n) + ".tar"] = std::string("add('first.jpg', b'harmless')\n") + cases[n].body;
+    bodies[std::to_string(n) + ".tar"] = std::string("add('first.jpg', b'harmless')\n") + cases[n].second;
   makeTars(bodies);
   for (size_t n = 0; n < std::size(cases); ++n) {
-    SCOPED_TRACE(cases[n].what);
+    SCOPED_TRACE(cases[n].first);
     auto before = tree();
     LogCapture log;
     autoPhotoTarParser parser;

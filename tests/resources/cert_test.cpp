@@ -18,42 +18,41 @@ using testing_support::LogCapture;
 using testing_support::readHostFile;
 using testing_support::TestCa;
 
+// Two authorities with a server certificate each (and the first's as DER, its key encrypted), and an
+// nginx serving HTTPS with the first's certificate; made once for all the tests here.
+struct Peers {
+  TestCa ca{"Provisioned CA"}, otherCa{"Unrelated CA"};
+  HttpServer server;
+  bool ready = ca.create() && ca.issueServerCertificate("server") && otherCa.create() &&
+               otherCa.issueServerCertificate("server") &&
+               testing_support::runCommand("openssl x509 -in '" + ca.caCertificate() + "' -outform DER -out '" +
+                                           ca.file("ca.der") + "' && openssl pkey -in '" + ca.file("server.key") +
+                                           "' -aes128 -passout pass:secret -out '" + ca.file("locked.key") + "'") == 0;
+};
+
 class CertTest : public ParserTest {
  protected:
   static void SetUpTestSuite() {
-    ca = new TestCa("Provisioned CA");
-    otherCa = new TestCa("Unrelated CA");
-    ASSERT_TRUE(ca->create() && ca->issueServerCertificate("server"));
-    ASSERT_TRUE(otherCa->create() && otherCa->issueServerCertificate("server"));
-    ASSERT_EQ(testing_support::runCommand("openssl x509 -in '" + ca->caCertificate() + "' -outform DER -out '" +
-                                          ca->file("ca.der") + "' && openssl pkey -in '" + ca->file("server.key") +
-                                          "' -aes128 -passout pass:secret -out '" + ca->file("locked.key") + "'"),
-              0);
-    server = new HttpServer;
-    server->put("files/hello.txt", "hello");
-    ASSERT_TRUE(server->start(ca)) << "nginx did not start";
+    peers = new Peers;
+    peers->server.put("files/hello.txt", "hello");
+    peers->ready = peers->ready && peers->server.start(&peers->ca);
   }
-  static void TearDownTestSuite() {
-    delete server;
-    delete otherCa;
-    delete ca;
+  static void TearDownTestSuite() { delete peers; }
+  void SetUp() override {
+    ParserTest::SetUp();
+    ASSERT_TRUE(peers->ready) << "openssl or nginx failed";
   }
-  static std::string caFile(const std::string& name) { return readHostFile(ca->file(name)); }
-  static std::string otherFile(const std::string& name) { return readHostFile(otherCa->file(name)); }
+  static std::string caFile(const std::string& name) { return readHostFile(peers->ca.file(name)); }
+  static std::string otherFile(const std::string& name) { return readHostFile(peers->otherCa.file(name)); }
   bool httpsDownloadWorks() const {
     httpsFile file;
-    std::string url = "https://127.0.0.1:" + std::to_string(server->tlsPort()) + "/files/hello.txt";
+    std::string url = "https://127.0.0.1:" + std::to_string(peers->server.tlsPort()) + "/files/hello.txt";
     return file.OpenHttpsFile(url.c_str(), 10000) != 0;
   }
-
-  static TestCa* ca;
-  static TestCa* otherCa;
-  static HttpServer* server;
+  static Peers* peers;
 };
 
-TestCa* CertTest::ca = nullptr;
-TestCa* CertTest::otherCa = nullptr;
-HttpServer* CertTest::server = nullptr;
+Peers* CertTest::peers = nullptr;
 
 struct TrustCase {
   const char* name;

@@ -15,15 +15,16 @@ class MediaTest : public ParserTest {
  protected:
   void SetUp() override {
     ParserTest::SetUp();
-    run("mkdir -p '" + root->host("/phone/scripts") + "' && cp '" PROVISOR_SOURCE_DIR
-        "/platform/scripts/imageScale.sh' '" +
-        root->host(kImageScaleScript) + "'");
+    root->write("/scratch/wav.py", "import sys, wave\nw = wave.open(sys.argv[1], 'wb')\n"
+                "w.setnchannels(1); w.setsampwidth(1); w.setframerate(8000)\n"
+                "w.writeframes(bytes(int(sys.argv[2])))\nw.close()\n");
+    run("mkdir -p '" + root->host("/phone/scripts") + "' '" + root->host("/tmp") + "' && cp '" PROVISOR_SOURCE_DIR
+        "/platform/scripts/imageScale.sh' '" + root->host(kImageScaleScript) + "'");
   }
   // A mono 8-bit WAV file of exactly `bytes` bytes, written by Python's wave module.
   void makeWav(const std::string& name, size_t bytes) const {
-    python("/tmp/" + name, "import sys, wave\nw = wave.open(sys.argv[1], 'wb')\n"
-                           "w.setnchannels(1); w.setsampwidth(1); w.setframerate(8000)\n"
-                           "w.writeframes(bytes(" + std::to_string(bytes - 44) + "))\nw.close()\n");
+    run("python3 '" + root->host("/scratch/wav.py") + "' '" + root->host("/tmp/" + name) + "' " +
+        std::to_string(bytes - 44));
   }
   std::string geometry(const std::string& logical) const {
     std::string out;
