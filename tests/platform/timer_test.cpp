@@ -37,6 +37,7 @@ TEST(ThreadTimer, LongIntervalsWaitInFullOneShotsFireOnceRepeatersUntilKilled) {
   ASSERT_TRUE(timerSetThreadTimer(kOneShot, 1000, false));
   ASSERT_TRUE(timerSetThreadTimer(kKilled, 500, true));
   ASSERT_TRUE(timerKillThreadTimer(kKilled));
+  ASSERT_FALSE(thread.IsThreadTimerArmed(kKilled));
   chThreadTimer repeat;
   ASSERT_TRUE(repeat.SetTimer(1500, true));
   ASSERT_TRUE(timerSetThreadTimer(kQuit, 5000, false));
