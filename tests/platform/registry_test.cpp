@@ -61,7 +61,7 @@ TEST_F(RegistryTest, SectionHandlesAndReadsOfDefaultsValuesAndNumbers) {
   EXPECT_EQ(brisaGetRegistryString(kSystemIni, "Other", "strServerURL", "d"), "d");
 }
 
-TEST_F(RegistryTest, RegistryWritesWaitForTheFlushProfileWritesGoThrough) {
+TEST_F(RegistryTest, RegistryWritesWaitForTheFlushProfileWritesGoThroughOthersChangesAreReloaded) {
   replaceOnDisk(kSystemIni, "# phone settings\n[AutoProvision]\nstrServerURL=old\n");
   ASSERT_TRUE(brisaSetRegistryString(kSystemIni, "AutoProvision", "strServerURL", "new"));
   EXPECT_EQ(brisaGetRegistryString(kSystemIni, "AutoProvision", "strServerURL", ""), "new");
@@ -77,9 +77,8 @@ TEST_F(RegistryTest, RegistryWritesWaitForTheFlushProfileWritesGoThrough) {
   brisaSetRegistryString(kSystemIni, "AutoProvision", "strServerURL", "lost");
   registryResetCache();
   EXPECT_EQ(brisaGetRegistryString(kSystemIni, "AutoProvision", "strServerURL", ""), "new");
-}
 
-TEST_F(RegistryTest, ReloadsChangesOfOtherProcessesAndKeepsTheirKeysAtFlush) {
+  // Changes of other processes are read again.
   replaceOnDisk(kSystemIni, "[AutoProvision]\na=1\nb=1\n");
   EXPECT_EQ(brisaGetRegistryInt(kSystemIni, "AutoProvision", "a", 0), 1);
 
