@@ -48,7 +48,7 @@ TEST_F(DeviceTest, BootEnvironmentPersistsAtomically) {
   for (const auto& [name, value] : {std::pair<const char*, const char*>{"HOST_NAME", "ORIN-PH"}, {"BOOTMODE", "safe"},
                                     {"strUpgradeURL", "http://10.0.0.1/fw.rom?a=b"}, {"HOST_NAME", "desk-1"}})
     EXPECT_EQ(userenv_set(name, value), 0) << name;
-  EXPECT_EQ(userenv_get("HOST_NAME"), "desk-1");
+  EXPECT_EQ(userenv_get("strUpgradeURL"), "http://10.0.0.1/fw.rom?a=b");
 
   // Names or values that would break the file are refused and change nothing.
   for (const auto& [name, value] : {std::pair<const char*, const char*>{"", "x"}, {"A=B", "x"}, {"[env]", "x"},
