@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <tuple>
 
 #include "paths.h"
 #include "registry.h"
@@ -18,10 +19,6 @@ namespace {
 
 class PathsTest : public testing_support::RootedTest {
  protected:
-  // A symbolic link to itself: stat() fails with ELOOP, the entry is there all the same.
-  void makeLoop(const std::string& logical) {
-    ASSERT_EQ(symlink(root->host(logical).c_str(), root->host(logical).c_str()), 0);
-  }
   testing_support::LogCapture log;
 };
 
@@ -67,31 +64,25 @@ TEST_F(PathsTest, StaleTemporariesGoWhenTheFileIsWrittenAgain) {
   EXPECT_FALSE(root->exists(busy)) << "once its writer is gone it is stale too";
 }
 
-TEST_F(PathsTest, OnlyNoSuchFileMakesAPathMissing) {
+TEST_F(PathsTest, OnlyNoSuchFileMakesAPathMissingAndListingsReadToTheEnd) {
   root->write("/config/a.cfg", "hello");
-  makeLoop("/config/loop.cfg");
-  struct Case {
-    const char* path;
-    bool exists;
-    int64_t size;
-    bool logged;
-  };
-  const Case cases[] = {
+  // A symbolic link to itself: stat() fails with ELOOP, the entry is there all the same.
+  ASSERT_EQ(symlink(root->host("/config/loop.cfg").c_str(), root->host("/config/loop.cfg").c_str()), 0);
+  const std::tuple<const char*, bool, int64_t, bool> cases[] = {
+      // path, exists, size, "stat error" logged
       {"/config/a.cfg", true, 5, false},
       {"/config/none.cfg", false, -1, false},
       {"/config/a.cfg/under.cfg", false, -1, false},  // a file where a directory should be
       {"/config/loop.cfg", true, -1, true},
   };
-  for (const Case& c : cases) {
+  for (const auto& [path, exists, size, logged] : cases) {
     log.clear();
-    EXPECT_EQ(pathFileExist(c.path), c.exists) << c.path;
-    EXPECT_EQ(pathFileSize(c.path), c.size) << c.path;
-    EXPECT_FALSE(pathIsDirectory(c.path)) << c.path;
-    EXPECT_EQ(log.contains("stat error : " + std::string(c.path)), c.logged) << c.path << "\n" << log.text();
+    EXPECT_EQ(pathFileExist(path), exists) << path;
+    EXPECT_EQ(pathFileSize(path), size) << path;
+    EXPECT_FALSE(pathIsDirectory(path)) << path;
+    EXPECT_EQ(log.contains("stat error : " + std::string(path)), logged) << path << "\n" << log.text();
   }
-}
 
-TEST_F(PathsTest, DirectoryListingReadsToTheEnd) {
   for (int i = 0; i < 300; ++i) root->write("/config/dir/f" + std::to_string(i), "x");
   std::vector<std::string> names;
   ASSERT_EQ(listDirectoryNames("/config/dir", names), 0);
@@ -102,13 +93,12 @@ TEST_F(PathsTest, DirectoryListingReadsToTheEnd) {
 }
 
 TEST_F(PathsTest, StoreKeepsItsValuesWhenTheFileCannotBeExamined) {
-  registryResetCache();
-  root->write("/config/system/system.ini", "[AutoProvision]\nstrServerURL=http://kept/\n");
-  EXPECT_EQ(brisaGetRegistryString("/config/system/system.ini", "AutoProvision", "strServerURL", ""), "http://kept/");
+  const std::string ini = "/config/system/system.ini";
+  root->write(ini, "[AutoProvision]\nstrServerURL=http://kept/\n");
+  EXPECT_EQ(brisaGetRegistryString(ini, "AutoProvision", "strServerURL", ""), "http://kept/");
   // Renamed over the file it names, the link names itself.
   ASSERT_EQ(symlink("system.ini", root->host("/config/system/other.ini").c_str()), 0);
-  ASSERT_EQ(rename(root->host("/config/system/other.ini").c_str(), root->host("/config/system/system.ini").c_str()), 0);
-  EXPECT_EQ(brisaGetRegistryString("/config/system/system.ini", "AutoProvision", "strServerURL", ""), "http://kept/");
+  ASSERT_EQ(rename(root->host("/config/system/other.ini").c_str(), root->host(ini).c_str()), 0);
+  EXPECT_EQ(brisaGetRegistryString(ini, "AutoProvision", "strServerURL", ""), "http://kept/");
   EXPECT_TRUE(log.contains("stat error")) << log.text();
-  registryResetCache();
 }

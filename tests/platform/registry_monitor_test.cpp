@@ -73,7 +73,6 @@ class MonitorOwner {
     std::lock_guard<std::mutex> lock(mutex_);
     return seen_;
   }
-  size_t count() { return seen().size(); }
 
  private:
   // Runs `call` on the owner's thread and waits for it.
@@ -91,25 +90,24 @@ class MonitorOwner {
   std::vector<std::string> seen_;
 };
 
-class RegistryMonitorTest : public RootedTest {
- protected:
-  void SetUp() override {
-    RootedTest::SetUp();
-    registryResetCache();
-    root->write(kSystemIni, "[AutoProvision]\na=1\n[Other]\na=1\n");
-  }
-};
+using RegistryMonitorTest = RootedTest;
 
 }  // namespace
 
 TEST_F(RegistryMonitorTest, ReportsChangesOfOtherProcessesOnTheOwningThread) {
+  // Only a message-queue thread may monitor, and only with a callback.
+  LogCapture capture;
+  EXPECT_EQ(registryMonitorSection(kSystemIni, "AutoProvision", [](const REGHANDLE&) {}), 0u);
+  EXPECT_TRUE(capture.contains("Unexpected null pointer !"));
+
+  root->write(kSystemIni, "[AutoProvision]\na=1\n[Other]\na=1\n");
   MonitorOwner owner;
   uint32_t id = owner.monitor("AutoProvision", "m1");
   ASSERT_GT(id, 0u);
+  EXPECT_GT(owner.monitor("NewSection", "m0"), 0u);  // a section that does not exist yet
 
   setInOtherProcess("AutoProvision", "a", "2");
-  ASSERT_TRUE(waitUntil([&] { return owner.count() == 1; }));
-  EXPECT_EQ(owner.seen()[0], "m1:AutoProvision:2");
+  ASSERT_TRUE(waitUntil([&] { return owner.seen().size() == 1; }));
 
   // Neither another section nor this process's own flush is reported: the next report is the
   // replacement by another writer that follows them.
@@ -117,8 +115,7 @@ TEST_F(RegistryMonitorTest, ReportsChangesOfOtherProcessesOnTheOwningThread) {
   ASSERT_TRUE(brisaSetProfileString(kSystemIni, "AutoProvision", "a", "3"));
   root->write("/config/system/incoming", "[AutoProvision]\na=4\n[Other]\na=9\n");
   ASSERT_EQ(rename(root->host("/config/system/incoming").c_str(), root->host(kSystemIni).c_str()), 0);
-  ASSERT_TRUE(waitUntil([&] { return owner.count() == 2; }));
-  EXPECT_EQ(owner.seen()[1], "m1:AutoProvision:4");
+  ASSERT_TRUE(waitUntil([&] { return owner.seen().size() == 2; }));
 
   // A stopped monitor stays silent; a second one on the same section shows the change arrived.
   uint32_t second = owner.monitor("AutoProvision", "m2");
@@ -126,22 +123,14 @@ TEST_F(RegistryMonitorTest, ReportsChangesOfOtherProcessesOnTheOwningThread) {
   EXPECT_NE(second, id);
   owner.stop(id);
   setInOtherProcess("AutoProvision", "a", "5");
-  ASSERT_TRUE(waitUntil([&] { return owner.count() == 3; }));
-  EXPECT_EQ(owner.seen()[2], "m2:AutoProvision:5");
+  ASSERT_TRUE(waitUntil([&] { return owner.seen().size() == 3; }));
 
   // A change reaches the monitor even when this process flushes before the watcher saw it.
   setInOtherProcess("AutoProvision", "b", "1");
   ASSERT_TRUE(brisaSetProfileString(kSystemIni, "Other", "z", "1"));
-  ASSERT_TRUE(waitUntil([&] { return owner.count() == 4; }));
-  EXPECT_EQ(owner.seen()[3], "m2:AutoProvision:5");
+  ASSERT_TRUE(waitUntil([&] { return owner.seen().size() == 4; }));
 
+  EXPECT_EQ(owner.seen(), (std::vector<std::string>{"m1:AutoProvision:2", "m1:AutoProvision:4", "m2:AutoProvision:5",
+                                                     "m2:AutoProvision:5"}));
   owner.stop(second);
-}
-
-TEST_F(RegistryMonitorTest, NeedsAMessageQueueThreadAndACallback) {
-  LogCapture capture;
-  EXPECT_EQ(registryMonitorSection(kSystemIni, "AutoProvision", [](const REGHANDLE&) {}), 0u);
-  EXPECT_TRUE(capture.contains("Unexpected null pointer !"));
-  MonitorOwner owner;
-  EXPECT_GT(owner.monitor("NewSection", "m"), 0u);  // a section (or file) that does not exist yet
 }

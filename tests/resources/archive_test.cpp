@@ -25,20 +25,16 @@ const char* const kTarHelper =
     "    for key, value in fields.items(): setattr(info, key, value)\n"
     "    t.addfile(info, io.BytesIO(data) if info.isreg() else None)\n";
 
-int64_t fakeFreeBytes = 0;
+// A partition with 300 kB free.
 int fakeStatfs(const char*, struct statfs* result) {
   *result = {};
   result->f_bsize = 1;
-  result->f_bfree = static_cast<decltype(result->f_bfree)>(fakeFreeBytes);
+  result->f_bfree = 300000;
   return 0;
 }
 
 class ArchiveTest : public ParserTest {
  protected:
-  void TearDown() override {
-    setPartitionStatfs(nullptr);
-    ParserTest::TearDown();
-  }
   // Archives from one run of python (its start-up is the slow part): /tmp/<name> for each body,
   // gzip-compressed when the name says so.
   void makeTars(const std::map<std::string, std::string>& bodies) const {
@@ -52,13 +48,8 @@ class ArchiveTest : public ParserTest {
   }
 };
 
-struct HostileCase {
-  const char* what;
-  const char* body;  // after a harmless first entry
-};
-
 TEST_F(ArchiveTest, HostileArchivesChangeNothing) {
-  const HostileCase cases[] = {
+  const std::pair<const char*, const char*> cases[] = {  // what, the entries after a harmless first one
       {"a \"../\" entry", "add('../evil.txt', b'x')"},
       {"an absolute name", "add('/config/evil.txt', b'x')"},
       {"a symlink out and a file through it",
@@ -77,10 +68,10 @@ TEST_F(ArchiveTest, HostileArchivesChangeNothing) {
   root->write("/config/data/photo/album/a.jpg", "a");
   std::map<std::string, std::string> bodies;
   for (size_t n = 0; n < std::size(cases); ++n)
-    bodies[std::to_string(n) + ".tar"] = std::string("add('first.jpg', b'harmless')\n") + cases[n].body;
+    bodies[std::to_string(n) + ".tar"] = std::string("add('first.jpg', b'harmless')\n") + cases[n].second;
   makeTars(bodies);
   for (size_t n = 0; n < std::size(cases); ++n) {
-    SCOPED_TRACE(cases[n].what);
+    SCOPED_TRACE(cases[n].first);
     auto before = tree();
     LogCapture log;
     autoPhotoTarParser parser;
@@ -151,7 +142,6 @@ TEST_F(ArchiveTest, PackagesAreAnArchiveOrOneConfigurationFileWithinTheirSpace) 
       root->write(std::string("/tmp/") + c.name, c.contents);
   }
   makeTars(tars);
-  fakeFreeBytes = 300000;
   setPartitionStatfs(&fakeStatfs);
   for (const PackageCase& c : cases) {
     SCOPED_TRACE(c.name);
@@ -160,12 +150,12 @@ TEST_F(ArchiveTest, PackagesAreAnArchiveOrOneConfigurationFileWithinTheirSpace) 
     auto before = tree();
     EXPECT_EQ(install(*parser, c.name, (factoryPackage ? "/phone/factory/" : "/config/") + std::string(c.name)),
               c.installed ? 1 : 0);
-    if (c.installed) {
+    if (c.installed)
       EXPECT_TRUE(root->exists(c.installed));
-    } else {
+    else
       EXPECT_EQ(tree(), before);
-    }
   }
+  setPartitionStatfs(nullptr);
 }
 
 }  // namespace

@@ -18,67 +18,59 @@ using testing_support::LogCapture;
 using testing_support::readHostFile;
 using testing_support::TestCa;
 
+// Two authorities with a server certificate each (and the first's as DER, its key encrypted), and an
+// nginx serving HTTPS with the first's certificate; made once for all the tests here.
+struct Peers {
+  TestCa ca{"Provisioned CA"}, otherCa{"Unrelated CA"};
+  HttpServer server;
+  bool ready = ca.create() && ca.issueServerCertificate("server") && otherCa.create() &&
+               otherCa.issueServerCertificate("server") &&
+               testing_support::runCommand("openssl x509 -in '" + ca.caCertificate() + "' -outform DER -out '" +
+                                           ca.file("ca.der") + "' && openssl pkey -in '" + ca.file("server.key") +
+                                           "' -aes128 -passout pass:secret -out '" + ca.file("locked.key") + "'") == 0;
+};
+
 class CertTest : public ParserTest {
  protected:
   static void SetUpTestSuite() {
-    ca = new TestCa("Provisioned CA");
-    otherCa = new TestCa("Unrelated CA");
-    ASSERT_TRUE(ca->create() && ca->issueServerCertificate("server"));
-    ASSERT_TRUE(otherCa->create() && otherCa->issueServerCertificate("server"));
-    ASSERT_EQ(testing_support::runCommand("openssl x509 -in '" + ca->caCertificate() + "' -outform DER -out '" +
-                                          ca->file("ca.der") + "' && openssl pkey -in '" + ca->file("server.key") +
-                                          "' -aes128 -passout pass:secret -out '" + ca->file("locked.key") + "'"),
-              0);
-    server = new HttpServer;
-    server->put("files/hello.txt", "hello");
-    ASSERT_TRUE(server->start(ca)) << "nginx did not start";
+    peers = new Peers;
+    peers->server.put("files/hello.txt", "hello");
+    peers->ready = peers->ready && peers->server.start(&peers->ca);
   }
-  static void TearDownTestSuite() {
-    delete server;
-    delete otherCa;
-    delete ca;
+  static void TearDownTestSuite() { delete peers; }
+  void SetUp() override {
+    ParserTest::SetUp();
+    ASSERT_TRUE(peers->ready) << "openssl or nginx failed";
   }
-  static std::string caFile(const std::string& name) { return readHostFile(ca->file(name)); }
-  static std::string otherFile(const std::string& name) { return readHostFile(otherCa->file(name)); }
+  static std::string caFile(const std::string& name) { return readHostFile(peers->ca.file(name)); }
+  static std::string otherFile(const std::string& name) { return readHostFile(peers->otherCa.file(name)); }
   bool httpsDownloadWorks() const {
     httpsFile file;
-    std::string url = "https://127.0.0.1:" + std::to_string(server->tlsPort()) + "/files/hello.txt";
+    std::string url = "https://127.0.0.1:" + std::to_string(peers->server.tlsPort()) + "/files/hello.txt";
     return file.OpenHttpsFile(url.c_str(), 10000) != 0;
   }
-
-  static TestCa* ca;
-  static TestCa* otherCa;
-  static HttpServer* server;
+  static Peers* peers;
 };
 
-TestCa* CertTest::ca = nullptr;
-TestCa* CertTest::otherCa = nullptr;
-HttpServer* CertTest::server = nullptr;
+Peers* CertTest::peers = nullptr;
 
-struct TrustCase {
-  const char* name;
-  std::string contents;
-  const char* installedAs;
-};
-
+// A DER authority is installed converted, under its name + ".pem": the delete by the server's name
+// finds it all the same.
 TEST_F(CertTest, ProvisionedAuthorityIsTrustedByTheNextHttpsDownload) {
-  const TrustCase cases[] = {
-      {"bundle.crt", otherFile("ca.pem") + caFile("ca.pem"), "bundle.crt"},
-      {"authority.der", caFile("ca.der"), "authority.der.pem"},
-  };
-  for (const TrustCase& c : cases) {
-    SCOPED_TRACE(c.name);
+  const std::pair<const char*, std::string> cases[] = {{"bundle.crt", otherFile("ca.pem") + caFile("ca.pem")},
+                                                       {"authority.der", caFile("ca.der")}};
+  for (const auto& [name, contents] : cases) {
+    SCOPED_TRACE(name);
     EXPECT_FALSE(httpsDownloadWorks()) << "not trusted before it is provisioned";
-    root->write(std::string("/tmp/") + c.name, c.contents);
+    root->write(std::string("/tmp/") + name, contents);
     autoCrtParser parser;
-    ASSERT_EQ(install(parser, c.name, std::string(kTrustedCertDir) + "/" + c.name), 1);
-    EXPECT_TRUE(root->exists(std::string(kTrustedCertDir) + "/" + c.installedAs));
+    ASSERT_EQ(install(parser, name, std::string(kTrustedCertDir) + "/" + name), 1);
     EXPECT_TRUE(httpsDownloadWorks());
 
     // Deleting it by the name the server knows takes the trust away again, companion included.
-    root->write(std::string(kTrustedCertDir) + "/" + c.name + ".MD5", "0123");
-    EXPECT_EQ(parser.deleteFile(std::string(kTrustedCertDir) + "/", (std::string("http://localhost/") + c.name).c_str()), 1);
-    EXPECT_FALSE(root->exists(std::string(kTrustedCertDir) + "/" + c.name + ".MD5"));
+    root->write(std::string(kTrustedCertDir) + "/" + name + ".MD5", "0123");
+    EXPECT_EQ(parser.deleteFile(std::string(kTrustedCertDir) + "/", (std::string("http://localhost/") + name).c_str()), 1);
+    EXPECT_FALSE(root->exists(std::string(kTrustedCertDir) + "/" + name + ".MD5"));
     EXPECT_FALSE(httpsDownloadWorks());
   }
   // "dir" empties the trusted directory but keeps it where the HTTPS client looks.

@@ -1,6 +1,7 @@
 // Ring tones, pictures and the logo: size limits, extensions, and pictures really scaled by the
 // platform script (ImageMagick) on files made by Python and ImageMagick at test time.
 #include <functional>
+#include <tuple>
 
 #include "mediaParser.h"
 #include "parserFixture.h"
@@ -15,15 +16,16 @@ class MediaTest : public ParserTest {
  protected:
   void SetUp() override {
     ParserTest::SetUp();
-    run("mkdir -p '" + root->host("/phone/scripts") + "' && cp '" PROVISOR_SOURCE_DIR
-        "/platform/scripts/imageScale.sh' '" +
-        root->host(kImageScaleScript) + "'");
+    root->write("/scratch/wav.py", "import sys, wave\nw = wave.open(sys.argv[1], 'wb')\n"
+                "w.setnchannels(1); w.setsampwidth(1); w.setframerate(8000)\n"
+                "w.writeframes(bytes(int(sys.argv[2])))\nw.close()\n");
+    run("mkdir -p '" + root->host("/phone/scripts") + "' '" + root->host("/tmp") + "' && cp '" PROVISOR_SOURCE_DIR
+        "/platform/scripts/imageScale.sh' '" + root->host(kImageScaleScript) + "'");
   }
   // A mono 8-bit WAV file of exactly `bytes` bytes, written by Python's wave module.
   void makeWav(const std::string& name, size_t bytes) const {
-    python("/tmp/" + name, "import sys, wave\nw = wave.open(sys.argv[1], 'wb')\n"
-                           "w.setnchannels(1); w.setsampwidth(1); w.setframerate(8000)\n"
-                           "w.writeframes(bytes(" + std::to_string(bytes - 44) + "))\nw.close()\n");
+    run("python3 '" + root->host("/scratch/wav.py") + "' '" + root->host("/tmp/" + name) + "' " +
+        std::to_string(bytes - 44));
   }
   std::string geometry(const std::string& logical) const {
     std::string out;
@@ -32,33 +34,26 @@ class MediaTest : public ParserTest {
   }
 };
 
-struct RingCase {
-  const char* name;
-  size_t bytes;
-  const char* refusal;  // nullptr: installed
-};
-
 TEST_F(MediaTest, RingTonesUpTo8MiBWithTheExtensionWavOrWAV) {
-  const RingCase cases[] = {
+  const std::tuple<const char*, size_t, const char*> cases[] = {
+      // name, size, the log line of its refusal (nullptr: installed)
       {"two.WAV", 2000000, nullptr},
       {"limit.wav", 8388608, nullptr},
       {"two.Wav", 2000000, "ringtone type isnot wav!"},
       {"over.WAV", 8388609, "The ringtone file is too large ! (Should be less than 100K)"},
       {"noextension", 2000000, "ringtone file type error"},
   };
-  for (const RingCase& c : cases) {
-    SCOPED_TRACE(c.name);
-    makeWav(c.name, c.bytes);
-    std::string destination = std::string("/config/resource/ring/") + c.name;
+  for (const auto& [name, bytes, refusal] : cases) {
+    SCOPED_TRACE(name);
+    makeWav(name, bytes);
+    std::string destination = std::string("/config/resource/ring/") + name;
     LogCapture log;
     autoRingParser parser;
-    EXPECT_EQ(install(parser, c.name, destination), c.refusal ? 0 : 1);
-    EXPECT_EQ(root->exists(destination), !c.refusal);
-    if (c.refusal) {
-      EXPECT_TRUE(log.contains(c.refusal)) << log.text();
-    } else {
-      EXPECT_EQ(root->read(destination), root->read("/tmp/" + std::string(c.name)));
-    }
+    EXPECT_EQ(install(parser, name, destination), refusal ? 0 : 1);
+    if (refusal)
+      EXPECT_TRUE(log.contains(refusal) && !root->exists(destination)) << log.text();
+    else
+      EXPECT_EQ(root->read(destination), root->read("/tmp/" + std::string(name)));
   }
 }
 
@@ -66,8 +61,8 @@ struct PictureCase {
   const char* name;
   const char* convertArguments;  // how ImageMagick makes the picture (then the output file); nullptr: text
   std::function<autoBinParser*()> parser;
-  const char* installedGeometry;  // nullptr: refused
-  const char* refusal;
+  bool installed;
+  const char* expected;  // the installed picture's geometry, or the log line of its refusal
 };
 
 TEST_F(MediaTest, PicturesAreCheckedAndScaledByTheScript) {
@@ -76,16 +71,15 @@ TEST_F(MediaTest, PicturesAreCheckedAndScaledByTheScript) {
   auto image = [] { return new autoImageParser; };
   auto logo = [] { return new autoLogoParser; };
   const PictureCase cases[] = {
-      {"big.jpg", "-size 1600x1200 gradient:red-blue", wallpaper, "800x480", nullptr},
-      {"small.bmp", "-size 320x200 gradient:green-white -type TrueColor", wallpaper, "800x480", nullptr},
-      {"face.PNG", "-size 300x200 plasma:", photo, "128x128", nullptr},
-      {"plain.JPG", "-size 300x200 xc:orange", image, "300x200", nullptr},
-      {"anim.gif", "-size 30x20 xc:orange", image, nullptr, "Error! Invalid Upgrade BIN File"},
-      {"noextension", "-size 30x20 xc:orange", image, nullptr, "Error! Invalid Upgrade BIN File"},
-      {"text.png", nullptr, wallpaper, nullptr, "Fail to adjust image scale !"},
-      {"huge.bmp", "-size 1400x1300 gradient:red-blue -type TrueColor", wallpaper, nullptr,
-       "the picture is too large !"},
-      {"logo.png", "-size 60x40 xc:black", logo, nullptr, "The device can't upgrade LOGO file!"},
+      {"big.jpg", "-size 1600x1200 gradient:red-blue", wallpaper, true, "800x480"},
+      {"small.bmp", "-size 320x200 gradient:green-white -type TrueColor", wallpaper, true, "800x480"},
+      {"face.PNG", "-size 300x200 plasma:", photo, true, "128x128"},
+      {"plain.JPG", "-size 300x200 xc:orange", image, true, "300x200"},
+      {"anim.gif", "-size 30x20 xc:orange", image, false, "Error! Invalid Upgrade BIN File"},
+      {"noextension", "-size 30x20 xc:orange", image, false, "Error! Invalid Upgrade BIN File"},
+      {"text.png", nullptr, wallpaper, false, "Fail to adjust image scale !"},
+      {"huge.bmp", "-size 1400x1300 gradient:red-blue -type TrueColor", wallpaper, false, "the picture is too large !"},
+      {"logo.png", "-size 60x40 xc:black", logo, false, "The device can't upgrade LOGO file!"},
   };
   for (const PictureCase& c : cases) {
     SCOPED_TRACE(c.name);
@@ -100,13 +94,12 @@ TEST_F(MediaTest, PicturesAreCheckedAndScaledByTheScript) {
     }
     LogCapture log;
     std::unique_ptr<autoBinParser> parser(c.parser());
-    EXPECT_EQ(install(*parser, c.name, destination), c.installedGeometry ? 1 : 0);
-    if (c.installedGeometry) {
-      EXPECT_EQ(geometry(destination), c.installedGeometry);
-    }
-    if (c.refusal) {
+    EXPECT_EQ(install(*parser, c.name, destination), c.installed ? 1 : 0);
+    if (c.installed) {
+      EXPECT_EQ(geometry(destination), c.expected);
+    } else {
       EXPECT_EQ(root->read(destination), "installed before");
-      EXPECT_TRUE(log.contains(c.refusal)) << log.text();
+      EXPECT_TRUE(log.contains(c.expected)) << log.text();
     }
   }
 }

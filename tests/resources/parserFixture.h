@@ -24,12 +24,6 @@ class ParserTest : public testing_support::RootedTest {
     std::string output;
     ASSERT_EQ(testing_support::runCommand(command, &output), 0) << command << "\n" << output;
   }
-  // Runs a python3 script whose first argument is the host path of `logical` (parents created).
-  void python(const std::string& logical, const std::string& script) const {
-    root->write("/scratch/make.py", script);
-    std::string target = root->host(logical);
-    run("mkdir -p \"$(dirname '" + target + "')\" && python3 '" + root->host("/scratch/make.py") + "' '" + target + "'");
-  }
   // Installs /tmp/<name> at `destination` with the parser; what installFile returned.
   int install(autoBinParser& parser, const std::string& name, const std::string& destination) const {
     return parser.installFile(("/tmp/" + name).c_str(), destination);

@@ -1,5 +1,5 @@
 // XML resources: attribute edits by element path (the "::" key form, 1-based indexes, created
-// elements, the index limit) and the dial-plan and dial-now record adders.
+// elements, the index limit).
 #include <tinyxml2.h>
 
 #include "parserFixture.h"
@@ -63,33 +63,6 @@ TEST_F(XmlParserTest, ElementPathEdits) {
   EXPECT_TRUE(log.contains("Can't load xml file [/config/data/broken.xml] !"));
   EXPECT_TRUE(log.contains("File[/config/data/none.xml] not exist !"));
   EXPECT_EQ(root->read("/config/data/broken.xml"), "<DialRule><Data>");
-}
-
-TEST_F(XmlParserTest, RuleAddersRefuseDuplicatesAndReplaceCorruptFiles) {
-  LogCapture log;
-  EXPECT_EQ(addDialRule(kPlan, "1,0086,00,2"), 0);
-  EXPECT_EQ(addDialRule(kPlan, "2,0086,99,1"), -1);
-  EXPECT_TRUE(log.contains("same_record_already_exist!"));
-  EXPECT_EQ(addDialRule(kPlan, "2,ab,1,1"), 0);
-  EXPECT_EQ(addDialRule(kPlan, "3,AB,2,1"), 0);
-  EXPECT_EQ(column(kPlan, "Prefix"), (std::vector<std::string>{"0086", "ab", "AB"}));
-  EXPECT_EQ(column(kPlan, "Replace"), (std::vector<std::string>{"00", "1", "2"}));
-  EXPECT_EQ(addDialRule(kPlan, "nonsense"), -1);
-
-  root->write(kPlan, "<DialRule><Data Prefix=");
-  EXPECT_EQ(addDialRule(kPlan, "1,7,8,1"), 0);
-  EXPECT_EQ(column(kPlan, "Prefix"), (std::vector<std::string>{"7"}));
-  root->write(kPlan, "<Other><Data Prefix=\"5\"/></Other>");
-  EXPECT_EQ(addDialRule(kPlan, "1,7,8,1"), 0);
-  EXPECT_EQ(column(kPlan, "Prefix"), (std::vector<std::string>{"7"}));
-
-  const std::string now = "/config/data/DialNow.xml";
-  EXPECT_EQ(addDialNowRule(now, "1xx"), 0);
-  EXPECT_EQ(addDialNowRule(now, "9[0-9]x,2"), 0);
-  EXPECT_EQ(addDialNowRule(now, "1XX,3"), -1);
-  EXPECT_TRUE(log.contains("the_same_already_exist !"));
-  EXPECT_EQ(column(now, "DialNowRule"), (std::vector<std::string>{"1xx", "9[0-9]x"}));
-  EXPECT_EQ(column(now, "LineID"), (std::vector<std::string>{"-", "2"}));
 }
 
 }  // namespace
