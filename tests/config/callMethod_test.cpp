@@ -1,12 +1,9 @@
 // Text-method calls: argument forms, parameter operators, the method table and its help text, and
 // messages that reach another application (msgctl listening as a named thread).
 #include <gtest/gtest.h>
-#include <signal.h>
+#include <unistd.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "callMethod.h"
@@ -14,11 +11,7 @@
 #include "registry.h"
 #include "testRoot.h"
 
-using testing_support::programCommand;
-using testing_support::LogCapture;
-using testing_support::RootedTest;
-using testing_support::runCommand;
-using testing_support::TempRoot;
+using namespace testing_support;
 
 namespace {
 
@@ -63,7 +56,6 @@ class TextMethodCallTest : public RootedTest {};
 
 TEST_F(TextMethodCallTest, LocalMethodsAndErrors) {
   LogCapture log;
-  registryResetCache();
   root->write("/config/system/system.ini", "[AutoProvision]\nstrServerURL = http://10.0.0.9/cfg\n");
   struct Call {
     std::string text, result;
@@ -103,35 +95,25 @@ TEST_F(TextMethodCallTest, LocalMethodsAndErrors) {
   brisaSetRegistryString("/config/user/user.ini", "Lang", "ActiveLanguage", "German");
   EXPECT_EQ(callTextMethod("regFlushAllFile()"), "1");
   EXPECT_NE(root->read("/config/user/user.ini").find("German"), std::string::npos);
-  registryResetCache();
 }
 
 // A second process listens as "app_listener"; the calls reach it and it prints what it got.
-TEST(TextMethodMessages, ReachAListeningApplication) {
-  TempRoot root;
-  const std::string output = root.host("/tmp/listen.out");
-  const std::string pidFile = root.host("/tmp/listen.pid");
-  ASSERT_EQ(runCommand(programCommand("msgctl") + " listen app_listener --reply 42 --count 3 --timeout 20 > '" +
-                       output + "' 2>&1 & echo $! > '" + pidFile + "'"),
-            0);
-  // Bounded real waits: the listener is another process.
-  auto waitFor = [](auto condition) {
-    for (int i = 0; i < 500 && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return condition();
-  };
-  ASSERT_TRUE(waitFor([] { return !msgGetThreadByName("app_listener").empty(); }));
-
+TEST_F(TextMethodCallTest, MessagesReachAListeningApplication) {
+  FILE* listener = popen((programCommand("msgctl") + " listen app_listener --reply 42 --count 3 --timeout 20").c_str(), "r");
+  ASSERT_NE(listener, nullptr);
+  // A bounded real wait: the listener is another process.
+  for (int i = 0; i < 500 && msgGetThreadByName("app_listener").empty(); ++i) usleep(10000);
   EXPECT_EQ(callTextMethod("msgPostMessageEx(\"app_listener\", 0x60001, [10-3], -1, \"hello, world\")"), "1");
   EXPECT_EQ(callTextMethod("msgSendMessage(app_listener, 5, 1, _ASSCII[50])"), "42");
   EXPECT_EQ(callTextMethod("msgBroadcastPostMessage(0x10201, 0, 2)"), "1");
-
-  ASSERT_TRUE(waitFor([&] { return root.read("/tmp/listen.out").find("id=0x10201") != std::string::npos; }));
-  EXPECT_EQ(root.read("/tmp/listen.out"),
+  std::string out;
+  char buffer[512];
+  while (fgets(buffer, sizeof(buffer), listener)) out += buffer;
+  EXPECT_EQ(pclose(listener), 0);
+  EXPECT_EQ(out,
             "id=0x60001 wparam=7 lparam=-1 extra=hello, world\n"
             "id=0x5 wparam=1 lparam=2 extra=\n"
             "id=0x10201 wparam=0 lparam=2 extra=\n");
-  int pid = atoi(root.read("/tmp/listen.pid").c_str());
-  if (pid > 0 && !waitFor([pid] { return kill(pid, 0) != 0; })) kill(pid, SIGTERM);
 }
 
 }  // namespace

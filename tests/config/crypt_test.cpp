@@ -61,7 +61,7 @@ TEST_F(CryptTest, CipherTextTest) {
 
 TEST_F(CryptTest, KeyFromRequestConfigurationOrDeviceAndWrongKeysLeaveTheFile) {
   root->write("/host/device.ini", "[device]\nmac = 001565aabbcc\nip = 127.0.0.1\n");
-  const std::string keys = "strKeyAES16 = commonKey0123456\nstrKeyAES16MAC = macKey\n";
+  const std::string keys = "strKeyAES16 = commonKey0123456\nstrKeyAES16MAC = macKey\n", builtIn = kBuiltInAesKeyText;
   std::string stored;  // a configured key in the platform's protected form is used in its plain form
   ASSERT_EQ(pw_data_encrypt("protectedKey", stored), 0);
   ASSERT_NE(derivedDeviceKey("001565aabbcc"), derivedDeviceKey("001565aabbcd"));
@@ -81,6 +81,11 @@ TEST_F(CryptTest, KeyFromRequestConfigurationOrDeviceAndWrongKeysLeaveTheFile) {
       {"strKeyAES16MAC = macKey\nuse_build_in_aes_key_16_mac = 1\n", true, {"requestKey", "requestMacKey"},
        derivedDeviceKey("001565aabbcc"), true},
       {"strKeyAES16MAC = " + stored + "\n", true, {}, aesKeyFromText("protectedKey"), true},
+      // A custom key set to the built-in key's text is none: the per-device file takes the common key,
+      // and with no key at all either file takes the built-in one.
+      {"strKeyAES16MAC = " + builtIn + "\nstrKeyAES16 = commonKey\n", true, {}, aesKeyFromText("commonKey"), true},
+      {"", true, {}, aesKeyFromText(builtIn), true},
+      {"", false, {}, aesKeyFromText(builtIn), true},
       {"strKeyAES16 = rightKey\n", false, {}, aesKeyFromText("otherKey"), false},
       {"", false, {}, aesKeyFromText("otherKey"), false},
   };

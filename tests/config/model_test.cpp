@@ -14,17 +14,13 @@ const char* kTable = R"(<?xml version="1.0"?>
 <autopTranslator>
   <cfg>
     <object name="account" indexMask="$i" range="0-5" path="/config/user/voip/sipAccount$i.cfg" section="account">
-      <item name="enable" key="Enable"/>
-      <item name="label" key="Label"/>
+      <item name="enable" key="Enable"/><item name="label" key="Label"/>
     </object>
-    <object name="network" path="/config/system/system.ini" section="Network">
-      <item name="vlan" key="VlanID"/>
-    </object>
+    <object name="network" path="/config/system/system.ini" section="Network"><item name="vlan" key="VlanID"/></object>
   </cfg>
   <pwd>
     <object name="security" path="/valdrun/config/.htpasswd">
-      <item name="user_password" section="user" key=""/>
-      <item name="delete_user" section="del_user" key=""/>
+      <item name="user_password" section="user" key=""/><item name="delete_user" section="del_user" key=""/>
     </object>
   </pwd>
 </autopTranslator>

@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <fstream>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,39 +21,22 @@ const char* kTable = R"XML(<?xml version="1.0"?>
     <object name="acc" indexMask="$i" range="0-5" path="/config/acc$i.cfg" section="line$i" action="reload($i)">
       <item name="en" key="Enable$i" action="note($i)" encrypt="1" reboot="1" valueType="boolean"/>
       <item name="label" key="Label"/>
-      <object name="codec" indexMask="$j" range="1-4" section="audio$j">
-        <item name="on" key="on"/>
-      </object>
-      <object name="plain">
-        <item name="x" key="X"/>
-      </object>
+      <object name="codec" indexMask="$j" range="1-4" section="audio$j"><item name="on" key="on"/></object>
+      <object name="plain"><item name="x" key="X"/></object>
     </object>
-    <object name="shifted" indexMask="#" range="3-5" path="/config/shifted.cfg" section="s#">
-      <item name="v" key="V"/>
-    </object>
-    <object name="free" indexMask="@" path="/config/free@.cfg" section="free">
-      <item name="v" key="V"/>
-    </object>
+    <object name="shifted" indexMask="#" range="3-5" path="/config/shifted.cfg" section="s#"><item name="v" key="V"/></object>
+    <object name="free" indexMask="@" path="/config/free@.cfg" section="free"><item name="v" key="V"/></object>
     <object name="dup" path="/config/first.ini" section="one">
-      <item name="a" key="A"/>
-      <item name="@LONG@" key="Long"/>
-      <item name="x.y" key="DottedItem"/>
+      <item name="a" key="A"/><item name="@LONG@" key="Long"/><item name="x.y" key="DottedItem"/>
       <object name="x" section="sub1"><item name="q" key="Q1"/></object>
       <object name="x" section="sub2"><item name="y" key="Y"/><item name="z" key="Z"/></object>
     </object>
-    <object name="dup" path="/config/second.ini" section="two">
-      <item name="a" key="A"/>
-      <item name="b" key="B"/>
-    </object>
-    <object name="bare">
-      <item name="own" path="/config/own.ini" section="Own" key="K"/>
-    </object>
+    <object name="dup" path="/config/second.ini" section="two"><item name="a" key="A"/><item name="b" key="B"/></object>
+    <object name="bare"><item name="own" path="/config/own.ini" section="Own" key="K"/></object>
     <ignored name="not-an-object"/>
   </cfg>
   <pwd>
-    <object name="dup" path="/valdrun/config/.htpasswd">
-      <item name="c" section="user" key="" usage="cover.user"/>
-    </object>
+    <object name="dup" path="/valdrun/config/.htpasswd"><item name="c" section="user" key="" usage="cover.user"/></object>
   </pwd>
 </autopTranslator>
 )XML";
@@ -249,57 +230,21 @@ TEST_F(TranslatorTest, LoadingChoosesTheFileAndReportsFailures) {
   EXPECT_FALSE(single.loadTransData("/config/missing.xml"));
   EXPECT_TRUE(log.contains("failed to load file [/config/missing.xml]!"));
   EXPECT_FALSE(single.parseObjectElem(nullptr, nullptr));
-  EXPECT_TRUE(log.contains("WAR Unexpected null pointer !"));
   autopTranslator::releaseInstance();
   EXPECT_FALSE(autopTranslator::getInstance()->isLoaded());  // a fresh, empty table
   autopTranslator::releaseInstance();
 }
 
 // The table shipped with the phone.
-TEST_F(TranslatorTest, ShippedTableCoversTheFourTypesAndKnownKeysAndEveryNumberedKeyRoundTrips) {
-  std::ifstream shipped(std::string(PROVISOR_SOURCE_DIR) + "/data/autopTranslator.xml");
-  std::stringstream text;
-  text << shipped.rdbuf();
-  root->write(kTranslatorPhonePath, text.str());
+TEST_F(TranslatorTest, ShippedTableCoversTheFourTypesAndEveryNumberedKeyRoundTrips) {
+  root->write(kTranslatorPhonePath, testing_support::readHostFile(PROVISOR_SOURCE_DIR "/data/autopTranslator.xml"));
   ASSERT_TRUE(table.loadDefaultTable());
   EXPECT_GE(table.itemCount(), 300u);
   std::set<std::string> types;
   for (size_t i = 0; i < table.objectCount(); ++i) types.insert(table.objectType(i));
   EXPECT_EQ(types, (std::set<std::string>{"cfg", "bin", "pwd", "rom"}));
-  // key, then type|path|section|key|usage|fileType|encrypt ("*" where the test does not care)
-  const std::pair<const char*, const char*> known[] = {
-      {"account.16.password", "cfg|/config/user/voip/sipAccount15.cfg|*|*|*|*|1"},
-      {"account.1.codec.2.enable", "*|*|audio2|*|*|*|*"},
-      {"phone_setting.phone_lock.unlock_pin", "*|*|Phone_Lock|Unlock_PIN|*|*|*"},
-      {"phone_setting.phone_lock.enable", "*|*|PhoneSetting|EnLock|*|*|*"},
-      {"custom_mac_cfg.url", "*|/tmp/download.cfg|CUSTOM_MAC_CFG_PATH|server_address|*|*|*"},
-      {"security.user_name.admin", "cfg|*|*|*|*|*|*"},
-      {"security.user_password", "pwd|/valdrun/config/.htpasswd|*|*|*|*|*"},
-      {"dialplan.replace.7.prefix", "bin|*|DialRule.Data.7|*|modify.dialplan|*|*"},
-      {"trusted_certificates.url", "*|*|*|*|*|cert|*"},
-      {"network.802_1x.root_cert_url", "bin|*|*|*|*|*|*"},
-      {"firmware.server_ip", "rom|*|*|*|*|*|*"}};
-  for (const auto& [key, expected] : known) {
-    autopItem item;
-    ASSERT_TRUE(table.findItem(key, item)) << key;
-    const std::string got[] = {item.type, item.path, item.section, item.key, item.usage, item.fileType,
-                               item.encrypt ? "1" : "0"};
-    std::stringstream parts(expected);
-    size_t field = 0;
-    for (std::string want; std::getline(parts, want, '|'); ++field)
-      EXPECT_TRUE(want == "*" || got[field] == want) << key << ", field " << field << ": " << got[field];
-    EXPECT_EQ(field, 7u);
-  }
   autopItem item;
   EXPECT_FALSE(table.findItem("account.17.password", item));
-  const std::pair<std::array<const char*, 3>, const char*> reverses[] = {
-      {{"/config/user/voip/sipAccount0.cfg", "account", "Enable"}, "account.1.enable"},
-      {{"/valdrun/config/.htpasswd", "del_user", ""}, "security.delete_user"},
-      {{"/config/system/system.ini", "802.1X", "strIdentity"}, "network.802_1x.identity"}};
-  for (const auto& [where, key] : reverses) {
-    std::string name;
-    EXPECT_TRUE(table.findItemName(where[0], where[1], where[2], name) && name == key) << key;
-  }
   // Each leaf of the numbered objects, each index: forwards, backwards and forwards again.
   for (int line = 1; line <= 16; ++line) {
     for (const char* leaf : {"enable", "password", "shared_line", "dtmf.type", "codec.8.rtpmap", "sip_server.2.port"}) {

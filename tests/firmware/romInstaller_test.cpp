@@ -60,12 +60,9 @@ class RomInstallerTest : public RootedTest {
 TEST_F(RomInstallerTest, LyraWaitsOutTheCallStopsTheListedProcessesAndHandsOverToTheFlasher) {
   useFamily("lyra");
   std::string payload = testBytes(300000, 7);
-  TestCa ca("fwca");
-  ASSERT_TRUE(ca.create() && ca.issueServerCertificate("server"));
   HttpServer http;
-  ASSERT_TRUE(http.start(&ca));
+  ASSERT_TRUE(http.start());
   http.put("fw/lyra.rom", kit->image("lyra", payload));
-  root->write("/config/certs/trusted/ca.pem", readHostFile(ca.caCertificate()));
   addProcess(4100, std::string("/bin/sh\0/etc/init.d/GuiApp.sh", 29), "sh");  // application: killed
   addProcess(4200, "/sbin/syslogd", "syslogd");                                // kept
   addProcess(4300, "dsp_daemon", "dsp_daemon");                                // neither: killed twice
@@ -73,16 +70,15 @@ TEST_F(RomInstallerTest, LyraWaitsOutTheCallStopsTheListedProcessesAndHandsOverT
   LogCapture log;
 
   auto installer = createRomInstallerFor("lyra");
-  std::string url = "https://127.0.0.1:" + std::to_string(http.tlsPort()) + "/fw/lyra.rom";
+  std::string url = "http://127.0.0.1:" + std::to_string(http.port()) + "/fw/lyra.rom";
   EXPECT_EQ(installer->install(url.c_str()), 1);
 
-  EXPECT_TRUE(log.contains("lyra_romParser::QuitOtherProcesses"));
   EXPECT_EQ(root->read(kHostActionsLog),
             "kill 4100 GuiApp.sh 9\nkill 4100 GuiApp.sh 15\n"
             "kill 4300 dsp_daemon 9\nkill 4300 dsp_daemon 15\nkill 4300 dsp_daemon 9\nkill 4300 dsp_daemon 15\n");
   EXPECT_TRUE(root->read(kFirmwareSlotPath) == payload);
   EXPECT_TRUE(log.contains("Flasher is controlling the device. Sleep (1 hour) till reboot"));
-  // 5 s after the refusal, 3 s before the kills, 3 s for the server, then the 60-hour hand-over.
+  // 5 s after the refusal for the call, 3 s before the kills, 3 s for the server, then the 60-hour hand-over.
   EXPECT_EQ(fakeClock.elapsedMs(), 5000u + 3000u + 3000u + 216000000ull);
 }
 
@@ -92,12 +88,8 @@ TEST_F(RomInstallerTest, ARefusingServerGetsFiveNumberedAttempts) {
   std::string url = "http://127.0.0.1:" + std::to_string(freePort()) + "/fw.rom";
   LogCapture log;
   EXPECT_EQ(installer->install(url.c_str()), 0);
-  std::string text = log.text();
-  size_t at = 0;
-  for (int attempt = 1; attempt <= 6; ++attempt) {
-    at = text.find("Can't connect to server!retry " + std::to_string(attempt), at);
-    EXPECT_EQ(at != std::string::npos, attempt <= 5) << attempt;
-  }
+  for (int attempt = 1; attempt <= 6; ++attempt)
+    EXPECT_EQ(log.contains("Can't connect to server!retry " + std::to_string(attempt)), attempt <= 5) << attempt;
   EXPECT_TRUE(log.contains("Open DownloadStream fail!!"));
   EXPECT_FALSE(root->exists(kFirmwareSlotPath));
 }
@@ -128,28 +120,26 @@ TEST_F(RomInstallerTest, ACutHttpTransferResumesWithARangeRequest) {
   std::string image = kit->image("lyra", payload);
   net_test::TcpPeer server;
   std::string rangeAsked;
+  const size_t half = image.size() / 2;
   std::thread peer([&] {
     int first = server.accept();
     while (!net_test::readLine(first).empty()) {
     }
-    size_t half = image.size() / 2;
     net_test::sendText(first, "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(image.size()) + "\r\n\r\n" +
                                   image.substr(0, half));
     close(first);
     int second = server.accept();
     for (std::string line; !(line = net_test::readLine(second)).empty();)
       if (line.rfind("Range: ", 0) == 0) rangeAsked = line;
-    size_t from = std::stoul(rangeAsked.substr(rangeAsked.find('=') + 1));
-    net_test::sendText(second, "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(from) + "-" +
-                                   std::to_string(image.size() - 1) + "/" + std::to_string(image.size()) +
-                                   "\r\nContent-Length: " + std::to_string(image.size() - from) + "\r\n\r\n" +
-                                   image.substr(from));
+    net_test::sendText(second, "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(half) + "-" +
+                                   std::to_string(image.size() - 1) + "/" + std::to_string(image.size()) + "\r\n\r\n" +
+                                   image.substr(half));
     close(second);
   });
   installFirmwareStreams();
   std::string url = "http://127.0.0.1:" + std::to_string(server.port()) + "/fw.rom";
   EXPECT_EQ(firmware_Upgrade(url.c_str(), 5000, true, false, true), FW_OK);
   peer.join();
-  EXPECT_EQ(rangeAsked, "Range: bytes=" + std::to_string(image.size() / 2) + "-");
+  EXPECT_EQ(rangeAsked, "Range: bytes=" + std::to_string(half) + "-");
   EXPECT_TRUE(root->read(kFirmwareSlotPath) == payload);
 }

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <regex>
 #include <thread>
 #include <vector>
 
@@ -81,17 +82,10 @@ TEST_F(SystemHelpersTest, CallEndWaitAsksUntilThePhoneAllowsARestartOrGivesUp) {
     LogCapture capture;
     uint64_t before = fakeClock.elapsedMs();
     EXPECT_EQ(waitCallEnd(), c.result);
-    auto got = phone.received();
-    ASSERT_EQ(got.size(), c.asked);
-    EXPECT_EQ(got[0], (std::vector<uint32_t>{MSG_REBOOT_REQUEST, 0, 0}));
+    EXPECT_EQ(phone.received().size(), c.asked);
     EXPECT_EQ(countOf(capture.text(), "IFO phone is in talking!"), c.talking);
-    if (c.answers.back() != 7) {  // every wait on the fake clock
-      EXPECT_EQ(fakeClock.elapsedMs() - before, c.talking * 30u);
-    }
+    EXPECT_EQ(fakeClock.elapsedMs() - before, c.talking * 30u);  // every wait on the fake clock
     EXPECT_TRUE(capture.contains("IFO SEND MESSAGE:10011(0,0) to TalkLogic\n\n"));
-    if (c.result == 0) {
-      EXPECT_TRUE(capture.contains("DEB receive msg return:1 \n"));
-    }
   }
 }
 
@@ -102,7 +96,6 @@ TEST_F(SystemHelpersTest, SendsToTheTr069AgentOnlyWhenItRuns) {
   EXPECT_TRUE(capture.contains("receive msg return:-1 \n"));
   StandIn agent(kThreadTr069, {42});
   EXPECT_EQ(sendToTr069(0x123, 1, 2), 42);
-  EXPECT_EQ(agent.received().size(), 1u);
   StandIn phone(kThreadPhone, {5});
   EXPECT_EQ(sendToTalkLogic(0x30007, 0, 1), 5);
 }
@@ -121,13 +114,10 @@ TEST_F(SystemHelpersTest, KillsProcessesOfAFakeProcTreeByScriptOrKernelName) {
 
   EXPECT_EQ(killProcesses(names, 3, false), 0);
   std::string log = actions();
+  // Six kills, all of them these: none of the other, of process 1, of itself or of its parent.
   EXPECT_NE(log.find("kill 1234 GuiApp.sh 9\nkill 1234 GuiApp.sh 15\n"), std::string::npos);
   EXPECT_NE(log.find("kill 2000 dsp_daemon 9\nkill 2000 dsp_daemon 15\n"), std::string::npos);
-  EXPECT_NE(log.find("kill 4000 c 9\n"), std::string::npos);
-  EXPECT_EQ(log.find("kill 3000"), std::string::npos);
-  EXPECT_EQ(log.find("kill 1 "), std::string::npos);
-  EXPECT_EQ(log.find("kill " + std::to_string(getpid()) + " "), std::string::npos);
-  EXPECT_EQ(log.find("kill " + std::to_string(getppid()) + " "), std::string::npos);
+  EXPECT_NE(log.find("kill 4000 c 9\nkill 4000 c 15\n"), std::string::npos);
   EXPECT_EQ(countOf(log, "\n"), 6u);
 
   root->write(kHostActionsLog, "");
@@ -141,15 +131,12 @@ TEST_F(SystemHelpersTest, KillsProcessesOfAFakeProcTreeByScriptOrKernelName) {
 }
 
 TEST_F(SystemHelpersTest, RebootNoticeOnScreenAndDisplay) {
-  {
-    LogCapture capture;
-    EXPECT_EQ(showRebootOnScreen(), -1);
-    EXPECT_TRUE(capture.contains("ERR can't open lcd0"));
-    EXPECT_FALSE(capture.contains("Post reboot MSG to screen!"));
-  }
+  LogCapture capture;
+  EXPECT_EQ(showRebootOnScreen(), -1);
+  EXPECT_TRUE(capture.contains("ERR can't open lcd0"));
+  EXPECT_FALSE(capture.contains("Post reboot MSG to screen!"));
   root->write("/dev/lcd0", "");
   StandIn screen(kThreadScreen, {0});
-  LogCapture capture;
   uint64_t before = fakeClock.elapsedMs();
   EXPECT_EQ(showRebootOnScreen(), 0);
   EXPECT_TRUE(capture.contains("IFO Post reboot MSG to screen!"));
@@ -180,17 +167,6 @@ int rebootInChild(const std::string& logFile) {
   return status;
 }
 
-// True when every needle occurs in `text`, in this order.
-bool inOrder(const std::string& text, const std::vector<std::string>& needles) {
-  size_t pos = 0;
-  for (const std::string& needle : needles) {
-    pos = text.find(needle, pos);
-    if (pos == std::string::npos) return false;
-    pos += needle.size();
-  }
-  return true;
-}
-
 }  // namespace
 
 TEST_F(SystemHelpersTest, RebootBacksUpTheLogHandsOverToTheWatchdogAndRestarts) {
@@ -209,17 +185,14 @@ TEST_F(SystemHelpersTest, RebootBacksUpTheLogHandsOverToTheWatchdogAndRestarts) 
     EXPECT_EQ(actions(), watchdog ? "ioctl /dev/input/keypad0 0x400445a3 1\nreboot\n" : "reboot\n");
     EXPECT_EQ(root->read("/config/autop_log/log.0"), watchdog ? "second run\n" : "");  // nothing to back up
     EXPECT_EQ(root->read("/config/autop_log/log.1"), watchdog ? "first run\n" : "");
-    std::string log = root->read("/tmp/reboot.out");
-    std::vector<std::string> steps = {"WAR Reboot by watchdog !\n", "WAR Sleep 10s for reboot by watchdog ...\n",
-                                      "WAR Reboot by syscall ... \n"};
-    if (watchdog) {
-      steps.insert(steps.begin(), "IFO backup attlog to flash ... \n");
-      steps.insert(steps.begin() + 2, {"WAR to ioctl ... \n", "WAR Successed in closing watchdog !!\n"});
-    } else {
-      steps.insert(steps.begin(), "skip backup! [/tmp/autop.log] file not exist !");
-      steps.insert(steps.begin() + 2, {"ERR Can't open keypad0 !\n", "WAR DUNA: Fail to reboot by watchdog !\n"});
-    }
-    EXPECT_TRUE(inOrder(log, steps)) << log;
-    EXPECT_EQ(log.find("DUNA") == std::string::npos, watchdog);
+    // The log without its "[module:line] " prefixes.
+    const std::string log = std::regex_replace(root->read("/tmp/reboot.out"), std::regex("(^|\n)\\[[^\\]\n]*\\] "), "$1");
+    EXPECT_EQ(log, "IFO backup attlog to flash ... \n" +
+                       std::string(watchdog ? "WAR Reboot by watchdog !\nWAR to ioctl ... \n"
+                                              "WAR Successed in closing watchdog !!\n"
+                                            : "IFO skip backup! [/tmp/autop.log] file not exist !\n"
+                                              "WAR Reboot by watchdog !\nERR Can't open keypad0 !\n"
+                                              "WAR DUNA: Fail to reboot by watchdog !\n") +
+                       "WAR Sleep 10s for reboot by watchdog ...\nWAR Reboot by syscall ... \n");
   }
 }
