@@ -41,7 +41,6 @@ class CryptTest : public RootedTest {
 
 TEST_F(CryptTest, CipherTextTest) {
   const std::pair<std::string, bool> files[] = {
-      {kPlain, false},
       {"\xEF\xBB\xBF   \t\r;comment then \xFF\xFF\xFF bytes later", false},
       {"abcdefghijklmnopqrst\xFF\xFF\xFF", false},  // 20 ASCII bytes: plain
       {"abc\x80" "defghijklmnopqrstuvw", true}};

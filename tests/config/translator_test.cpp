@@ -120,19 +120,6 @@ TEST_F(TranslatorTest, ReverseLookupFindsTheKeyOfATarget) {
       {{"/config/acc01.cfg", "line01", "Label"}, "<none>"}, {{"/config/acc$i.cfg", "line$i", "Label"}, "<none>"},
       {{"/config/shifted.cfg", "s2", "V"}, "<none>"}, {{"/config/acc2.cfg", "audio0", "on"}, "<none>"}};
   for (const auto& [where, key] : reverses) EXPECT_EQ(reverse(where[0], where[1], where[2]), key) << where[0];
-
-  // Table order holds across numbered, plain and key-masked items: (objects, path, key, name).
-  const std::string n = R"(<object name="n" indexMask="$i" path="/config/x$i.ini" section="s"><item name="a" key="K"/></object>)";
-  const std::string lit = R"(<object name="lit" path="/config/x3.ini" section="s"><item name="b" key="K"/></object>)";
-  const std::string k = R"(<object name="k" indexMask="%" path="/config/x3.ini" section="s"><item name="c" key="%"/></object>)";
-  const std::array<std::string, 4> orders[] = {
-      {n + lit + k, "/config/x3.ini", "K", "n.3.a"}, {n + lit + k, "/config/x3.ini", "7", "k.7.c"},
-      {lit + n + k, "/config/x3.ini", "K", "lit.b"}, {lit + n + k, "/config/x4.ini", "K", "n.4.a"},
-      {k + lit + n, "/config/x3.ini", "K", "lit.b"}, {k + lit + n, "/config/x3.ini", "3", "k.3.c"}};
-  for (const auto& [objects, path, key, name] : orders) {
-    load(wrapped(objects));
-    EXPECT_EQ(reverse(path, "s", key), name) << objects;
-  }
 }
 
 // Nesting 94 deep and 16 masks side by side: items reachable through at most 16 objects resolve both
