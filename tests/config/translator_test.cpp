@@ -4,6 +4,7 @@
 
 #include <array>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "autopTranslator.h"
@@ -130,7 +131,6 @@ TEST_F(TranslatorTest, DeepNestingAndAdjacentMasks) {
   std::string tables = R"(<object name="d0" path="/config/deep.ini" section="top">)", path;
   for (int level = 1; level < 94; ++level)
     tables += "<object name=\"d" + std::to_string(level) + "\"><item name=\"v\" key=\"K" + std::to_string(level) + "\"/>";
-  tables += "<item name=\"v\" key=\"last\"/>";
   for (int level = 0; level < 94; ++level) tables += "</object>";
   for (int m = 0; m < 16; ++m) path += "$m" + std::to_string(m);
   tables += R"(<object name="o" indexMask="$m0" range="1-12" path="/config/x)" + path + R"(.cfg" section="s">)";
@@ -165,37 +165,26 @@ TEST_F(TranslatorTest, DeepNestingAndAdjacentMasks) {
 TEST_F(TranslatorTest, LoadingChoosesTheFileAndReportsFailures) {
   LogCapture log;
   autopTranslator& single = *autopTranslator::getInstance();
-  // logical file, its contents, then: load result, log lines, a key that must resolve ("" for none)
-  struct Case {
-    const char* file;
-    std::string xml;
-    bool loaded;
-    std::vector<std::string> lines;
-    const char* key;
-  };
-  const Case cases[] = {
+  // logical file, its contents, then: load result, log lines, whether the phone's table ("p.x") is in use
+  const std::tuple<const char*, std::string, bool, std::vector<std::string>, bool> cases[] = {
       {kTranslatorPhonePath, wrapped(R"(<object name="p"><item name="x" path="/a" section="s" key="k"/></object>)"), true,
-       {"Load trans data from /phone/resource/autopTranslator.xml", "IFO Load return 1"}, "p.x"},
+       {"Load trans data from /phone/resource/autopTranslator.xml", "IFO Load return 1"}, true},
       // A table under /config replaces the phone's one entirely.
       {kTranslatorConfigPath, wrapped(R"(<object name="c"><item name="x" path="/b" section="s" key="k"/></object>)"), true,
-       {"Load trans data from /config/autopTranslator.xml"}, "c.x"},
+       {"Load trans data from /config/autopTranslator.xml"}, false},
       {kTranslatorConfigPath, "<autopTranslator><cfg><object name=", false,
-       {"failed to load file [/config/autopTranslator.xml]! \n", "IFO Load return 0"}, ""},
-      {kTranslatorConfigPath, "<other><cfg/></other>", false, {"no root elem [/config/autopTranslator.xml]! \n"}, ""}};
-  for (const Case& c : cases) {
-    root->write(c.file, c.xml);
-    EXPECT_EQ(single.loadDefaultTable(), c.loaded) << c.xml;
-    EXPECT_EQ(single.isLoaded(), c.loaded);
-    for (const std::string& line : c.lines) EXPECT_TRUE(log.contains(line)) << line;
+       {"failed to load file [/config/autopTranslator.xml]! \n", "IFO Load return 0"}, false},
+      {kTranslatorConfigPath, "<other><cfg/></other>", false, {"no root elem [/config/autopTranslator.xml]! \n"}, false}};
+  for (const auto& [file, xml, loaded, lines, phoneTable] : cases) {
+    root->write(file, xml);
+    EXPECT_EQ(single.loadDefaultTable(), loaded) << xml;
+    EXPECT_EQ(single.isLoaded(), loaded);
+    for (const std::string& line : lines) EXPECT_TRUE(log.contains(line)) << line;
     autopItem item;
-    EXPECT_EQ(single.findItem("p.x", item), std::string(c.key) == "p.x") << c.xml;
-    EXPECT_EQ(single.objectCount() + single.itemCount(), c.loaded ? 2u : 0u);
+    EXPECT_EQ(single.findItem("p.x", item), phoneTable) << xml;
+    EXPECT_EQ(single.objectCount() + single.itemCount(), loaded ? 2u : 0u);
   }
-  EXPECT_FALSE(single.loadTransData("/config/missing.xml"));
-  EXPECT_TRUE(log.contains("failed to load file [/config/missing.xml]!"));
   EXPECT_FALSE(single.parseObjectElem(nullptr, nullptr));
-  autopTranslator::releaseInstance();
-  EXPECT_FALSE(autopTranslator::getInstance()->isLoaded());  // a fresh, empty table
   autopTranslator::releaseInstance();
 }
 

@@ -43,7 +43,6 @@ TEST_F(RomInstallerTest, LyraStopsTheListedProcessesAndHandsOverToTheFlasher) {
   addProcess(4100, std::string("/bin/sh\0/etc/init.d/GuiApp.sh", 29), "sh");  // application: killed
   addProcess(4200, "/sbin/syslogd", "syslogd");                                // kept
   addProcess(4300, "dsp_daemon", "dsp_daemon");                                // neither: killed twice
-  LogCapture log;
 
   auto installer = createRomInstallerFor("lyra");
   std::string url = "http://127.0.0.1:" + std::to_string(http.port()) + "/fw/lyra.rom";
@@ -53,7 +52,6 @@ TEST_F(RomInstallerTest, LyraStopsTheListedProcessesAndHandsOverToTheFlasher) {
             "kill 4100 GuiApp.sh 9\nkill 4100 GuiApp.sh 15\n"
             "kill 4300 dsp_daemon 9\nkill 4300 dsp_daemon 15\nkill 4300 dsp_daemon 9\nkill 4300 dsp_daemon 15\n");
   EXPECT_TRUE(root->read(kFirmwareSlotPath) == payload);
-  EXPECT_TRUE(log.contains("Flasher is controlling the device. Sleep (1 hour) till reboot"));
   // 3 s before the kills, 3 s for the server, then the 60-hour hand-over.
   EXPECT_EQ(fakeClock.elapsedMs(), 3000u + 3000u + 216000000ull);
 }
@@ -79,7 +77,6 @@ TEST_F(RomInstallerTest, ARefusingServerGetsFiveAttemptsAndDunaChecksTheHeaderBe
   EXPECT_EQ(createRomInstaller()->install((base + "duna.rom").c_str()), 1);
   EXPECT_EQ(userenv_get("BOOTMODE"), "safemode");
   EXPECT_EQ(userenv_get("strUpgradeURL"), base + "duna.rom");
-  EXPECT_EQ(createRomInstallerFor("orin")->install("anything"), 1);
   EXPECT_EQ(createRomInstallerFor("none"), nullptr);
 }
 

@@ -35,19 +35,16 @@ TEST_F(AutoDefineTest, HardwareVersionSources) {
   memset(buffer, 'x', sizeof(buffer));
   EXPECT_EQ(getModelName(buffer), 0);
   EXPECT_EQ(std::string(buffer, 9), std::string("RM4200T\0x", 9));
-  EXPECT_EQ(getModelName(nullptr), -1);
 }
 
 TEST_F(AutoDefineTest, ModelNames) {
   // No model: an unknown device id, which gets the first model and a warning.
   const std::pair<const char*, const char*> cases[] = {
-      {"0", "QA5"},     {"1", "QA5"},    {"15", "QA5"},   {"2", "QE5"},     {"3", "QD5"},     {"8", "QD5"},
-      {"4", "QB5"},     {"5", "QC5"},    {"14", "QC5"},   {"7", "QF5"},     {"13", "QF5"},    {"21", "QG5"},
-      {"22", "QH5"},    {"25", "KQ7D"},  {"", "QA5"},     {"garbage", "QA5"}, {"23", "RM4200P"},
-      {"23.0.0.16.0.0.9", "RM410T"},   {"23.0.0.0.0.0.7", "RM420P"},   {"23.0.0.0.0.0.3", "RM4200P"},
-      {"23.1.2.32.4.5.8", "RM420T"},   {"23.0.0.48.0.0.12", "RM410T"}, {"23.0.0.15.0.0.0", "RM4200P"},
-      {"23.0.0.64.0.0.7", "RM420P"},   {"6", nullptr},  {"9", nullptr},  {"12", nullptr},  {"16", nullptr},
-      {"20", nullptr},  {"24", nullptr}, {"26", nullptr}};
+      {"0", "QA5"},  {"1", "QA5"},    {"15", "QA5"}, {"2", "QE5"},  {"3", "QD5"},       {"8", "QD5"},
+      {"4", "QB5"},  {"5", "QC5"},    {"14", "QC5"}, {"7", "QF5"},  {"13", "QF5"},      {"21", "QG5"},
+      {"22", "QH5"}, {"25", "KQ7D"},  {"", "QA5"},   {"23", "RM4200P"}, {"23.0.0.16.0.0.9", "RM410T"},
+      {"23.0.0.0.0.0.7", "RM420P"},   {"23.1.2.32.4.5.8", "RM420T"},   {"23.0.0.48.0.0.12", "RM410T"},
+      {"23.0.0.15.0.0.0", "RM4200P"}, {"6", nullptr},  {"12", nullptr}, {"26", nullptr}};
   for (const auto& [version, model] : cases) {
     LogCapture capture;
     EXPECT_EQ(modelNameOf(version), model ? model : "QA5") << version;

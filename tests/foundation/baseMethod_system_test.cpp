@@ -8,6 +8,7 @@
 
 #include <regex>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "actions.h"
@@ -62,18 +63,15 @@ class SystemHelpersTest : public RootedTest {
 }  // namespace
 
 TEST_F(SystemHelpersTest, CallEndWaitAsksUntilThePhoneAllowsARestartOrGivesUpAndTr069Messages) {
-  struct Case {
-    std::vector<int32_t> answers;  // the phone's answers in turn, the last one repeating
-    int result;
-    size_t talking;
-  } cases[] = {{{0, 0, 1}, 0, 2}, {{0}, -1, 241}, {{0, 7}, -1, 1}};
-  for (const Case& c : cases) {
-    StandIn phone(kThreadPhone, c.answers);
+  // the phone's answers in turn (the last one repeating), the result, the waits for a call
+  const std::tuple<std::vector<int32_t>, int, size_t> cases[] = {{{0, 0, 1}, 0, 2}, {{0}, -1, 241}, {{0, 7}, -1, 1}};
+  for (const auto& [answers, result, talking] : cases) {
+    StandIn phone(kThreadPhone, answers);
     LogCapture capture;
     uint64_t before = fakeClock.elapsedMs();
-    EXPECT_EQ(waitCallEnd(), c.result);
-    EXPECT_EQ(countOf(capture.text(), "IFO phone is in talking!"), c.talking);
-    EXPECT_EQ(fakeClock.elapsedMs() - before, c.talking * 30u);  // every wait on the fake clock
+    EXPECT_EQ(waitCallEnd(), result);
+    EXPECT_EQ(countOf(capture.text(), "IFO phone is in talking!"), talking);
+    EXPECT_EQ(fakeClock.elapsedMs() - before, talking * 30u);  // every wait on the fake clock
     EXPECT_TRUE(capture.contains("IFO SEND MESSAGE:10011(0,0) to TalkLogic\n\n"));
   }
   // The TR-069 agent is asked only when it runs.

@@ -44,7 +44,7 @@ TEST(BaseMethod, NumbersDirectoryNamesAndResourceNames) {
   const std::pair<const char*, int> kinds[] = {{"xml", 1}, {"image", 2}, {"cert", 3}, {"tar", 4}, {"XML", 0}, {"", 0}};
   for (const auto& [word, kind] : kinds) EXPECT_EQ(resourceKindOf(word), kind) << word;
 
-  const std::pair<const char*, int> table[] = {{"contact_list", 1}, {"wallpaper", 5}, {"ringtone", 7},
+  const std::pair<const char*, int> table[] = {{"contact_list", 1},           {"wallpaper", 5},      {"ringtone", 7},
                                                {"custom_factory_config", 14}, {"custom_config", 15}, {"802_1X", 18}};
   for (const auto& [name, type] : table) {
     EXPECT_EQ(resourceTypeOf(name), type) << name;
@@ -116,5 +116,4 @@ TEST_F(BaseMethodTest, PartitionFreeSize) {
   gFakeStatfs.f_type = 0xEF53;
   gFakeStatfs.f_bfree = 3u * 1024 * 1024;
   EXPECT_EQ(partitionFreeSize("/phone/x"), int64_t(3) * 1024 * 1024 * 4096);
-
 }
