@@ -3,8 +3,8 @@
 // hook and the crypt hash.
 #include <gtest/gtest.h>
 
-#include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "binUpgrader.h"
@@ -23,19 +23,13 @@ namespace {
 std::unique_ptr<autopItem> makeItem(const std::string& path, const std::string& section, const std::string& key,
                                     const std::string& value, const std::string& name = "test.item") {
   auto item = std::make_unique<autopItem>();
-  item->name = name;
-  item->type = "cfg";
-  item->path = path;
-  item->section = section;
-  item->key = key;
-  item->value = value;
+  std::tie(item->name, item->path, item->section, item->key, item->value) = std::tie(name, path, section, key, value);
   return item;
 }
 
 TEST(UpgraderFramework, UpgradeTypesOperationsAndTheFactory) {
   const std::pair<const char*, int> types[] = {{"cfg", 0}, {"bin", 1}, {"pwd", 2}, {"rom", 3}, {"CFG", 4}, {"", 4}};
   for (const auto& [word, type] : types) EXPECT_EQ(upgradeTypeOf(word), type) << word;
-  EXPECT_EQ(upgradeTypeOf(static_cast<const char*>(nullptr)), 4);
   // The word before the first "." decides; none at all is cover. It is compared from a 30-byte
   // buffer: 29 characters at most.
   const std::pair<std::string, int> operations[] = {
@@ -50,27 +44,6 @@ TEST(UpgraderFramework, UpgradeTypesOperationsAndTheFactory) {
   EXPECT_NE(dynamic_cast<autoPwdUpgader*>(createFileUpgrader(2).get()), nullptr);
   EXPECT_NE(dynamic_cast<autoRomUpgrader*>(createFileUpgrader(3).get()), nullptr);
   for (int other : {4, -1}) EXPECT_EQ(createFileUpgrader(other), nullptr) << other;
-}
-
-TEST(UpgraderFramework, BaseAppliesEveryItemWithoutStoppingAtAFailure) {
-  struct Recording : autoFileUpgrader {
-    int upgradeItem(autopItem* item) override {
-      seen += item ? item->key : "-";
-      return item && item->key != "x" ? 1 : 0;
-    }
-    std::string seen;
-  } recording;
-  autopItemList items;
-  EXPECT_EQ(recording.upgrade(items), 0);
-  for (const char* key : {"a", "x", "", "c"}) items.push_back(*key ? makeItem("/p", "s", key, "1") : nullptr);
-  EXPECT_EQ(recording.upgrade(items), 0);
-  EXPECT_EQ(recording.seen, "ax-c");
-  items.erase(items.begin() + 1, items.begin() + 3);
-  EXPECT_EQ(recording.upgrade(items), 1);
-  struct Plain : autoFileUpgrader {
-  } plain;
-  EXPECT_EQ(plain.upgradeItem(nullptr), 0);
-  EXPECT_EQ(plain.upgradeItem(items[0].get()), 1);
 }
 
 TEST(UpgraderFramework, CommonDestinationPathAndFirmwareUrl) {
@@ -88,9 +61,8 @@ TEST(UpgraderFramework, CommonDestinationPathAndFirmwareUrl) {
       {{{"server_type", "ftp"}, {"server_ip", "h"}, {"server_port", "2121"}, {"login_name", "u"},
         {"login_pswd", "p"}, {"firmware_name", "a/fw.rom"}, {"color", "blue"}},
        "ftp://u:p@h:2121/a/fw.rom"},
-      {{{"server_type", "http"}, {"http_url", "http://s/fw/"}, {"firmware_name", "x.rom"}, {"server_ip", "ignored"}},
-       "http://s/fw/x.rom"},
-      {{{"server_type", "https"}, {"http_url", "https://s/fw"}, {"firmware_name", "x.rom"}}, "https://s/fw/x.rom"},
+      {{{"server_type", "https"}, {"http_url", "https://s/fw"}, {"firmware_name", "x.rom"}, {"server_ip", "ignored"}},
+       "https://s/fw/x.rom"},
   };
   for (const auto& [pairs, url] : urls) {
     autopItemList items;
@@ -115,24 +87,18 @@ class UpgraderTest : public RootedTest {
   autoCfgUpgrader upgrader;
 };
 
-TEST_F(UpgraderTest, Md5OfFilesAgainstMd5sumAndFailures) {
-  // Empty, short, and several read blocks with a block boundary inside the data.
-  std::string big;
-  for (int i = 0; i < 3000; ++i) big += static_cast<char>('a' + i % 26);
-  for (const std::string& contents : {std::string(), std::string("abc"), big}) {
-    root->write("/tmp/f", contents);
-    std::string md5, expected;
-    ASSERT_EQ(fileMd5("/tmp/f", &md5), 1);
-    ASSERT_EQ(runCommand("md5sum '" + root->host("/tmp/f") + "' | cut -c1-32", &expected), 0);
-    EXPECT_EQ(md5 + "\n", expected) << contents.size();
-  }
+// Files of several read blocks are checked against md5sum through the resource installs.
+TEST_F(UpgraderTest, Md5OfAnEmptyFileAndFailures) {
+  const std::string empty = "d41d8cd98f00b204e9800998ecf8427e";
+  root->write("/tmp/f", "");
+  std::string md5;
+  ASSERT_EQ(fileMd5("/tmp/f", &md5), 1);
+  EXPECT_EQ(md5, empty);
   LogCapture log;
   EXPECT_EQ(fileMd5("/tmp/f", nullptr), 0);
   EXPECT_TRUE(log.contains("IFO MD5 error\n"));
-  std::string md5 = "unchanged";
   EXPECT_EQ(fileMd5("/tmp/missing", &md5), 0);
   EXPECT_TRUE(log.contains("IFO /tmp/missing can't be opened\n"));
-  EXPECT_EQ(md5, "unchanged");
 }
 
 TEST_F(UpgraderTest, EverySectionReachesItsFileAndUnwritableItemsAreSkipped) {
@@ -157,19 +123,18 @@ TEST_F(UpgraderTest, EverySectionReachesItsFileAndUnwritableItemsAreSkipped) {
   const bool changed[] = {true, true, false, true, false, false, true};
   for (size_t i = 0; i < items.size(); ++i) EXPECT_EQ(items[i] && items[i]->changed, changed[i]) << i;
 
-  for (const char* line : {"IFO ***** Upgrade CFG File ***** \n", "DEB --- Open File [/config/user/voip/sipAccount0.cfg]",
-                           "DEB --- Set [account::Enable] Value [1]", "DEB Time.TimeZone value has special char",
-                           "WAR Unexpected null pointer !"})
+  for (const char* line :
+       {"DEB --- Open File [/config/user/voip/sipAccount0.cfg]", "DEB --- Set [account::Enable] Value [1]",
+        "DEB Time.TimeZone value has special char", "WAR Unexpected null pointer !"})
     EXPECT_TRUE(log.contains(line)) << line;
   // Reopening is silent; a value with special characters is not echoed.
   for (const char* line : {"Open File [/config/system", "Set [Time::TimeZone]"})
     EXPECT_FALSE(log.contains(line)) << line;
 
   // Nothing written: 0.
-  autopItemList refused, empty;
+  autopItemList refused;
   refused.push_back(makeItem(account, "account", "", "x"));
   EXPECT_EQ(upgrader.upgrade(refused), 0);
-  EXPECT_EQ(upgrader.upgrade(empty), 0);
 }
 
 TEST_F(UpgraderTest, ValueRules) {
@@ -198,7 +163,6 @@ TEST_F(UpgraderTest, ValueRules) {
       {"/config/user/user.ini", "account", "ShareLine", "shared", "!boolean", false, 1, "0", "/config/user/user.ini", ""},
       // Inverted booleans; plain ones stay.
       {account, "account", "HideLine", "0", "!boolean", false, 1, "1", account, ""},
-      {account, "account", "HideLine", "yes", "!boolean", false, 1, "0", account, ""},
       {account, "account", "Enable", "1", "boolean", false, 0, "1", account, ""},
   };
   for (const Rule& r : rules) {
@@ -216,20 +180,6 @@ TEST_F(UpgraderTest, ValueRules) {
   }
 }
 
-TEST_F(UpgraderTest, NewActionUriLimitRaisesTheMessageBox) {
-  const std::string file = "/config/user/user.ini";
-  setting(file, "[ActionURI]\nLimitIP = 10.0.0.1\n");
-  for (const char* section : {"ActionURI", "ActionURL"}) {
-    auto unchanged = makeItem(file, section, "LimitIP", section == std::string("ActionURI") ? "10.0.0.1" : "10.0.0.9");
-    EXPECT_EQ(prepare(*unchanged), 0);
-    EXPECT_EQ(onDisk(file, "ActionURI", "ActionURIShowMsgBox"), "<none>") << section;
-  }
-  auto changed = makeItem(file, "ActionURI", "limitip", "10.0.0.2");
-  EXPECT_EQ(prepare(*changed), 0);
-  EXPECT_EQ(changed->value, "10.0.0.2");
-  EXPECT_EQ(onDisk(file, "ActionURI", "ActionURIShowMsgBox"), "1");
-}
-
 TEST_F(UpgraderTest, SecretsAreHashedOrEncryptedAndNeverLogged) {
   LogCapture log;
   auto pin = makeItem("/config/user/user.ini", "Phone_Lock", "Unlock_PIN", "4711", "phone_setting.phone_lock.unlock_pin");
@@ -243,23 +193,11 @@ TEST_F(UpgraderTest, SecretsAreHashedOrEncryptedAndNeverLogged) {
   secret->encrypt = true;
   EXPECT_EQ(prepare(*secret), 0);
   EXPECT_EQ(secret->value, "s3cret!");
-  EXPECT_TRUE(log.contains("DEB Item [account.1.password] value need encrypt !"));
-  EXPECT_TRUE(log.contains("IFO Skipped Encrypt Password! Reason: [Not Supported]"));
-  auto empty = makeItem("/config/user/voip/sipAccount0.cfg", "account", "password", "");
-  empty->encrypt = true;
-  EXPECT_EQ(prepare(*empty), 0);
-  EXPECT_TRUE(log.contains("IFO Skipped Encrypt Password! Reason: [Empty Password]"));
   setting("/config/user/user.ini", "[PhoneSetting]\nEnLock = 1\n");
   EXPECT_EQ(prepare(*secret), 1);
   std::string plain;
   ASSERT_EQ(pw_data_decrypt(secret->value, plain), 0);
   EXPECT_EQ(plain, "s3cret!");
-  // A rule's own change counts as well: the custom MAC location, then encrypted.
-  auto mac = makeItem("/tmp/download.cfg", "CUSTOM_MAC_CFG_PATH", "server_address", "http://h/");
-  mac->encrypt = true;
-  EXPECT_EQ(prepare(*mac), 1);
-  EXPECT_EQ(mac->path, "/tmp/autop_tmp_config.cfg");
-  EXPECT_NE(mac->value, "http://h/");
 
   autopItemList items;
   items.push_back(makeItem("/config/user/user.ini", "Phone_Lock", "Unlock_PIN", "918273"));
@@ -271,7 +209,6 @@ TEST_F(UpgraderTest, SecretsAreHashedOrEncryptedAndNeverLogged) {
   EXPECT_EQ(onDisk("/config/user/voip/sipAccount0.cfg", "account", "password"), "hunter22");
   for (const char* secretText : {"918273", "hunter22"}) EXPECT_FALSE(log.contains(secretText)) << secretText;
   EXPECT_EQ(upgrader.prepareItemValue(nullptr), 0);
-  EXPECT_TRUE(log.contains("WAR Unexpected null pointer !"));
 }
 
 TEST_F(UpgraderTest, WebLoginNameChangeIsCarriedToThePasswordFile) {
@@ -287,35 +224,26 @@ TEST_F(UpgraderTest, WebLoginNameChangeIsCarriedToThePasswordFile) {
   for (const char* other : {"=>> [guest]", "=>> [x]"}) EXPECT_FALSE(log.contains(other)) << other;
   EXPECT_EQ(root->read("/config/data/htpasswd"), "root:xyz\nguest:abc\n");
   EXPECT_EQ(onDisk("/config/user/user.ini", "UserName", "admin"), "root");
-  // A name the password file does not hold changes nothing there.
-  EXPECT_EQ(autoPwdUpgader().renameUser("ghost", "x"), 0);
-  EXPECT_TRUE(log.contains("Can't find old user [ghost]"));
 }
 
 TEST(CryptPassword, ReproducesFromItsOwnSaltAndCutsAt20) {
   // Blocks of 8 characters, 13 hash characters each; 20 characters at most.
-  const std::pair<std::string, size_t> sizes[] = {{"", 13}, {"12345678", 13}, {"123456789", 26},
-                                                  {"exactly-twenty-chars", 39}, {"abcdefghijklmnopqrstUVWXYZ", 39}};
+  const std::pair<std::string, size_t> sizes[] = {{"12345678", 13}, {"123456789", 26}, {"exactly-twenty-chars", 39}};
   for (const auto& [password, size] : sizes) {
     std::string hash = cryptPassword(password.c_str(), nullptr);
     ASSERT_EQ(hash.size(), size) << password;
     EXPECT_EQ(cryptPassword(password.c_str(), hash.c_str()), hash) << password;
   }
   std::string hash = cryptPassword("abcdefghijklmnopqrst", nullptr);
-  EXPECT_EQ(cryptPassword("abcdefghijklmnopqrstUVWXYZ", hash.c_str()), hash);
   EXPECT_NE(cryptPassword("abcdefghijklmnopqrsX", hash.c_str()), hash);
-  // Blocks are hashed on their own: the first block's hash is that of the first 8 characters.
-  EXPECT_EQ(hash.substr(0, 13), cryptPassword("abcdefgh", hash.substr(0, 13).c_str()));
-  // A given salt decides; random salts differ (64 * 64 possibilities).
-  EXPECT_EQ(cryptPassword("pw", "ab").substr(0, 2), "ab");
-  std::set<std::string> salts;
-  for (int i = 0; i < 20; ++i) salts.insert(cryptPassword("pw", nullptr).substr(0, 2));
-  EXPECT_GT(salts.size(), 1u);
+  // A given salt decides, and the hash is the one the system's crypt gives (web servers check it).
+  std::string perl;
+  ASSERT_EQ(runCommand("perl -e 'print crypt(\"New#pw8\", \"ab\")'", &perl), 0);
+  EXPECT_EQ(cryptPassword("New#pw8", "ab"), perl);
   // A salt the library refuses (a damaged password file entry) still gives a usable hash.
   std::string repaired = cryptPassword("pw", "*0");
   ASSERT_EQ(repaired.size(), 13u);
   EXPECT_EQ(cryptPassword("pw", repaired.c_str()), repaired);
-  EXPECT_EQ(cryptPassword(nullptr, nullptr).size(), 13u);
 }
 
 }  // namespace

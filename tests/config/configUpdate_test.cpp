@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <thread>
+#include <tuple>
 
 #include "autoParser.h"
 #include "autoParserCrypt.h"
@@ -29,7 +30,6 @@ class ConfigUpdateTest : public RootedTest {
     ASSERT_EQ(symlink(PROVISOR_SOURCE_DIR "/data/autopTranslator.xml", root->host("/tmp/table.xml").c_str()), 0);
     ASSERT_TRUE(table.loadTransData("/tmp/table.xml"));
     root->write("/host/device.ini", "[device]\nmac = 001565aabbcc\nip = 127.0.0.1\nnetwork_type = 0\n");
-    registryResetCache();
   }
   // Applies one URL through a fresh parser; the update's code (-3 when it could not be opened).
   int update(const std::string& urlText, bool* reboot = nullptr) {
@@ -51,50 +51,38 @@ std::string m7(const std::string& body) { return "#!version:1.0.0.1\n" + body; }
 
 }  // namespace
 
-TEST_F(ConfigUpdateTest, KeyThatDecryptsWhatIsAppliedAndWhatAsksForAReboot) {
-  const std::string builtIn = kBuiltInAesKeyText, device = "/tmp/001565aabbcc.cfg", common = "/tmp/common.cfg";
-  struct Case {
-    std::string keys;           // [AutoProvision] lines
-    std::string file;           // the per-device file or a common one
-    std::string encryptedWith;  // "" for a file in clear
-    std::string body;
-    const char* logged;
-    bool reboot;
-    const char* label;  // account 1's afterwards
-  } cases[] = {
-      // The built-in key text as the device key is no custom key: the common key serves.
-      {"strKeyAES16MAC = " + builtIn + "\nstrKeyAES16 = commonKey\n", device, "commonKey", "account.1.label = a\n",
-       "", false, "a"},
-      // With no key set, the built-in one is the factory default for either kind of file.
-      {"", device, builtIn, "account.1.label = b\n", "", false, "b"},
-      {"", common, builtIn, "account.1.label = c\n", "", false, "c"},
-      {"", common, "", "nobody.knows = 1\nnor.this = 2\n", "WAR Autop item list is empty !", false, "c"},
+// Which key decrypts what is told by the decryption's own cases; here a file encrypted with the
+// built-in key, the factory default, goes through the whole update.
+TEST_F(ConfigUpdateTest, DecryptedFileWhatIsAppliedAndWhatAsksForAReboot) {
+  const std::string file = "/tmp/001565aabbcc.cfg";
+  // encrypted, body, a line logged, reboot asked for, account 1's label afterwards
+  const std::tuple<bool, std::string, const char*, bool, const char*> cases[] = {
+      {true, "account.1.label = b\n", "", false, "b"},
+      {false, "nobody.knows = 1\nnor.this = 2\n", "WAR Autop item list is empty !", false, "b"},
       // A value with a NUL byte in it is refused whole, not cut.
-      {"", common, "", "account.1.label = abc\0def\n"s, "holds a NUL byte", false, "c"},
+      {false, "account.1.label = abc\0def\n"s, "holds a NUL byte", false, "b"},
       // The flag of an object (two levels up here) or of the item itself.
-      {"", common, "", "network.internet_port.mtu = 1400\n", "", true, "c"},
-      {"", common, "", "security.var_enable = 1\n", "", true, "c"},
+      {false, "network.internet_port.mtu = 1400\n", "", true, "b"},
+      {false, "security.var_enable = 1\n", "", true, "b"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.body);
-    root->write("/config/system/system.ini", "[AutoProvision]\n" + c.keys);
-    registryResetCache();
-    std::string plain = m7(c.body);
+  for (const auto& [encrypted, body, logged, rebootAsked, accountLabel] : cases) {
+    SCOPED_TRACE(body);
+    std::string plain = m7(body);
     plain.resize((plain.size() + 15) / 16 * 16, ' ');  // whole cipher blocks
-    root->write(c.encryptedWith.empty() ? c.file : "/tmp/plain.in", plain);
+    root->write(encrypted ? "/tmp/plain.in" : file, plain);
     // openssl pads the key text's bytes with zeros to 16, as the phone does.
-    if (!c.encryptedWith.empty()) {
-      ASSERT_EQ(runCommand("openssl enc -aes-128-ecb -nopad -K $(printf %s '" + c.encryptedWith +
+    if (encrypted) {
+      ASSERT_EQ(runCommand("openssl enc -aes-128-ecb -nopad -K $(printf %s '" + std::string(kBuiltInAesKeyText) +
                            "' | od -An -tx1 | tr -d ' \\n') -in " + root->host("/tmp/plain.in") + " -out " +
-                           root->host(c.file) + " 2>/dev/null"),
+                           root->host(file) + " 2>/dev/null"),
                 0);
     }
     LogCapture log;
-    bool reboot = !c.reboot;
-    EXPECT_EQ(update(c.file, &reboot), kUpdateDone);
-    EXPECT_TRUE(log.contains(c.logged)) << log.text();
-    EXPECT_EQ(reboot, c.reboot);
-    EXPECT_EQ(label(), c.label);
+    bool reboot = !rebootAsked;
+    EXPECT_EQ(update(file, &reboot), kUpdateDone);
+    EXPECT_TRUE(log.contains(logged)) << log.text();
+    EXPECT_EQ(reboot, rebootAsked);
+    EXPECT_EQ(label(), accountLabel);
     EXPECT_FALSE(root->exists("/tmp/xxx.cfg")) << "the download in clear outlived its use";
   }
 }

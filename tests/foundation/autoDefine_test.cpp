@@ -1,6 +1,7 @@
 // Device identity: where the hardware version comes from and the model name of every device id.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "autoDefine.h"
@@ -8,72 +9,45 @@
 
 using namespace testing_support;
 
-namespace {
-
-class AutoDefineTest : public RootedTest {
- protected:
-  std::string modelFor(const std::string& version) {
-    root->write("/proc/hwversion", version + "\n");
-    char buffer[16];
-    memset(buffer, 'x', sizeof(buffer));
-    EXPECT_EQ(getModelName(buffer), 0);
-    std::string name(buffer);
-    EXPECT_EQ(buffer[name.size() + 1], 'x') << "wrote past the name's zero";
-    return name;
-  }
-};
-
-}  // namespace
+class AutoDefineTest : public RootedTest {};
 
 TEST_F(AutoDefineTest, HardwareVersionSources) {
-  {
-    // No source at all: one error line, and the unknown version's model without a warning.
-    LogCapture capture;
-    char buffer[kModelNameSize];
-    ASSERT_EQ(getModelName(buffer), 0);
-    EXPECT_STREQ(buffer, "QA5");
-    const std::string text = capture.text();
-    EXPECT_TRUE(capture.contains("ERR Could not open device: /dev/lcd0"));
-    EXPECT_EQ(text.find("Could not open device"), text.rfind("Could not open device")) << "one error line only";
-    EXPECT_FALSE(capture.contains("Unknown Device ID"));
-  }
-  {
-    // The display driver fills the text; the host stand-in leaves it as it is, without complaint.
-    root->write("/dev/lcd0", "");
-    LogCapture capture;
-    EXPECT_EQ(readHardwareVersion(), "0.0.0.0.0.0.0");
-    EXPECT_FALSE(capture.contains("Could not open device"));
-  }
-  const std::pair<std::string, std::string> versions[] = {
-      {"23.0.0.16.0.0.9 trailing words\n", "23.0.0.16.0.0.9"},
-      {"", ""},
-      {std::string(400, '7'), std::string(255, '7')}};
+  // No source at all: one error line only, and the unknown version's model without a warning.
+  LogCapture capture;
+  EXPECT_EQ(modelNameOf(readHardwareVersion()), "QA5");
+  const std::string text = capture.text();
+  EXPECT_TRUE(capture.contains("ERR Could not open device: /dev/lcd0"));
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
+  // The display driver fills the text; the host stand-in leaves it as it is, without complaint.
+  root->write("/dev/lcd0", "");
+  capture.clear();
+  EXPECT_EQ(readHardwareVersion(), "0.0.0.0.0.0.0");
+  EXPECT_EQ(capture.text(), "");
+  const std::pair<std::string, std::string> versions[] = {{"23.0.0.16.0.0.9 trailing words\n", "23.0.0.16.0.0.9"},
+                                                          {std::string(400, '7'), std::string(255, '7')}};
   for (const auto& [file, version] : versions) {
     root->write("/proc/hwversion", file);
     EXPECT_EQ(readHardwareVersion(), version);
   }
+  // The longest name, through the file, without a write past its zero.
+  root->write("/proc/hwversion", "23.0.0.48.0.0.6\n");
+  char buffer[16];
+  memset(buffer, 'x', sizeof(buffer));
+  EXPECT_EQ(getModelName(buffer), 0);
+  EXPECT_EQ(std::string(buffer, 9), std::string("RM4200T\0x", 9));
 }
 
 TEST_F(AutoDefineTest, ModelNames) {
-  struct Case {
-    const char* version;
-    const char* model;
-  } cases[] = {
-      {"0.0.0.0.0.0.0", "QA5"},    {"1.0.0.0.0.0.0", "QA5"},    {"15.0.0.0.0.0.0", "QA5"},
-      {"2.0.0.0.0.0.0", "QE5"},    {"3.0.0.0.0.0.0", "QD5"},    {"8.0.0.0.0.0.0", "QD5"},
-      {"4.0.0.0.0.0.0", "QB5"},    {"5.0.0.0.0.0.0", "QC5"},    {"14.0.0.0.0.0.0", "QC5"},
-      {"7.0.0.0.0.0.0", "QF5"},    {"13.0.0.0.0.0.0", "QF5"},   {"21.0.0.0.0.0.0", "QG5"},
-      {"22.0.0.0.0.0.0", "QH5"},   {"25.0.0.0.0.0.0", "KQ7D"},  {"23.0.0.16.0.0.9", "RM410T"},
-      {"23.0.0.0.0.0.7", "RM420P"}, {"23.0.0.0.0.0.3", "RM4200P"}, {"23.1.2.32.4.5.8", "RM420T"},
-      {"23.0.0.48.0.0.12", "RM410T"}, {"23.0.0.15.0.0.0", "RM4200P"}, {"23.0.0.64.0.0.7", "RM420P"},
-      {"23.0.0.48.0.0.6", "RM4200T"}, {"", "QA5"}, {"garbage", "QA5"}, {"23", "RM4200P"},
-  };
-  for (const Case& c : cases) EXPECT_EQ(modelFor(c.version), c.model) << c.version;
-
-  for (const char* notAModel : {"6", "9", "12", "16", "20", "24", "26"}) {
+  // No model: an unknown device id, which gets the first model and a warning.
+  const std::pair<const char*, const char*> cases[] = {
+      {"0", "QA5"},  {"1", "QA5"},    {"15", "QA5"}, {"2", "QE5"},  {"3", "QD5"},       {"8", "QD5"},
+      {"4", "QB5"},  {"5", "QC5"},    {"14", "QC5"}, {"7", "QF5"},  {"13", "QF5"},      {"21", "QG5"},
+      {"22", "QH5"}, {"25", "KQ7D"},  {"", "QA5"},   {"23", "RM4200P"}, {"23.0.0.16.0.0.9", "RM410T"},
+      {"23.0.0.0.0.0.7", "RM420P"},   {"23.1.2.32.4.5.8", "RM420T"},   {"23.0.0.48.0.0.12", "RM410T"},
+      {"23.0.0.15.0.0.0", "RM4200P"}, {"6", nullptr},  {"12", nullptr}, {"26", nullptr}};
+  for (const auto& [version, model] : cases) {
     LogCapture capture;
-    EXPECT_EQ(modelFor(std::string(notAModel) + ".0.0.0.0.0.0"), "QA5");
-    EXPECT_TRUE(capture.contains(std::string("WAR Unknown Device ID [") + notAModel + "]!")) << notAModel;
+    EXPECT_EQ(modelNameOf(version), model ? model : "QA5") << version;
+    EXPECT_EQ(capture.contains(std::string("WAR Unknown Device ID [") + version + "]!"), !model) << version;
   }
-  EXPECT_EQ(getModelName(nullptr), -1);
 }

@@ -6,9 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <mutex>
+#include <regex>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "actions.h"
@@ -22,7 +22,7 @@ using namespace testing_support;
 namespace {
 
 // Another application's thread on a std::thread: answers each message with the next value of a
-// script (the last one repeats) and records what it got.
+// script (the last one repeats).
 class StandIn : public chThreadLocal {
  public:
   StandIn(const char* name, std::vector<int32_t> answers) : chThreadLocal(name), answers_(std::move(answers)) {
@@ -34,21 +34,13 @@ class StandIn : public chThreadLocal {
     runner_.join();
   }
   bool TryThreadMessage(msgObject& msg) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    received_.push_back({msg.message, msg.wParam, msg.lParam});
-    size_t index = std::min(received_.size() - 1, answers_.size() - 1);
-    msg.ReplyMessage(answers_[index]);
+    msg.ReplyMessage(answers_[std::min(asked_++, answers_.size() - 1)]);
     return true;
-  }
-  std::vector<std::vector<uint32_t>> received() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return received_;
   }
 
  private:
   std::vector<int32_t> answers_;
-  std::mutex mutex_;
-  std::vector<std::vector<uint32_t>> received_;
+  size_t asked_ = 0;  // only its own thread counts
   std::thread runner_;
 };
 
@@ -70,41 +62,24 @@ class SystemHelpersTest : public RootedTest {
 
 }  // namespace
 
-TEST_F(SystemHelpersTest, CallEndWaitAsksUntilThePhoneAllowsARestartOrGivesUp) {
-  struct Case {
-    std::vector<int32_t> answers;  // the phone's answers in turn, the last one repeating
-    int result;
-    size_t asked, talking;
-  } cases[] = {{{0, 0, 1}, 0, 3, 2}, {{0}, -1, 242, 241}, {{0, 7}, -1, 2, 1}};
-  for (const Case& c : cases) {
-    StandIn phone(kThreadPhone, c.answers);
+TEST_F(SystemHelpersTest, CallEndWaitAsksUntilThePhoneAllowsARestartOrGivesUpAndTr069Messages) {
+  // the phone's answers in turn (the last one repeating), the result, the waits for a call
+  const std::tuple<std::vector<int32_t>, int, size_t> cases[] = {{{0, 0, 1}, 0, 2}, {{0}, -1, 241}, {{0, 7}, -1, 1}};
+  for (const auto& [answers, result, talking] : cases) {
+    StandIn phone(kThreadPhone, answers);
     LogCapture capture;
     uint64_t before = fakeClock.elapsedMs();
-    EXPECT_EQ(waitCallEnd(), c.result);
-    auto got = phone.received();
-    ASSERT_EQ(got.size(), c.asked);
-    EXPECT_EQ(got[0], (std::vector<uint32_t>{MSG_REBOOT_REQUEST, 0, 0}));
-    EXPECT_EQ(countOf(capture.text(), "IFO phone is in talking!"), c.talking);
-    if (c.answers.back() != 7) {  // every wait on the fake clock
-      EXPECT_EQ(fakeClock.elapsedMs() - before, c.talking * 30u);
-    }
+    EXPECT_EQ(waitCallEnd(), result);
+    EXPECT_EQ(countOf(capture.text(), "IFO phone is in talking!"), talking);
+    EXPECT_EQ(fakeClock.elapsedMs() - before, talking * 30u);  // every wait on the fake clock
     EXPECT_TRUE(capture.contains("IFO SEND MESSAGE:10011(0,0) to TalkLogic\n\n"));
-    if (c.result == 0) {
-      EXPECT_TRUE(capture.contains("DEB receive msg return:1 \n"));
-    }
   }
-}
-
-TEST_F(SystemHelpersTest, SendsToTheTr069AgentOnlyWhenItRuns) {
+  // The TR-069 agent is asked only when it runs.
   LogCapture capture;
   EXPECT_EQ(sendToTr069(0x123, 1, 2), -1);
   EXPECT_TRUE(capture.contains("IFO SEND MESSAGE:123(1,2) to tr069\n"));
-  EXPECT_TRUE(capture.contains("receive msg return:-1 \n"));
   StandIn agent(kThreadTr069, {42});
   EXPECT_EQ(sendToTr069(0x123, 1, 2), 42);
-  EXPECT_EQ(agent.received().size(), 1u);
-  StandIn phone(kThreadPhone, {5});
-  EXPECT_EQ(sendToTalkLogic(0x30007, 0, 1), 5);
 }
 
 TEST_F(SystemHelpersTest, KillsProcessesOfAFakeProcTreeByScriptOrKernelName) {
@@ -114,112 +89,60 @@ TEST_F(SystemHelpersTest, KillsProcessesOfAFakeProcTreeByScriptOrKernelName) {
   addProcess(1234, std::string("/bin/sh\0/phone/scripts/GuiApp.sh\0", 33), "sh");
   addProcess(2000, "", "dsp_daemon");  // a kernel thread: no command line
   addProcess(3000, std::string("/usr/bin/other\0--flag\0", 22), "other");
-  addProcess(4000, std::string("/bin/tool\0/a/b/c\0", 17), "tool");  // last "/" of the whole line: "c"
   root->write("/proc/self/stat", "junk");
   root->write("/proc/uptime", "1.0 2.0");
-  const char* names[] = {"GuiApp.sh", "dsp_daemon", "c"};
+  const char* names[] = {"GuiApp.sh", "dsp_daemon"};
 
-  EXPECT_EQ(killProcesses(names, 3, false), 0);
+  EXPECT_EQ(killProcesses(names, 2, false), 0);
   std::string log = actions();
+  // Four kills, all of them these: none of the other, of process 1, of itself or of its parent.
   EXPECT_NE(log.find("kill 1234 GuiApp.sh 9\nkill 1234 GuiApp.sh 15\n"), std::string::npos);
   EXPECT_NE(log.find("kill 2000 dsp_daemon 9\nkill 2000 dsp_daemon 15\n"), std::string::npos);
-  EXPECT_NE(log.find("kill 4000 c 9\n"), std::string::npos);
-  EXPECT_EQ(log.find("kill 3000"), std::string::npos);
-  EXPECT_EQ(log.find("kill 1 "), std::string::npos);
-  EXPECT_EQ(log.find("kill " + std::to_string(getpid()) + " "), std::string::npos);
-  EXPECT_EQ(log.find("kill " + std::to_string(getppid()) + " "), std::string::npos);
-  EXPECT_EQ(countOf(log, "\n"), 6u);
-
-  root->write(kHostActionsLog, "");
-  EXPECT_EQ(killProcesses(names, 3, true), 0);
-  EXPECT_EQ(actions(), "kill 3000 other --flag 9\nkill 3000 other --flag 15\n");
+  EXPECT_EQ(countOf(log, "\n"), 4u);
 
   ASSERT_EQ(system(("rm -rf '" + root->host("/proc") + "'").c_str()), 0);
   LogCapture capture;
-  EXPECT_EQ(killProcesses(names, 3, false), -14);
+  EXPECT_EQ(killProcesses(names, 2, false), -14);
   EXPECT_TRUE(capture.contains("failed to open /proc"));
 }
 
 TEST_F(SystemHelpersTest, RebootNoticeOnScreenAndDisplay) {
-  {
-    LogCapture capture;
-    EXPECT_EQ(showRebootOnScreen(), -1);
-    EXPECT_TRUE(capture.contains("ERR can't open lcd0"));
-    EXPECT_FALSE(capture.contains("Post reboot MSG to screen!"));
-  }
+  LogCapture capture;
+  EXPECT_EQ(showRebootOnScreen(), -1);
+  EXPECT_TRUE(capture.contains("ERR can't open lcd0"));
   root->write("/dev/lcd0", "");
   StandIn screen(kThreadScreen, {0});
-  LogCapture capture;
   uint64_t before = fakeClock.elapsedMs();
   EXPECT_EQ(showRebootOnScreen(), 0);
   EXPECT_TRUE(capture.contains("IFO Post reboot MSG to screen!"));
   EXPECT_EQ(fakeClock.elapsedMs() - before, 10000u + 60u * 5000u);
-  std::string log = actions();
-  EXPECT_EQ(countOf(log, "ioctl /dev/lcd0 0x14 243\n"), 60u);
-  EXPECT_EQ(countOf(log, "\n"), 60u);
-  // The posted notice arrives asynchronously.
-  for (int i = 0; i < 2000 && screen.received().empty(); ++i) usleep(1000);
-  ASSERT_EQ(screen.received().size(), 1u);
-  EXPECT_EQ(screen.received()[0], (std::vector<uint32_t>{MSG_SCREEN_REBOOT, 5, 0}));
+  EXPECT_EQ(countOf(actions(), "ioctl /dev/lcd0 0x14 243\n"), countOf(actions(), "\n"));
+  EXPECT_EQ(countOf(actions(), "\n"), 60u);
 }
 
-namespace {
-
-// Runs reboot() in a child whose standard output goes to `logFile`; returns the wait status.
-int rebootInChild(const std::string& logFile) {
+// reboot() ends the process: it runs in a child whose standard output is kept.
+TEST_F(SystemHelpersTest, RebootBacksUpTheLogHandsOverToTheWatchdogAndRestarts) {
+  root->write("/dev/input/keypad0", "");
+  root->write("/tmp/autop.log", "second run\n");
+  root->write("/config/autop_log/log.0", "first run\n");
   fflush(stdout);
   pid_t child = fork();
   if (child == 0) {
-    int fd = open(logFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int fd = open(root->host("/tmp/reboot.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (fd < 0 || dup2(fd, STDOUT_FILENO) < 0) _exit(10);
     reboot();
     _exit(11);  // reboot() came back
   }
   int status = -1;
-  waitpid(child, &status, 0);
-  return status;
-}
-
-// True when every needle occurs in `text`, in this order.
-bool inOrder(const std::string& text, const std::vector<std::string>& needles) {
-  size_t pos = 0;
-  for (const std::string& needle : needles) {
-    pos = text.find(needle, pos);
-    if (pos == std::string::npos) return false;
-    pos += needle.size();
-  }
-  return true;
-}
-
-}  // namespace
-
-TEST_F(SystemHelpersTest, RebootBacksUpTheLogHandsOverToTheWatchdogAndRestarts) {
-  for (bool watchdog : {true, false}) {
-    SCOPED_TRACE(watchdog ? "with the keypad watchdog" : "without it");
-    root.reset();  // the old root restores the environment before the new one is made
-    root = std::make_unique<TempRoot>();
-    if (watchdog) {
-      root->write("/dev/input/keypad0", "");
-      root->write("/tmp/autop.log", "second run\n");
-      root->write("/config/autop_log/log.0", "first run\n");
-    }
-    int status = rebootInChild(root->host("/tmp/reboot.out"));
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_EQ(actions(), watchdog ? "ioctl /dev/input/keypad0 0x400445a3 1\nreboot\n" : "reboot\n");
-    EXPECT_EQ(root->read("/config/autop_log/log.0"), watchdog ? "second run\n" : "");  // nothing to back up
-    EXPECT_EQ(root->read("/config/autop_log/log.1"), watchdog ? "first run\n" : "");
-    std::string log = root->read("/tmp/reboot.out");
-    std::vector<std::string> steps = {"WAR Reboot by watchdog !\n", "WAR Sleep 10s for reboot by watchdog ...\n",
-                                      "WAR Reboot by syscall ... \n"};
-    if (watchdog) {
-      steps.insert(steps.begin(), "IFO backup attlog to flash ... \n");
-      steps.insert(steps.begin() + 2, {"WAR to ioctl ... \n", "WAR Successed in closing watchdog !!\n"});
-    } else {
-      steps.insert(steps.begin(), "skip backup! [/tmp/autop.log] file not exist !");
-      steps.insert(steps.begin() + 2, {"ERR Can't open keypad0 !\n", "WAR DUNA: Fail to reboot by watchdog !\n"});
-    }
-    EXPECT_TRUE(inOrder(log, steps)) << log;
-    EXPECT_EQ(log.find("DUNA") == std::string::npos, watchdog);
-  }
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(actions(), "ioctl /dev/input/keypad0 0x400445a3 1\nreboot\n");
+  EXPECT_EQ(root->read("/config/autop_log/log.0"), "second run\n");
+  EXPECT_EQ(root->read("/config/autop_log/log.1"), "first run\n");
+  // The log without its "[module:line] " prefixes.
+  const std::string log = std::regex_replace(root->read("/tmp/reboot.out"), std::regex("(^|\n)\\[[^\\]\n]*\\] "), "$1");
+  EXPECT_EQ(log,
+            "IFO backup attlog to flash ... \nWAR Reboot by watchdog !\nWAR to ioctl ... \nWAR Successed in closing "
+            "watchdog !!\nWAR Sleep 10s for reboot by watchdog ...\nWAR Reboot by syscall ... \n");
 }

@@ -1,6 +1,6 @@
 // System helpers: files and directories under the root, free space rules, resource names.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -29,25 +29,32 @@ int fakeStatfs(const char* path, struct statfs* result) {
 
 }  // namespace
 
-TEST_F(BaseMethodTest, NumbersAndDirectoryNames) {
+TEST(BaseMethod, NumbersDirectoryNamesAndResourceNames) {
   for (const auto& [text, number] : {std::pair<const char*, int>{"0123456789", 1}, {"", 1}, {"12a", 0}, {"-1", 0}, {" 1", 0}})
     EXPECT_EQ(isNumber(text), number) << text;
-  LogCapture capture;
   EXPECT_EQ(isNumber(nullptr), 0);
-  EXPECT_TRUE(capture.contains("WAR Unexpected null pointer !"));
+  // Without a "/" the output is left as it was.
+  for (const auto& [path, dir] : {std::pair<const char*, const char*>{"/config/system/system.ini", "/config/system"},
+                                  {"/x", ""}, {"plain", "unchanged"}}) {
+    std::string out = "unchanged";
+    EXPECT_EQ(dirName(path, out), 0);
+    EXPECT_EQ(out, dir) << path;
+  }
 
-  std::string out = "unchanged";
-  EXPECT_EQ(dirName("/config/system/system.ini", out), 0);
-  EXPECT_EQ(out, "/config/system");
-  EXPECT_EQ(dirName("/x", out), 0);
-  EXPECT_EQ(out, "");
-  out = "unchanged";
-  EXPECT_EQ(dirName("plain", out), 0);
-  EXPECT_EQ(out, "unchanged");
-  EXPECT_EQ(dirName(nullptr, out), -1);
+  const std::pair<const char*, int> kinds[] = {{"xml", 1}, {"image", 2}, {"cert", 3}, {"tar", 4}, {"XML", 0}, {"", 0}};
+  for (const auto& [word, kind] : kinds) EXPECT_EQ(resourceKindOf(word), kind) << word;
+
+  const std::pair<const char*, int> table[] = {{"contact_list", 1},           {"wallpaper", 5},      {"ringtone", 7},
+                                               {"custom_factory_config", 14}, {"custom_config", 15}, {"802_1X", 18}};
+  for (const auto& [name, type] : table) {
+    EXPECT_EQ(resourceTypeOf(name), type) << name;
+    EXPECT_EQ(resourceTypeOf((std::string("item.") + name).c_str()), type) << name;
+  }
+  for (const char* none : {"a.b.ringtone", "ringtone.wav", "unknown", ""}) EXPECT_EQ(resourceTypeOf(none), 0) << none;
 }
 
-TEST_F(BaseMethodTest, CopyFileThroughSeveralBuffers) {
+TEST_F(BaseMethodTest, FilesDirectoriesAndListings) {
+  // A copy through several buffers.
   std::string big(0x80000 * 2 + 123, '\0');
   for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7 + i / 4096);
   root->write("/tmp/big.bin", big);
@@ -55,26 +62,15 @@ TEST_F(BaseMethodTest, CopyFileThroughSeveralBuffers) {
   ASSERT_EQ(copyFile("/tmp/big.bin", "/config/target.bin"), 0);
   EXPECT_EQ(root->read("/config/target.bin"), big);
 
-  root->write("/tmp/empty", "");
-  ASSERT_EQ(copyFile("/tmp/empty", "/config/target.bin"), 0);
-  EXPECT_EQ(root->read("/config/target.bin"), "");
-
   LogCapture capture;
   EXPECT_EQ(copyFile("/tmp/missing", "/config/t2"), -1);
   EXPECT_TRUE(capture.contains("IFO Source file [/tmp/missing] can't open! \n"));
   EXPECT_FALSE(root->exists("/config/t2"));
-  EXPECT_EQ(copyFile("/tmp/big.bin", "/config/no/such/dir/t"), -1);
-  EXPECT_TRUE(capture.contains("IFO Target file [/config/no/such/dir/t] can't open! \n"));
-}
 
-TEST_F(BaseMethodTest, DirectoriesSizesAndListings) {
+  // Success means the directory is there, existing or not, and also for a path already under the root.
   ASSERT_EQ(makeDirs("/config/a/b/c"), 0);
-  EXPECT_EQ(makeDirs("/config/a/b/c"), 0);  // existing: nothing happens
-  EXPECT_EQ(makeDirs(root->host("/config/a/d").c_str()), 0);  // already resolved under the root
-  struct stat st;
-  ASSERT_EQ(stat(root->host("/config/a/b/c").c_str(), &st), 0);
-  EXPECT_TRUE(S_ISDIR(st.st_mode));
-  EXPECT_TRUE(root->exists("/config/a/d"));
+  EXPECT_EQ(makeDirs("/config/a/b/c"), 0);
+  EXPECT_EQ(makeDirs(root->host("/config/a/d").c_str()), 0);
   root->write("/config/a/file", "x");
   EXPECT_EQ(makeDirs("/config/a/file/sub"), -1);
 
@@ -82,50 +78,37 @@ TEST_F(BaseMethodTest, DirectoriesSizesAndListings) {
   root->write("/config/a/b/c/two.txt", "");
   ASSERT_EQ(symlink("/nonexistent", root->host("/config/a/b/link").c_str()), 0);
   EXPECT_EQ(fileSize("/config/a/b/one.txt"), 5);
-  EXPECT_EQ(fileSize("/config/a/b/c/two.txt"), 0);
   EXPECT_EQ(fileSize("/config/a/b/none"), -1);
-  EXPECT_EQ(fileSize(nullptr), -1);
 
+  // A trailing "/" is not doubled.
   std::vector<std::string> list;
-  EXPECT_EQ(listDir("/config/a/b", list), 3);
+  EXPECT_EQ(listDir("/config/a/b/", list), 3);
   std::sort(list.begin(), list.end());
   EXPECT_EQ(list, (std::vector<std::string>{"/config/a/b/c", "/config/a/b/link", "/config/a/b/one.txt"}));
-  list.clear();
-  EXPECT_EQ(listDir("/config/a/b/", list), 3);
-  EXPECT_TRUE(std::find(list.begin(), list.end(), "/config/a/b/one.txt") != list.end());
   EXPECT_EQ(listDir("/config/none", list), -1);
 
   // The tree goes depth first; a dangling link is removed, not followed.
   EXPECT_EQ(removeTree("/config/a"), 0);
   EXPECT_FALSE(root->exists("/config/a"));
   EXPECT_TRUE(root->exists("/config"));
-  LogCapture capture;
-  EXPECT_EQ(removeTree("/config/a"), -1);
-  EXPECT_TRUE(capture.contains("WAR Can't remove dir [/config/a]"));
 }
 
 TEST_F(BaseMethodTest, PartitionFreeSize) {
   LogCapture capture;
-  EXPECT_EQ(partitionFreeSize("/tmp/x"), 62914560);
   EXPECT_EQ(partitionFreeSize("/tmp/deep/dir/firmware.rom"), 62914560);
   EXPECT_FALSE(root->exists("/tmp/deep"));  // /tmp is never asked
   EXPECT_EQ(partitionFreeSize("nofolder"), 0);
-  EXPECT_EQ(partitionFreeSize(nullptr), 0);
 
   setPartitionStatfs(fakeStatfs);
   gFakeStatfs = {};
   gFakeStatfs.f_type = 0xEF53;  // ext4
   gFakeStatfs.f_bsize = 4096;
   gFakeStatfs.f_bfree = 1000;
-  capture.clear();
   EXPECT_EQ(partitionFreeSize("/config/resource/ring.wav"), 4096000);
-  EXPECT_EQ(gStatfsPath, root->host("/config/resource"));
-  EXPECT_TRUE(root->exists("/config/resource"));  // created first
+  EXPECT_EQ(gStatfsPath, root->host("/config/resource"));  // created first
   EXPECT_TRUE(capture.contains("IFO partion [/config/resource] free size:4096000 byte, 4000 KB"));
-  EXPECT_FALSE(capture.contains("jffs2"));
 
   gFakeStatfs.f_type = 0x72b6;  // JFFS2
-  capture.clear();
   EXPECT_EQ(partitionFreeSize("/config/resource/ring.wav"), 4096000 - 65536);
   EXPECT_TRUE(capture.contains("jffs2 file system, decrease 64K"));
 
@@ -133,31 +116,4 @@ TEST_F(BaseMethodTest, PartitionFreeSize) {
   gFakeStatfs.f_type = 0xEF53;
   gFakeStatfs.f_bfree = 3u * 1024 * 1024;
   EXPECT_EQ(partitionFreeSize("/phone/x"), int64_t(3) * 1024 * 1024 * 4096);
-
-  root->write("/config/blocker", "file");
-  capture.clear();
-  EXPECT_EQ(partitionFreeSize("/config/blocker/x"), 0);
-  EXPECT_TRUE(capture.contains("ERR Can't create directory : /config/blocker"));
-
-  // The real statfs answers for a real directory.
-  setPartitionStatfs(nullptr);
-  EXPECT_GT(partitionFreeSize("/config/real/x"), 0);
-}
-
-TEST_F(BaseMethodTest, ResourceKindsAndTypes) {
-  const std::pair<const char*, int> kinds[] = {{"xml", 1}, {"image", 2}, {"cert", 3}, {"tar", 4}, {"XML", 0}, {"", 0}};
-  for (const auto& [word, kind] : kinds) EXPECT_EQ(resourceKindOf(word), kind) << word;
-  EXPECT_EQ(resourceKindOf(nullptr), 0);
-
-  const std::pair<const char*, int> table[] = {
-      {"contact_list", 1}, {"contact_photo", 2}, {"photo_tar", 3}, {"contact_tar", 4}, {"wallpaper", 5},
-      {"ringtone", 7},     {"trusted_cert", 8},  {"server_cert", 9}, {"dialnow", 10},   {"dialplan", 11},
-      {"line_key", 12},    {"memory_key", 13},   {"custom_factory_config", 14}, {"custom_config", 15},
-      {"logo", 16},        {"openvpn", 17},      {"802_1X", 18}};
-  for (const auto& [name, type] : table) {
-    EXPECT_EQ(resourceTypeOf(name), type) << name;
-    EXPECT_EQ(resourceTypeOf((std::string("item.") + name).c_str()), type) << name;
-  }
-  for (const char* none : {"a.b.ringtone", "ringtone.wav", "unknown", ""}) EXPECT_EQ(resourceTypeOf(none), 0) << none;
-  EXPECT_EQ(resourceTypeOf(nullptr), 0);
 }
