@@ -1,5 +1,5 @@
 // Configuration file models: recognition (with a byte-order mark), the M7 line rules, and the older
-// M2 sections turned into keys through the translation table.
+// M1/M2 sections turned into keys through the translation table.
 #include <gtest/gtest.h>
 
 #include "autoParserModel.h"
@@ -14,12 +14,17 @@ const char* kTable = R"(<?xml version="1.0"?>
 <autopTranslator>
   <cfg>
     <object name="account" indexMask="$i" range="0-5" path="/config/user/voip/sipAccount$i.cfg" section="account">
-      <item name="enable" key="Enable"/><item name="label" key="Label"/>
+      <item name="enable" key="Enable"/>
+      <item name="label" key="Label"/>
+    </object>
+    <object name="network" path="/config/system/system.ini" section="Network">
+      <item name="vlan" key="VlanID"/>
     </object>
   </cfg>
   <pwd>
     <object name="security" path="/valdrun/config/.htpasswd">
-      <item name="user_password" section="user" key=""/><item name="delete_user" section="del_user" key=""/>
+      <item name="user_password" section="user" key=""/>
+      <item name="delete_user" section="del_user" key=""/>
     </object>
   </pwd>
 </autopTranslator>
@@ -89,4 +94,22 @@ TEST_F(ModelTest, M2SectionsAreTranslatedBackToKeys) {
                           {"security.delete_user", "guest:x"}};
   EXPECT_EQ(pairs, expected);
   EXPECT_TRUE(log.contains("Warning: Not found /config/user/voip/sipAccount2.cfg::account:Unknown "));
+}
+
+TEST_F(ModelTest, M1SectionsAndLegacyWebLogins) {
+  root->write("/config/user/user.ini", "[UserName]\nadmin = root\n");
+  root->write("/tmp/xxx.cfg",
+              "[network]\n"
+              "path = /config/system/system.ini\n"
+              "vlan = 7\n"
+              "[security]\n"
+              "AdminPassword = s3cret\n"
+              "UserPassword = u\n");
+  RawPairList pairs;
+  LogCapture log;
+  ASSERT_TRUE(loadM1OrM2Pairs("/tmp/xxx.cfg", table, pairs));
+  RawPairList expected = {{"security.network", "7"}, {"security.user_password", "root:s3cret"}};
+  EXPECT_EQ(pairs, expected);
+  // No login name for "user" anywhere: the section ends there.
+  EXPECT_TRUE(log.contains("Fail to get [user] name for WEB Login !"));
 }

@@ -1,5 +1,5 @@
-// ROM installers against real servers on loopback: the lyra hand-over (recorded kills, flashing,
-// the hand-over sleep on the fake clock), a refusing server, the duna header check, and a cut HTTP
+// ROM installers against real servers on loopback: the lyra hand-over (call check, recorded kills,
+// flashing, the hand-over sleep on the fake clock), a refusing server, the duna header check, and a cut HTTP
 // transfer resumed with a Range request.
 #include <gtest/gtest.h>
 
@@ -10,12 +10,35 @@
 #include "firmware.h"
 #include "firmwareImages.h"
 #include "firmwareSource.h"
+#include "msgqueue.h"
 #include "netPeers.h"
 #include "romInstaller.h"
 
 using namespace testing_support;
 
 namespace {
+
+// The phone application: answers each ROM upgrade request with the next value of a script.
+class PhoneStandIn : public chThreadLocal {
+ public:
+  explicit PhoneStandIn(std::vector<int32_t> answers) : chThreadLocal("app_vpPhone"), answers_(std::move(answers)) {
+    EXPECT_TRUE(Launch());
+    runner_ = std::thread([this] { Run(); });
+  }
+  ~PhoneStandIn() override {
+    Quit(0);
+    runner_.join();
+  }
+  bool TryThreadMessage(msgObject& msg) override {
+    msg.ReplyMessage(answers_[std::min(asked_++, answers_.size() - 1)]);
+    return true;
+  }
+
+ private:
+  std::vector<int32_t> answers_;
+  size_t asked_ = 0;  // only its own thread counts
+  std::thread runner_;
+};
 
 class RomInstallerTest : public RootedTest {
  protected:
@@ -34,7 +57,7 @@ class RomInstallerTest : public RootedTest {
 
 }  // namespace
 
-TEST_F(RomInstallerTest, LyraStopsTheListedProcessesAndHandsOverToTheFlasher) {
+TEST_F(RomInstallerTest, LyraWaitsOutTheCallStopsTheListedProcessesAndHandsOverToTheFlasher) {
   useFamily("lyra");
   std::string payload = testBytes(300000, 7);
   HttpServer http;
@@ -43,6 +66,7 @@ TEST_F(RomInstallerTest, LyraStopsTheListedProcessesAndHandsOverToTheFlasher) {
   addProcess(4100, std::string("/bin/sh\0/etc/init.d/GuiApp.sh", 29), "sh");  // application: killed
   addProcess(4200, "/sbin/syslogd", "syslogd");                                // kept
   addProcess(4300, "dsp_daemon", "dsp_daemon");                                // neither: killed twice
+  PhoneStandIn phone({0, 1});  // in a call at first
 
   auto installer = createRomInstallerFor("lyra");
   std::string url = "http://127.0.0.1:" + std::to_string(http.port()) + "/fw/lyra.rom";
@@ -52,8 +76,8 @@ TEST_F(RomInstallerTest, LyraStopsTheListedProcessesAndHandsOverToTheFlasher) {
             "kill 4100 GuiApp.sh 9\nkill 4100 GuiApp.sh 15\n"
             "kill 4300 dsp_daemon 9\nkill 4300 dsp_daemon 15\nkill 4300 dsp_daemon 9\nkill 4300 dsp_daemon 15\n");
   EXPECT_TRUE(root->read(kFirmwareSlotPath) == payload);
-  // 3 s before the kills, 3 s for the server, then the 60-hour hand-over.
-  EXPECT_EQ(fakeClock.elapsedMs(), 3000u + 3000u + 216000000ull);
+  // 5 s after the refusal, 3 s before the kills, 3 s for the server, then the 60-hour hand-over.
+  EXPECT_EQ(fakeClock.elapsedMs(), 5000u + 3000u + 3000u + 216000000ull);
 }
 
 TEST_F(RomInstallerTest, ARefusingServerGetsFiveAttemptsAndDunaChecksTheHeaderBeforeSafeMode) {
