@@ -8,7 +8,7 @@ packages=(
   libssl-dev libtinyxml2-dev libcurl4-openssl-dev libcrypt-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   tftpd-hpa vsftpd nginx-light openssl curl sip-tester
-  python3 procps iproute2 ca-certificates
+  python3 perl-base procps iproute2 ca-certificates
   libarchive-dev imagemagick
 )
 
