@@ -33,26 +33,38 @@ class ScriptedStream : public pipeStream {
 
 class FileDownloadTest : public testing_support::RootedTest {
  protected:
-  autopUrl localUrl(const std::string& path) {
-    autopUrl url;
-    url.Parse(path);
-    return url;
+  autopUrl url(const std::string& text) {
+    autopUrl parsed;
+    parsed.Parse(text);
+    return parsed;
   }
   testing_support::LogCapture log;
 };
 
-TEST_F(FileDownloadTest, LocalFileOpensOnceAndSavesWhole) {
-  root->write("/config/in.cfg", std::string(10000, 'L'));
+TEST_F(FileDownloadTest, LocalFilesOpenOnceAndArgumentsAreChecked) {
   fileDownload d;
-  ASSERT_TRUE(d.OpenDownloadStream(localUrl("/config/in.cfg"), -1));
+  char head[100];
+  EXPECT_EQ(d.Read(head, 4), 0);
+  EXPECT_TRUE(log.contains("m_pCurrentStream != NULL"));
+  EXPECT_TRUE(d.DownloadToNULL(0));
+  EXPECT_FALSE(d.DownloadToNULL(-1));
+  EXPECT_FALSE(d.OpenDownloadStream(url("gopher://127.0.0.1/x"), -1));
+  root->write("/config/sub/x.cfg", "x");
+  EXPECT_FALSE(d.OpenDownloadStream(url("/config/sub"), -1)) << "a directory is not a file";
+
+  root->write("/config/in.cfg", std::string(10000, 'L'));
+  ASSERT_TRUE(d.OpenDownloadStream(url("/config/in.cfg"), -1));
   EXPECT_TRUE(log.contains("IFO fileDownload::OpenDownloadStream[127.0.0.1][/config/in.cfg]"));
   EXPECT_EQ(d.UrlText(), "/config/in.cfg");  // a local file keeps its path form
   pipeStream* first = d.CurrentStream();
-  EXPECT_FALSE(d.OpenDownloadStream(localUrl("/config/in.cfg"), -1));
+  EXPECT_FALSE(d.OpenDownloadStream(url("/config/in.cfg"), -1));
   EXPECT_TRUE(log.contains("ERR The fileDownload stream has been openned !"));
   EXPECT_EQ(d.CurrentStream(), first) << "the first stream stays";
+  EXPECT_EQ(d.Read(nullptr, 4), 0);
+  EXPECT_TRUE(log.contains("pBuffer != NULL && nBytes > 0"));
+  EXPECT_EQ(d.DownloadToFile("/nodir/deeper/out", false), 0);
+  EXPECT_TRUE(log.contains("ERR File [/nodir/deeper/out] can't be opened !"));
 
-  char head[100];
   EXPECT_EQ(d.Read(head, 100), 100);
   EXPECT_TRUE(d.DownloadToNULL(900));
   EXPECT_EQ(d.DownloadToFile("/tmp/rest.cfg", false), 9000);
@@ -63,28 +75,7 @@ TEST_F(FileDownloadTest, LocalFileOpensOnceAndSavesWhole) {
   EXPECT_FALSE(d.IsOpen());
 }
 
-TEST_F(FileDownloadTest, FailedOpensAndArgumentChecks) {
-  fileDownload d;
-  EXPECT_FALSE(d.OpenDownloadStream(localUrl("gopher://127.0.0.1/x"), -1));
-  root->write("/config/sub/x.cfg", "x");
-  EXPECT_FALSE(d.OpenDownloadStream(localUrl("/config/sub"), -1)) << "a directory is not a file";
-  EXPECT_FALSE(d.IsOpen());
-
-  EXPECT_TRUE(d.DownloadToNULL(0));
-  EXPECT_FALSE(d.DownloadToNULL(-1));
-  char buffer[4];
-  EXPECT_EQ(d.Read(buffer, 4), 0);
-  EXPECT_TRUE(log.contains("m_pCurrentStream != NULL"));
-  EXPECT_EQ(d.Read(nullptr, 4), 0);
-  EXPECT_TRUE(log.contains("pBuffer != NULL && nBytes > 0"));
-
-  root->write("/config/in.cfg", "x");
-  ASSERT_TRUE(d.OpenDownloadStream(localUrl("/config/in.cfg"), -1));
-  EXPECT_EQ(d.DownloadToFile("/nodir/deeper/out", false), 0);
-  EXPECT_TRUE(log.contains("ERR File [/nodir/deeper/out] can't be opened !"));
-}
-
-TEST_F(FileDownloadTest, BoundedSaveOfAShortStreamReportsTheMissingBytes) {
+TEST_F(FileDownloadTest, ShortSavesAndBreaksAreThatTransfersOwn) {
   fileDownload d;
   ASSERT_TRUE(d.Attach(new ScriptedStream(6000, false)));
   ScriptedStream spare(1, false);
@@ -93,10 +84,8 @@ TEST_F(FileDownloadTest, BoundedSaveOfAShortStreamReportsTheMissingBytes) {
   EXPECT_TRUE(log.contains("WAR Broken at -4000 bytes : "));
   EXPECT_EQ(d.LastErrorCategory() * 100 + d.LastErrorCode(), 610);
   EXPECT_EQ(root->read("/tmp/part").size(), 6000u) << "the part stays for the caller to judge";
-}
+  d.Close();
 
-TEST_F(FileDownloadTest, ABreakIsThatTransfersOwn) {
-  fileDownload d;
   ASSERT_TRUE(d.Attach(new ScriptedStream(5000, true, 3000)));
   EXPECT_EQ(d.DownloadToFile("/tmp/cut", false), 0);
   EXPECT_TRUE(log.contains("WAR Broken at -3000 bytes : peer went away"));
