@@ -21,87 +21,73 @@ namespace {
 
 std::string on(int port) { return "127.0.0.1:" + std::to_string(port) + "/"; }
 
-// One peer per stream: started once per suite, `ready` for each test's root, `put` serves a file,
-// `url` names it.
-struct Peer {
-  bool start() { return true; }
-  void ready(const TempRoot&) {}
-};
-
-struct LocalFiles : Peer {
-  void put(const TempRoot& root, const std::string& name, const std::string& bytes) { root.write("/srv/" + name, bytes); }
+// One peer per stream, started for a test's root: `put` serves a file, `url` names it.
+struct LocalFiles {
+  bool start(const TempRoot& served) { return (root = &served); }
+  void put(const std::string& name, const std::string& bytes) { root->write("/srv/" + name, bytes); }
   std::string url(const std::string& name) const { return "/srv/" + name; }
   const char* missingLine = "IFO Open Stream Failed : [path = /srv/none.cfg]";
+  const TempRoot* root = nullptr;
 };
 
-struct Tftp : Peer {
+struct Tftp {
   TftpServer server;
-  bool start() { return server.start(); }
-  void put(const TempRoot&, const std::string& name, const std::string& bytes) { server.put(name, bytes); }
+  bool start(const TempRoot&) { return server.start(); }
+  void put(const std::string& name, const std::string& bytes) { server.put(name, bytes); }
   std::string url(const std::string& name) const { return "tftp://" + on(server.port()) + name; }
   const char* missingLine = "WAR Repley code = 5";
 };
 
-struct Ftp : Peer {
+struct Ftp {
   FtpServer server;
-  bool start() { return server.start(); }
-  void put(const TempRoot&, const std::string& name, const std::string& bytes) { server.put(name, bytes); }
+  bool start(const TempRoot&) { return server.start(); }
+  void put(const std::string& name, const std::string& bytes) { server.put(name, bytes); }
   std::string url(const std::string& name) const { return "ftp://" + on(server.port()) + name; }
   const char* missingLine = "RETR fail";
 };
 
-struct Http : Peer {
+struct Http {
   HttpServer server;
-  bool start() { return server.start(); }
-  void put(const TempRoot&, const std::string& name, const std::string& bytes) { server.put("files/" + name, bytes); }
+  bool start(const TempRoot&) { return server.start(); }
+  void put(const std::string& name, const std::string& bytes) { server.put("files/" + name, bytes); }
   std::string url(const std::string& name) const { return "http://" + on(server.port()) + "files/" + name; }
   const char* missingLine = "HTTP status 404";
 };
 
 struct Https : Http {
   TestCa ca{"Provisor Test CA"};
-  bool start() { return ca.create() && ca.issueServerCertificate("server") && server.start(&ca); }
-  void ready(const TempRoot& root) { root.write("/config/certs/trusted/ca.pem", readHostFile(ca.caCertificate())); }
+  bool start(const TempRoot& root) {
+    bool up = ca.create() && ca.issueServerCertificate("server") && server.start(&ca);
+    root.write("/config/certs/trusted/ca.pem", readHostFile(ca.caCertificate()));
+    return up;
+  }
   std::string url(const std::string& name) const { return "https://" + on(server.tlsPort()) + "files/" + name; }
 };
 
 template <class Stream>
-class DownloadStreams : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    peer = new Stream;
-    ASSERT_TRUE(peer->start()) << "the peer did not start";
-  }
-  static void TearDownTestSuite() {
-    delete peer;
-    peer = nullptr;
-  }
-  void SetUp() override { peer->ready(root); }
-  TempRoot root;
-  LogCapture log;
-  static Stream* peer;
-};
-template <class Stream>
-Stream* DownloadStreams<Stream>::peer = nullptr;
-
+class DownloadStreams : public ::testing::Test {};
 using Streams = ::testing::Types<LocalFiles, Tftp, Ftp, Http, Https>;
 TYPED_TEST_SUITE(DownloadStreams, Streams);
 
 TYPED_TEST(DownloadStreams, FilesOfEveryEdgeSizeArriveWholeAndMissingOnesFail) {
+  TempRoot root;
+  LogCapture log;
+  TypeParam peer;
+  ASSERT_TRUE(peer.start(root)) << "the peer did not start";
   for (size_t size : {size_t(0), size_t(511), size_t(512), size_t(513), size_t(512) * 65540 + 100}) {
     std::string name = "f" + std::to_string(size) + ".cfg", bytes = testBytes(size, static_cast<unsigned>(size));
-    this->peer->put(this->root, name, bytes);
+    peer.put(name, bytes);
     fileDownload d;
-    EXPECT_EQ(downloadToOut(this->peer->url(name), d), static_cast<int>(size));
+    EXPECT_EQ(downloadToOut(peer.url(name), d), static_cast<int>(size));
     EXPECT_FALSE(d.LastTransferBroken()) << size;
-    EXPECT_TRUE(this->root.read("/tmp/out") == bytes) << size;
+    EXPECT_TRUE(root.read("/tmp/out") == bytes) << size;
   }
-  EXPECT_TRUE(this->log.contains("IFO Open URL OK"));
+  EXPECT_TRUE(log.contains("IFO Open URL OK"));
   fileDownload d;
-  EXPECT_EQ(downloadToOut(this->peer->url("none.cfg"), d), -1);
+  EXPECT_EQ(downloadToOut(peer.url("none.cfg"), d), -1);
   EXPECT_FALSE(d.IsOpen());
-  EXPECT_TRUE(this->log.contains(this->peer->missingLine)) << this->log.text();
-  EXPECT_TRUE(this->log.contains("IFO Open URL Fail"));
+  EXPECT_TRUE(log.contains(peer.missingLine)) << log.text();
+  EXPECT_TRUE(log.contains("IFO Open URL Fail"));
 }
 
 // A scripted server, run on `script`, that ends the file early; returns the URL to fetch.
