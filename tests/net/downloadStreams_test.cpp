@@ -138,15 +138,18 @@ TEST(CutTransfers, AreBreaksAndNeverWholeFiles) {
   };
   TempRoot root;
   LogCapture log;
+  fileDownload d;  // one for all: each transfer's break is its own
   for (const auto& [serve, logged] : cases) {
     std::thread script;
-    fileDownload d;
     EXPECT_EQ(downloadToOut(serve(script), d), 0) << logged;
     script.join();
     EXPECT_TRUE(d.LastTransferBroken()) << logged;
     EXPECT_EQ(d.LastErrorCategory() * 100 + d.LastErrorCode(), 610) << logged;
     EXPECT_TRUE(log.contains(logged)) << logged;
   }
+  root.write("/srv/ok.cfg", "ok");
+  EXPECT_EQ(downloadToOut("/srv/ok.cfg", d), 2);
+  EXPECT_FALSE(d.LastTransferBroken()) << "the next transfer starts clean";
 }
 
 }  // namespace

@@ -96,15 +96,12 @@ TEST(FtpServer, UserLogInPassiveAndActiveOverIPv4AndIPv6) {
       options.passive = passive;  // off: PASV is refused, so the client must fall back to PORT
       options.ipv6 = ipv6;
       ASSERT_TRUE(server.start(options));
-      ns_net::autopUrl url;
       fileDownload d;
-      ASSERT_TRUE(url.Parse("ftp://nobody:secret@" + std::string(ipv6 ? "[::1]:" : "127.0.0.1:") +
-                            std::to_string(server.port()) + "/dir/f.cfg"));
-      ASSERT_TRUE(d.OpenDownloadStream(url, -1));
-      EXPECT_EQ(static_cast<ns_net::ftpStream*>(d.CurrentStream())->UsedActiveMode(), !passive);
-      EXPECT_EQ(d.DownloadToFile("/tmp/out", false), static_cast<int>(bytes.size()));
+      EXPECT_EQ(downloadToOut("ftp://nobody:secret@" + std::string(ipv6 ? "[::1]:" : "127.0.0.1:") +
+                                  std::to_string(server.port()) + "/dir/f.cfg",
+                              d),
+                static_cast<int>(bytes.size()));
       EXPECT_TRUE(root.read("/tmp/out") == bytes);
-      d.Close();
       EXPECT_NE(server.log().find("[nobody] OK LOGIN"), std::string::npos);
       EXPECT_TRUE(pollFor([&] { return server.log().find("\"QUIT\"") != std::string::npos; }, 5000));
     }
