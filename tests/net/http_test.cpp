@@ -1,5 +1,5 @@
 // What is HTTP's own, against nginx (redirects, basic authentication, the trusted directory of
-// HTTPS) and against scripted servers (a stall, digest authentication).
+// HTTPS) and against scripted servers (a body cut short, a stall, digest authentication).
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
@@ -60,18 +60,32 @@ TEST(HttpServer, RedirectsBasicAuthenticationAndTheTrustedDirectory) {
   EXPECT_FALSE(plain.Open("https://" + tls + "/files/k.cfg", 5000));
 }
 
-TEST(HttpScripted, StalledBodyIsABreak) {
+// A body cut short by the server's close is a break of the download; one that stalls past the
+// stream's time-out is a break too.
+TEST(HttpScripted, CutAndStalledBodiesAreBreaks) {
+  TempRoot root;
+  LogCapture log;
   TcpPeer peer;
   std::thread script([&] {
-    int fd = peer.accept();
-    readRequest(fd);
-    sendText(fd, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n" + std::string(10, 's'));
-    readable(fd, 3000);  // say nothing more until the client gives up
-    close(fd);
+    for (bool stall : {false, true}) {
+      int fd = peer.accept();
+      readRequest(fd);
+      sendText(fd, stall ? "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n" + std::string(10, 's')
+                         : "HTTP/1.1 200 OK\r\nContent-Length: 10000\r\n\r\n" + std::string(4000, 'h'));
+      if (stall) readable(fd, 3000);  // say nothing more until the client gives up
+      close(fd);
+    }
   });
+  const std::string url = "http://127.0.0.1:" + std::to_string(peer.port()) + "/cut.cfg";
+  fileDownload d;
+  EXPECT_EQ(downloadToOut(url, d), 0);
+  EXPECT_TRUE(d.LastTransferBroken());
+  EXPECT_EQ(d.LastErrorCategory() * 100 + d.LastErrorCode(), 610);
+  EXPECT_TRUE(log.contains("WAR Broken at -6000 bytes : "));
+
   ns_net::httpStream stream;
   stream.SetTimeout(300);
-  ASSERT_TRUE(stream.Open("http://127.0.0.1:" + std::to_string(peer.port()) + "/stall", 5000));
+  ASSERT_TRUE(stream.Open(url, 5000));
   char buffer[100];
   EXPECT_EQ(stream.Read(buffer, 1, 100), 10);
   EXPECT_EQ(stream.Read(buffer, 1, 100), 0);

@@ -107,13 +107,6 @@ inline std::string readLine(int fd, int timeoutMs = 5000) {
   return line;
 }
 
-// Connects to 127.0.0.1:port; -1 on failure.
-inline int connectTo(uint16_t port) {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a = loopback(port);
-  return connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0 ? fd : (close(fd), -1);
-}
-
 // Reads one request's header block (its lines up to the empty one).
 inline std::string readRequest(int fd) {
   std::string request;
@@ -130,15 +123,6 @@ struct FtpSession {
     return commands.back();
   }
   void reply(const std::string& text) { sendText(fd, text); }
-  // Answers the usual preamble up to and including PASV with the given replies.
-  void preamble(const std::string& sizeReply, const std::string& pasvReply) {
-    reply("220 Ready\r\n");
-    for (const std::string& r : {std::string("331 Password please\r\n"), std::string("230 Logged in\r\n"),
-                                 std::string("200 Binary\r\n"), sizeReply, pasvReply}) {
-      expect();
-      reply(r);
-    }
-  }
 };
 
 inline std::string pasvReply(uint16_t port) {
