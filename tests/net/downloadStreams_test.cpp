@@ -30,38 +30,32 @@ struct LocalFiles {
   const TempRoot* root = nullptr;
 };
 
-struct Tftp {
-  TftpServer server;
-  bool start(const TempRoot&) { return server.start(); }
-  void put(const std::string& name, const std::string& bytes) { server.put(name, bytes); }
-  std::string url(const std::string& name) const { return "tftp://" + on(server.port()) + name; }
+struct Tftp : TftpServer {
+  bool start(const TempRoot&) { return TftpServer::start(); }
+  std::string url(const std::string& name) const { return "tftp://" + on(port()) + name; }
   const char* missingLine = "WAR Repley code = 5";
 };
 
-struct Ftp {
-  FtpServer server;
-  bool start(const TempRoot&) { return server.start(); }
-  void put(const std::string& name, const std::string& bytes) { server.put(name, bytes); }
-  std::string url(const std::string& name) const { return "ftp://" + on(server.port()) + name; }
+struct Ftp : FtpServer {
+  bool start(const TempRoot&) { return FtpServer::start(); }
+  std::string url(const std::string& name) const { return "ftp://" + on(port()) + name; }
   const char* missingLine = "RETR fail";
 };
 
-struct Http {
-  HttpServer server;
-  bool start(const TempRoot&) { return server.start(); }
-  void put(const std::string& name, const std::string& bytes) { server.put("files/" + name, bytes); }
-  std::string url(const std::string& name) const { return "http://" + on(server.port()) + "files/" + name; }
+struct Http : HttpServer {
+  bool start(const TempRoot&) { return HttpServer::start(); }
+  std::string url(const std::string& name) const { return "http://" + on(port()) + name; }
   const char* missingLine = "HTTP status 404";
 };
 
 struct Https : Http {
   TestCa ca{"Provisor Test CA"};
   bool start(const TempRoot& root) {
-    bool up = ca.create() && ca.issueServerCertificate("server") && server.start(&ca);
+    bool up = ca.create() && ca.issueServerCertificate("server") && HttpServer::start(&ca);
     root.write("/config/certs/trusted/ca.pem", readHostFile(ca.caCertificate()));
     return up;
   }
-  std::string url(const std::string& name) const { return "https://" + on(server.tlsPort()) + "files/" + name; }
+  std::string url(const std::string& name) const { return "https://" + on(tlsPort()) + name; }
 };
 
 template <class Stream>
