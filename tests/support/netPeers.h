@@ -82,8 +82,7 @@ class TcpPeer {
   uint16_t port() const { return port_; }
   // An accepted connection, -1 when none came in time.
   int accept(int timeoutMs = 5000) {
-    if (!readable(listenFd_, timeoutMs)) return -1;
-    return ::accept(listenFd_, nullptr, nullptr);
+    return readable(listenFd_, timeoutMs) ? ::accept(listenFd_, nullptr, nullptr) : -1;
   }
 
  private:
