@@ -33,7 +33,7 @@ TEST(AutopUrl, FormsTheirPartsAndTheRoundTrip) {
       {"ftp://:pw@h/f", "ftp|||h|-1|/f||", true},  // a password without a user cannot travel
       {"ftp://d%3au:a%2Fb%23c%zz@h/f", "ftp|d:u|a/b#c%zz|h|-1|/f||", true},  // credentials are unescaped
       // Credentials of any characters survive the text form.
-      {"http://dom%3Ame%40x:p%2Fw%3F%23%40%41%20%3A%0A@h/cfg", "http|dom:me@x|p/w?#@A :\n|h|-1|/cfg||", true},
+      {"http://dom%3Ame%40x:p%2Fw%3F%23%40%2541%20%3A%0A@h/cfg", "http|dom:me@x|p/w?#@%41 :\n|h|-1|/cfg||", true},
       {"file:///tmp/x", "file||||-1|/tmp/x||", false},
   };
   for (const auto& [text, parts, valid] : forms) {
