@@ -48,28 +48,25 @@ TEST(NetSocket, AddressTexts) {
   EXPECT_FALSE(netSocket::ListLocalAddresses().empty());
 }
 
-// Sends and receives themselves are what every TFTP transfer does; here the edges around them.
-TEST(NetSocket, UdpOpensOnceSendsEmptyAndWaitsOnTheClock) {
+// Sends and receives themselves are what every download does; here the edges around them.
+TEST(NetSocket, EdgesOfSendsAndReceivesAndPackets) {
   netSocketUDP udp;
   ASSERT_TRUE(udp.Open("127.0.0.1", 0));
   EXPECT_FALSE(udp.Open("127.0.0.1", 0)) << "a socket opens once";
-  netAddress to;
-  netSocket::SetAddress(to, "127.0.0.1", 9);
-  EXPECT_TRUE(udp.SendTo(nullptr, 0, to)) << "an empty datagram succeeds without a system call";
+  netAddress address;
+  netSocket::SetAddress(address, "127.0.0.1", 9);
+  EXPECT_TRUE(udp.SendTo(nullptr, 0, address)) << "an empty datagram succeeds without a system call";
   FakeClock fake;
   Clock* previous = setClock(&fake);
   EXPECT_EQ(udp.ReceiveFromTimed(3000), 0);
   EXPECT_EQ(fake.elapsedMs(), 3000u) << "a silent wait moves the fake clock by the whole time-out";
   setClock(previous);
-}
 
-TEST(NetSocket, TcpLimitsAndPackets) {
   LogCapture log;
   netSocketTCP idle, client;
   EXPECT_FALSE(idle.Send("x", 1)) << "no socket";
   ASSERT_TRUE(idle.CreateStream(AF_INET) && client.CreateStream(AF_INET));
   EXPECT_FALSE(idle.Send("x", 1)) << "a socket that is not connected sends nothing";
-  netAddress address;
   netSocket::SetAddress(address, "127.0.0.1", static_cast<uint16_t>(testing_support::freePort()));
   EXPECT_FALSE(idle.Connect(address, 2000)) << "nobody listens";
   EXPECT_FALSE(idle.IsConnected());
