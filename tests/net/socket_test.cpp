@@ -14,7 +14,6 @@ using ns_net::netAddress;
 using ns_net::netSocket;
 using ns_net::netSocketTCP;
 using ns_net::netSocketUDP;
-using testing_support::LogCapture;
 
 namespace {
 
@@ -24,9 +23,7 @@ TEST(NetSocket, AddressTexts) {
     EXPECT_FALSE(netSocket::IsIPv4Text(bad)) << bad;
   for (const char* ip : {"127.0.0.1", "2001:db8::1"}) EXPECT_TRUE(netSocket::IsIPText(ip)) << ip;
   for (const char* bad : {"localhost", "[::1]"}) EXPECT_FALSE(netSocket::IsIPText(bad)) << bad;
-  LogCapture log;
   EXPECT_FALSE(netSocket::IsIPv4Text(nullptr));
-  EXPECT_TRUE(log.contains("lpszIPv4 != NULL"));
 
   // text and port in, family, length and text form out
   const std::tuple<const char*, uint16_t, int, size_t, const char*> addresses[] = {
@@ -45,7 +42,6 @@ TEST(NetSocket, AddressTexts) {
   std::vector<std::string> resolved = netSocket::ResolveHost("localhost");
   ASSERT_FALSE(resolved.empty());
   EXPECT_EQ(resolved[0], "127.0.0.1");
-  EXPECT_FALSE(netSocket::ListLocalAddresses().empty());
 }
 
 // Sends and receives themselves are what every download does; here the edges around them.
@@ -62,7 +58,6 @@ TEST(NetSocket, EdgesOfSendsAndReceivesAndPackets) {
   EXPECT_EQ(fake.elapsedMs(), 3000u) << "a silent wait moves the fake clock by the whole time-out";
   setClock(previous);
 
-  LogCapture log;
   netSocketTCP idle, client;
   EXPECT_FALSE(idle.Send("x", 1)) << "no socket";
   ASSERT_TRUE(idle.CreateStream(AF_INET) && client.CreateStream(AF_INET));
@@ -96,7 +91,6 @@ TEST(NetSocket, EdgesOfSendsAndReceivesAndPackets) {
   ASSERT_TRUE(client.ReceivePacket(packet, 5000));
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(packet.data()), packet.size()), "hi");
   EXPECT_FALSE(client.ReceivePacket(packet, 5000)) << "a zero length is refused";
-  EXPECT_TRUE(log.contains("nPacketSize > 0 && nPacketSize < 10 * 1024 * 1024"));
   client.StreamBuffer().clear();
   sendText(server, std::string("\0\xa0\0\0", 4));  // 10,485,760
   EXPECT_FALSE(client.ReceivePacket(packet, 5000));

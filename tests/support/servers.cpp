@@ -138,24 +138,19 @@ std::string FtpServer::log() const { return readHostFile(dir_.file("vsftpd.log")
 TestCa::TestCa(const std::string& name) : name_(name), dir_("ca") {}
 
 bool TestCa::create() {
-  std::string d = dir_.path();
-  std::string command = "cd '" + d +
-                        "' && openssl ecparam -name prime256v1 -genkey -noout -out ca.key && "
-                        "openssl req -x509 -new -key ca.key -out ca.pem -days 2 -subj '/CN=" +
-                        name_ + "' -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign";
-  return runCommand(command) == 0;
+  return runCommand("cd '" + dir_.path() + "' && openssl ecparam -name prime256v1 -genkey -noout -out ca.key && " +
+                    "openssl req -x509 -new -key ca.key -out ca.pem -days 2 -subj '/CN=" + name_ +
+                    "' -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign") == 0;
 }
 
 bool TestCa::issueServerCertificate(const std::string& base) const {
-  std::string d = dir_.path();
   dir_.write(base + ".ext",
              "basicConstraints=CA:FALSE\nsubjectAltName=IP:127.0.0.1,DNS:localhost\nextendedKeyUsage=serverAuth\n");
-  std::string command = "cd '" + d + "' && openssl ecparam -name prime256v1 -genkey -noout -out " + base +
-                        ".key && openssl req -new -key " + base + ".key -out " + base +
-                        ".csr -subj /CN=127.0.0.1 && openssl x509 -req -in " + base +
-                        ".csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -out " + base + ".pem -extfile " +
-                        base + ".ext";
-  return runCommand(command) == 0;
+  return runCommand("cd '" + dir_.path() + "' && openssl ecparam -name prime256v1 -genkey -noout -out " + base +
+                    ".key && openssl req -new -key " + base + ".key -out " + base +
+                    ".csr -subj /CN=127.0.0.1 && openssl x509 -req -in " + base +
+                    ".csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -out " + base + ".pem -extfile " + base +
+                    ".ext") == 0;
 }
 
 HttpServer::HttpServer() : dir_("http") { mkdir(dir_.file("www").c_str(), 0755); }
@@ -185,7 +180,8 @@ bool HttpServer::start(const TestCa* ca, const TestCa* otherCa) {
   dir_.write("nginx.conf", conf + "}\n");
   bool started = process_.start({"/usr/sbin/nginx", "-p", d, "-c", d + "/nginx.conf", "-g", "daemon off;"},
                                 dir_.file("server.out"));
-  for (int port : {port_, tlsPort_, otherTlsPort_}) started = started && (port < 0 || pollFor([&] { return listening(port, "tcp"); }, 5000));
+  for (int port : {port_, tlsPort_, otherTlsPort_})
+    started = started && (port < 0 || pollFor([&] { return listening(port, "tcp"); }, 5000));
   return started;
 }
 
