@@ -109,10 +109,7 @@ TEST(FtpServer, UserLogInPassiveAndActiveOverIPv4AndIPv6) {
       SCOPED_TRACE(std::string(ipv6 ? "IPv6 " : "IPv4 ") + (passive ? "passive" : "active"));
       FtpServer server;
       server.put("dir/f.cfg", bytes);
-      FtpServer::Options options;
-      options.passive = passive;  // off: PASV is refused, so the client must fall back to PORT
-      options.ipv6 = ipv6;
-      ASSERT_TRUE(server.start(options));
+      ASSERT_TRUE(server.start({passive, ipv6}));  // passive off: PASV is refused, the client falls back to PORT
       fileDownload d;
       EXPECT_EQ(downloadToOut("ftp://nobody:secret@" + std::string(ipv6 ? "[::1]:" : "127.0.0.1:") +
                                   std::to_string(server.port()) + "/dir/f.cfg",
