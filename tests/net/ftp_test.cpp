@@ -3,7 +3,6 @@
 // commands; against vsftpd user log-in with passive and active data connections over IPv4 and IPv6.
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <thread>
 
 #include "fileStream.h"
@@ -20,8 +19,8 @@ namespace {
 
 // Scripted sessions: the server greets with the first reply and answers each command with the next;
 // "227" stands for its own passive data port, and after a "150" reply it sends `sent` over the data
-// connection and closes it. The client's commands, one a line, must match the pattern ("" for the
-// client closing). One download for all rows: a transfer's break is its own.
+// connection and closes it. The client's commands, one a line ("" for the client closing, "h,l" for
+// the numbers of an active port). One download for all rows: a transfer's break is its own.
 TEST(FtpScripted, SessionsAndHowTheyEnd) {
   TempRoot root;
   LogCapture log;
@@ -34,20 +33,20 @@ TEST(FtpScripted, SessionsAndHowTheyEnd) {
     const char* commands;
     const char* logged;
   };
-  const char* retrieval = "USER u\nPASS p\nTYPE I\nSIZE dir/f\\.cfg\nPASV\nRETR dir/f\\.cfg\nQUIT";
+  const char* retrieval = "USER u\nPASS p\nTYPE I\nSIZE dir/f.cfg\nPASV\nRETR dir/f.cfg\nQUIT";
   const Case cases[] = {
-      {"", {"220 Ready", "331 Any password", "530 No"}, "", -1, "USER anonymous\nPASS provisor@phone\\.local\n",
+      {"", {"220 Ready", "331 Any password", "530 No"}, "", -1, "USER anonymous\nPASS provisor@phone.local\n",
        "IFO Open URL Fail"},
       // 230 logs in without PASS; neither data connection can be had. PORT in its standard form,
       // without parentheses.
       {"u@", {"220 Ready", "230 Welcome", "200 Binary", "550 No such file", "550 No", "500 No"}, "", -1,
-       "USER u\nTYPE I\nSIZE dir/f\\.cfg\nPASV\nPORT 127,0,0,1,\\d+,\\d+\n", "IFO Open URL Fail"},
+       "USER u\nTYPE I\nSIZE dir/f.cfg\nPASV\nPORT 127,0,0,1,h,l\n", "IFO Open URL Fail"},
       // A reply ends at a final line of its own code only. An accepted passive mode whose data
       // connection fails ends the retrieval instead of trying active mode.
       {"u:s3cret@",
        {"220-Welcome\r\n220-second line\r\n220 Ready", "620 no\r\n260 no\r\n220\r\n331 Password",
         "230-Hello\r\n200 not the end\r\n 230 indented\r\n230 In", "200 Binary", "213 10", pasvReply(freePort())},
-       "", -1, "USER u\nPASS s3cret\nTYPE I\nSIZE dir/f\\.cfg\nPASV\n", "connect data pipe fail"},
+       "", -1, "USER u\nPASS s3cret\nTYPE I\nSIZE dir/f.cfg\nPASV\n", "connect data pipe fail"},
       // Transfers cut short: the data connection closes early, the server reports a failure instead
       // of 226, the control connection closes without the final reply.
       {"u:p@", {"220 Ready", "331 P", "230 In", "200 Binary", "213 10000", "227", "150 Here", "226 Done"},
@@ -55,7 +54,7 @@ TEST(FtpScripted, SessionsAndHowTheyEnd) {
       {"u:p@", {"220 Ready", "331 P", "230 In", "200 Binary", "550 No size", "227", "150 Here", "426 Aborted"},
        std::string(300, 'c'), 0, retrieval, "transfer not confirmed [426 Aborted]"},
       {"u:p@", {"220 Ready", "331 P", "230 In", "200 Binary", "213 3", "227", "150 Here"}, "abc", 0,
-       "USER u\nPASS p\nTYPE I\nSIZE dir/f\\.cfg\nPASV\nRETR dir/f\\.cfg", "no transfer-complete reply"},
+       "USER u\nPASS p\nTYPE I\nSIZE dir/f.cfg\nPASV\nRETR dir/f.cfg", "no transfer-complete reply"},
       {"u:p@", {"220 Ready", "331 P", "230 In", "200 Binary", "213 5", "227", "150 Here", "226 Done"}, "hello", 5,
        retrieval, "IFO Open URL OK"},
   };
@@ -84,8 +83,13 @@ TEST(FtpScripted, SessionsAndHowTheyEnd) {
               c.result);
     script.join();
     std::string commands;
-    for (const std::string& line : s.commands) commands += (commands.empty() ? "" : "\n") + line;
-    EXPECT_TRUE(std::regex_match(commands, std::regex(c.commands))) << commands;
+    for (std::string line : s.commands) {
+      unsigned high, low;
+      char more;  // the port's two numbers in the standard form, nothing after them
+      if (sscanf(line.c_str(), "PORT 127,0,0,1,%u,%u%c", &high, &low, &more) == 2) line = "PORT 127,0,0,1,h,l";
+      commands += (commands.empty() ? "" : "\n") + line;
+    }
+    EXPECT_EQ(commands, c.commands);
     EXPECT_EQ(d.LastTransferBroken(), c.result == 0);
     EXPECT_EQ(d.LastErrorCategory() * 100 + d.LastErrorCode(), c.result == 0 ? 610 : 0);
     EXPECT_TRUE(log.contains(c.logged));
