@@ -1,6 +1,6 @@
 // What is FTP's own: against scripted servers the commands on the wire, multi-line replies, anonymous
-// log-in, passive mode and the active-mode fallback, names that would smuggle commands; against
-// vsftpd user log-in with passive and active data connections over IPv4 and IPv6.
+// log-in, passive mode and the active-mode fallback, transfers cut short, names that would smuggle
+// commands; against vsftpd user log-in with passive and active data connections over IPv4 and IPv6.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -14,127 +14,90 @@
 using namespace net_test;
 using namespace testing_support;
 using ns_net::fileDownload;
-using ns_net::sockFTP;
 
 namespace {
 
-class FtpScripted : public ::testing::Test {
- protected:
-  std::string url(const std::string& credentials, const std::string& path) {
-    return "ftp://" + credentials + "127.0.0.1:" + std::to_string(control.port()) + "/" + path;
-  }
+// Scripted sessions: the server greets with the first reply and answers each command with the next;
+// "227" stands for its own passive data port, and after a "150" reply it sends `sent` over the data
+// connection and closes it. The client's commands, one a line ("" for the client closing, "h,l" for
+// the numbers of an active port). One download for all rows: a transfer's break is its own.
+TEST(FtpScripted, SessionsAndHowTheyEnd) {
   TempRoot root;
   LogCapture log;
-  TcpPeer control;
-  FtpSession s;
-};
-
-TEST(SockFtp, FinalReplyLines) {
-  for (const char* notFinal : {"220-Welcome", "220", "620 no", "260 no", " 220 indented"})
-    EXPECT_FALSE(sockFTP::IsFinalLine(notFinal)) << notFinal;
-  EXPECT_TRUE(sockFTP::IsFinalLine("220 Ready"));
-  EXPECT_EQ(sockFTP::ReplyCode("150 Opening"), 150);
-  EXPECT_EQ(sockFTP::ReplyCode("150-Opening"), 0);
-}
-
-TEST_F(FtpScripted, CredentialsMultiLineRepliesAndPassiveTransfer) {
-  TcpPeer data;
-  std::thread script([&] {
-    s.fd = control.accept();
-    s.reply("220-Welcome to the scripted server\r\n220-second line\r\n220 Ready\r\n");
-    s.expect();
-    s.reply("331 Password please\r\n");
-    s.expect();
-    // A line of other digits inside a multi-line reply does not end it.
-    s.reply("230-Hello\r\n200 not the end\r\n 230 indented\r\n230 Logged in\r\n");
-    for (const std::string& reply : {std::string("200 Binary\r\n"), std::string("213 5\r\n"), pasvReply(data.port())}) {
-      s.expect();
-      s.reply(reply);
-    }
-    int dataFd = data.accept();
-    s.expect();
-    s.reply("150 Here it comes\r\n");
-    sendText(dataFd, "hello");
-    close(dataFd);
-    s.reply("226 Transfer complete\r\n");
-    s.expect();  // QUIT
-    close(s.fd);
-  });
-  fileDownload d;
-  EXPECT_EQ(downloadToOut(url("u:p@", "dir/f.cfg"), d), 5);
-  script.join();
-  EXPECT_EQ(root.read("/tmp/out"), "hello");
-  EXPECT_EQ(s.commands, (std::vector<std::string>{"USER u", "PASS p", "TYPE I", "SIZE dir/f.cfg", "PASV",
-                                                  "RETR dir/f.cfg", "QUIT"}));
-  EXPECT_TRUE(log.contains("IFO ExcuteCommandE [SIZE dir/f.cfg], ret = 213 5"));
-  EXPECT_TRUE(log.contains("IFO ExcuteCommandE [PASV], ret = 227 Entering Passive Mode"));
-  EXPECT_FALSE(log.contains("PASS p")) << "no password in the log";
-}
-
-// Log-ins that end without a transfer: the server greets with the first reply and answers each
-// command with the next; the commands must begin as expected ("" for the client closing).
-TEST_F(FtpScripted, LogInsAndDataConnectionsThatFail) {
-  const int deadPort = freePort();
+  TcpPeer control, data;
   struct Case {
     const char* credentials;
-    std::vector<std::string> replies, commands;
+    std::vector<std::string> replies;
+    std::string sent;
+    int result;
+    const char* commands;
+    const char* logged;
   };
+  const char* retrieval = "USER u\nPASS p\nTYPE I\nSIZE dir/f.cfg\nPASV\nRETR dir/f.cfg\nQUIT";
   const Case cases[] = {
-      {"", {"220 Ready", "331 Any password", "530 No"}, {"USER anonymous", "PASS provisor@phone.local"}},
-      // 230 logs in without PASS; neither data connection can be had.
-      {"u@", {"220 Ready", "230 Welcome", "200 Binary", "550 No such file", "550 No", "500 No"},
-       {"USER u", "TYPE I", "SIZE f", "PASV"}},
-      // An accepted passive mode whose data connection fails ends it instead of trying active mode.
-      {"u:p@", {"220 Ready", "331 Password", "230 In", "200 Binary", "213 10", pasvReply(deadPort)},
-       {"USER u", "PASS p", "TYPE I", "SIZE f", "PASV", ""}},
+      {"", {"220 Ready", "331 Any password", "530 No"}, "", -1, "USER anonymous\nPASS provisor@phone.local\n",
+       "IFO Open URL Fail"},
+      // 230 logs in without PASS; neither data connection can be had. PORT in its standard form,
+      // without parentheses.
+      {"u@", {"220 Ready", "230 Welcome", "200 Binary", "550 No such file", "550 No", "500 No"}, "", -1,
+       "USER u\nTYPE I\nSIZE dir/f.cfg\nPASV\nPORT 127,0,0,1,h,l\n", "IFO Open URL Fail"},
+      // A reply ends at a final line of its own code only. An accepted passive mode whose data
+      // connection fails ends the retrieval instead of trying active mode.
+      {"u:s3cret@",
+       {"220-Welcome\r\n220-second line\r\n220 Ready", "620 no\r\n260 no\r\n220\r\n331 Password",
+        "230-Hello\r\n200 not the end\r\n 230 indented\r\n230 In", "200 Binary", "213 10", pasvReply(freePort())},
+       "", -1, "USER u\nPASS s3cret\nTYPE I\nSIZE dir/f.cfg\nPASV\n", "connect data pipe fail"},
+      // Transfers cut short: the data connection closes early, the server reports a failure instead
+      // of 226, the control connection closes without the final reply.
+      {"u:p@", {"220 Ready", "331 P", "230 In", "200 Binary", "213 10000", "227", "150 Here", "226 Done"},
+       std::string(4000, 'c'), 0, retrieval, "WAR Broken at -6000 bytes : data connection closed early"},
+      {"u:p@", {"220 Ready", "331 P", "230 In", "200 Binary", "550 No size", "227", "150 Here", "426 Aborted"},
+       std::string(300, 'c'), 0, retrieval, "transfer not confirmed [426 Aborted]"},
+      {"u:p@", {"220 Ready", "331 P", "230 In", "200 Binary", "213 3", "227", "150 Here"}, "abc", 0,
+       "USER u\nPASS p\nTYPE I\nSIZE dir/f.cfg\nPASV\nRETR dir/f.cfg", "no transfer-complete reply"},
+      {"u:p@", {"220 Ready", "331 P", "230 In", "200 Binary", "213 5", "227", "150 Here", "226 Done"}, "hello", 5,
+       retrieval, "IFO Open URL OK"},
   };
+  fileDownload d;
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.replies[1]);
-    s.commands.clear();
+    SCOPED_TRACE(c.logged);
+    log.clear();
+    FtpSession s;
     std::thread script([&] {
       s.fd = control.accept();
+      bool sending = false;  // after "150" the next reply comes unasked
       for (size_t i = 0; i < c.replies.size(); ++i) {
-        if (i > 0) s.expect();
-        s.reply(c.replies[i] + "\r\n");
+        if (i > 0 && !sending) s.expect();
+        s.reply(c.replies[i] == "227" ? pasvReply(data.port()) : c.replies[i] + "\r\n");
+        if (!(sending = c.replies[i].rfind("150", 0) == 0)) continue;
+        int dataFd = data.accept();
+        sendText(dataFd, c.sent);
+        close(dataFd);
       }
-      s.expect();
+      if (!sending) s.expect();
       close(s.fd);
     });
-    fileDownload d;
-    EXPECT_EQ(downloadToOut(url(c.credentials, "f"), d), -1);
+    EXPECT_EQ(downloadToOut("ftp://" + std::string(c.credentials) + "127.0.0.1:" + std::to_string(control.port()) +
+                                "/dir/f.cfg",
+                            d),
+              c.result);
     script.join();
-    ASSERT_GE(s.commands.size(), c.commands.size());
-    EXPECT_EQ(std::vector<std::string>(s.commands.begin(), s.commands.begin() + c.commands.size()), c.commands);
+    std::string commands;
+    for (std::string line : s.commands) {
+      unsigned high, low;
+      char more;  // the port's two numbers in the standard form, nothing after them
+      if (sscanf(line.c_str(), "PORT 127,0,0,1,%u,%u%c", &high, &low, &more) == 2) line = "PORT 127,0,0,1,h,l";
+      commands += (commands.empty() ? "" : "\n") + line;
+    }
+    EXPECT_EQ(commands, c.commands);
+    EXPECT_EQ(d.LastTransferBroken(), c.result == 0);
+    EXPECT_EQ(d.LastErrorCategory() * 100 + d.LastErrorCode(), c.result == 0 ? 610 : 0);
+    EXPECT_TRUE(log.contains(c.logged));
+    EXPECT_FALSE(log.contains("s3cret")) << "no password in the log";
   }
-  EXPECT_TRUE(log.contains("connect data pipe fail"));
-}
+  EXPECT_EQ(root.read("/tmp/out"), "hello");
 
-TEST_F(FtpScripted, RefusedPassiveFallsBackToActiveMode) {
-  std::string port;
-  std::thread script([&] {
-    s.fd = control.accept();
-    s.preamble("213 6\r\n", "502 PASV not here\r\n");
-    port = s.expect();
-    unsigned h[4], p1, p2;
-    ASSERT_EQ(sscanf(port.c_str(), "PORT %u,%u,%u,%u,%u,%u", &h[0], &h[1], &h[2], &h[3], &p1, &p2), 6) << port;
-    s.reply("200 PORT ok\r\n");
-    s.expect();  // RETR
-    s.reply("150 Connecting to you\r\n");
-    int dataFd = connectTo(static_cast<uint16_t>(p1 * 256 + p2));
-    sendText(dataFd, "active");
-    close(dataFd);
-    s.reply("226 Done\r\n");
-    s.expect();
-    close(s.fd);
-  });
-  fileDownload d;
-  EXPECT_EQ(downloadToOut(url("", "f"), d), 6);
-  script.join();
-  EXPECT_EQ(root.read("/tmp/out"), "active");
-  EXPECT_EQ(port.find("PORT 127,0,0,1,"), 0u) << "the standard form, without parentheses: " << port;
-}
-
-TEST_F(FtpScripted, LineBreaksInNamesAreRefusedBeforeConnecting) {
+  // A line break in a name would smuggle a command: refused before connecting.
   ns_net::ftpStream stream;
   EXPECT_FALSE(stream.Open("127.0.0.1", control.port(), "u", "p", "f\r\nDELE x"));
   EXPECT_EQ(control.accept(50), -1) << "nothing was sent";
@@ -150,17 +113,12 @@ TEST(FtpServer, UserLogInPassiveAndActiveOverIPv4AndIPv6) {
       SCOPED_TRACE(std::string(ipv6 ? "IPv6 " : "IPv4 ") + (passive ? "passive" : "active"));
       FtpServer server;
       server.put("dir/f.cfg", bytes);
-      FtpServer::Options options;
-      options.passive = passive;  // off: PASV is refused, so the client must fall back to PORT
-      options.ipv6 = ipv6;
-      ASSERT_TRUE(server.start(options));
-      ns_net::autopUrl url;
+      ASSERT_TRUE(server.start({passive, ipv6}));  // passive off: PASV is refused, the client falls back to PORT
       fileDownload d;
-      ASSERT_TRUE(url.Parse("ftp://nobody:secret@" + std::string(ipv6 ? "[::1]:" : "127.0.0.1:") +
-                            std::to_string(server.port()) + "/dir/f.cfg"));
-      ASSERT_TRUE(d.OpenDownloadStream(url, -1));
-      EXPECT_EQ(static_cast<ns_net::ftpStream*>(d.CurrentStream())->UsedActiveMode(), !passive);
-      EXPECT_EQ(d.DownloadToFile("/tmp/out", false), static_cast<int>(bytes.size()));
+      EXPECT_EQ(downloadToOut("ftp://nobody:secret@" + std::string(ipv6 ? "[::1]:" : "127.0.0.1:") +
+                                  std::to_string(server.port()) + "/dir/f.cfg",
+                              d),
+                static_cast<int>(bytes.size()));
       EXPECT_TRUE(root.read("/tmp/out") == bytes);
       EXPECT_NE(server.log().find("[nobody] OK LOGIN"), std::string::npos);
     }

@@ -1,4 +1,4 @@
-// The socket layer: address texts, sends and receives with their limits, packets, byte arrays.
+// The socket layer: address texts, the edges around sends and receives, their limits, packets.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -14,7 +14,6 @@ using ns_net::netAddress;
 using ns_net::netSocket;
 using ns_net::netSocketTCP;
 using ns_net::netSocketUDP;
-using testing_support::LogCapture;
 
 namespace {
 
@@ -24,9 +23,7 @@ TEST(NetSocket, AddressTexts) {
     EXPECT_FALSE(netSocket::IsIPv4Text(bad)) << bad;
   for (const char* ip : {"127.0.0.1", "2001:db8::1"}) EXPECT_TRUE(netSocket::IsIPText(ip)) << ip;
   for (const char* bad : {"localhost", "[::1]"}) EXPECT_FALSE(netSocket::IsIPText(bad)) << bad;
-  LogCapture log;
   EXPECT_FALSE(netSocket::IsIPv4Text(nullptr));
-  EXPECT_TRUE(log.contains("lpszIPv4 != NULL"));
 
   // text and port in, family, length and text form out
   const std::tuple<const char*, uint16_t, int, size_t, const char*> addresses[] = {
@@ -45,67 +42,41 @@ TEST(NetSocket, AddressTexts) {
   std::vector<std::string> resolved = netSocket::ResolveHost("localhost");
   ASSERT_FALSE(resolved.empty());
   EXPECT_EQ(resolved[0], "127.0.0.1");
-  EXPECT_FALSE(netSocket::ListLocalAddresses().empty());
 }
 
-TEST(NetSocket, UdpSendsAndTimedReceives) {
+// Sends and receives themselves are what every download does; here the edges around them.
+TEST(NetSocket, EdgesOfSendsAndReceivesAndPackets) {
   netSocketUDP udp;
   ASSERT_TRUE(udp.Open("127.0.0.1", 0));
-  netAddress to;
-  netSocket::SetAddress(to, "127.0.0.1", 9);
-  EXPECT_TRUE(udp.SendTo(nullptr, 0, to)) << "an empty datagram succeeds without a system call";
-
+  EXPECT_FALSE(udp.Open("127.0.0.1", 0)) << "a socket opens once";
+  netAddress address;
+  netSocket::SetAddress(address, "127.0.0.1", 9);
+  EXPECT_TRUE(udp.SendTo(nullptr, 0, address)) << "an empty datagram succeeds without a system call";
   FakeClock fake;
   Clock* previous = setClock(&fake);
   EXPECT_EQ(udp.ReceiveFromTimed(3000), 0);
   EXPECT_EQ(fake.elapsedMs(), 3000u) << "a silent wait moves the fake clock by the whole time-out";
   setClock(previous);
 
-  UdpPeer peer;
-  netAddress peerAddress;
-  netSocket::SetAddress(peerAddress, "127.0.0.1", peer.port());
-  ASSERT_TRUE(udp.SendTo("hello", 5, peerAddress));
-  std::string data;
-  sockaddr_in from{};
-  ASSERT_TRUE(peer.receive(data, from));
-  EXPECT_EQ(data, "hello");
-  peer.sendTo("answer", from);
-  EXPECT_EQ(udp.ReceiveFromTimed(5000), 6);
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(udp.ReceiveBuffer().data()), 6), "answer");
-  EXPECT_EQ(udp.LastSender(), peerAddress);
-
-  EXPECT_FALSE(udp.Open("127.0.0.1", 0)) << "a socket opens once";
-}
-
-TEST(NetSocket, TcpLimitsAndPackets) {
-  LogCapture log;
-  netSocketTCP idle;
+  netSocketTCP idle, client;
   EXPECT_FALSE(idle.Send("x", 1)) << "no socket";
-  ASSERT_TRUE(idle.CreateStream(AF_INET));
+  ASSERT_TRUE(idle.CreateStream(AF_INET) && client.CreateStream(AF_INET));
   EXPECT_FALSE(idle.Send("x", 1)) << "a socket that is not connected sends nothing";
-  netAddress address;
   netSocket::SetAddress(address, "127.0.0.1", static_cast<uint16_t>(testing_support::freePort()));
   EXPECT_FALSE(idle.Connect(address, 2000)) << "nobody listens";
   EXPECT_FALSE(idle.IsConnected());
 
   TcpPeer peer;
-  netSocketTCP client;
-  ASSERT_TRUE(client.CreateStream(AF_INET));
   netSocket::SetAddress(address, "127.0.0.1", peer.port());
   ASSERT_TRUE(client.Connect(address, 5000));
-  EXPECT_TRUE(client.IsConnected());
   int server = peer.accept();
   ASSERT_GE(server, 0);
-
   // Receive(-1) and Receive(100000) read at most 65,536 bytes each.
   std::string big(200000, 'b');
   std::thread writer([&] { sendText(server, big); });
-  size_t total = 0;
-  while (total < big.size()) {
-    int n = client.ReceiveTimed(total % 2 ? -1 : 100000, 5000);
-    ASSERT_GT(n, 0);
-    EXPECT_LE(n, 65536);
-    total += static_cast<size_t>(n);
+  for (size_t total = 0, n; total < big.size(); total += n) {
+    n = static_cast<size_t>(client.ReceiveTimed(total % 2 ? -1 : 100000, 5000));
+    ASSERT_TRUE(n > 0 && n <= 65536) << n;
   }
   writer.join();
   client.StreamBuffer().clear();
@@ -120,7 +91,6 @@ TEST(NetSocket, TcpLimitsAndPackets) {
   ASSERT_TRUE(client.ReceivePacket(packet, 5000));
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(packet.data()), packet.size()), "hi");
   EXPECT_FALSE(client.ReceivePacket(packet, 5000)) << "a zero length is refused";
-  EXPECT_TRUE(log.contains("nPacketSize > 0 && nPacketSize < 10 * 1024 * 1024"));
   client.StreamBuffer().clear();
   sendText(server, std::string("\0\xa0\0\0", 4));  // 10,485,760
   EXPECT_FALSE(client.ReceivePacket(packet, 5000));
@@ -131,18 +101,6 @@ TEST(NetSocket, TcpLimitsAndPackets) {
   char byte;
   EXPECT_EQ(client.ReadExact(&byte, 0, 1, 5000), 0);
   EXPECT_FALSE(client.IsConnected());
-}
-
-TEST(ByteArray, TakesFromTheFront) {
-  byteArray bytes;
-  bytes.resize(300);  // past one growth step
-  bytes.clear();
-  bytes.append("abcdef", 6);
-  bytes.consumeFront(2);
-  char out[8] = {0};
-  EXPECT_EQ(bytes.takeFront(out, 8), 4u);
-  EXPECT_STREQ(out, "cdef");
-  EXPECT_TRUE(bytes.empty());
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 // What is TFTP's own, against scripted servers: the transfer identifier of the server, duplicated
-// and lost blocks, runt datagrams, silence before and during a transfer, long names.
+// and lost blocks, runt datagrams, error packets, silence before and during a transfer, requests
+// that cannot go out.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <thread>
 
 #include "fileStream.h"
@@ -11,29 +11,27 @@
 #include "tftpStream.h"
 
 using namespace net_test;
-using ns_net::fileDownload;
-using testing_support::LogCapture;
 
 namespace {
 
 // Socket waits take at most 200 ms of real time on the fake clock, then the clock moves on.
 class TftpScripted : public testing_support::RootedTest {
  protected:
-  // Downloads tftp://127.0.0.1:<port>/<name> to /tmp/out; the bytes written (0 when it broke).
-  int download(uint16_t port, const std::string& name, fileDownload& d, int32_t timeoutMs = -1) {
-    return downloadToOut("tftp://127.0.0.1:" + std::to_string(port) + "/" + name, d, timeoutMs);
+  // Downloads tftp://127.0.0.1:<server>/<name> to /tmp/out; the bytes written (0 when it broke).
+  int download(const std::string& name, ns_net::fileDownload& d, int32_t timeoutMs = -1) {
+    return downloadToOut("tftp://127.0.0.1:" + std::to_string(server.port()) + "/" + name, d, timeoutMs);
   }
-  LogCapture log;
+  // The server's side of the read request for `name`: the client's address.
+  sockaddr_in awaitRequest(const std::string& name = "f") {
+    std::string packet;
+    sockaddr_in client{};
+    EXPECT_TRUE(server.receive(packet, client));
+    EXPECT_EQ(packet, tftpRequest(name));
+    return client;
+  }
+  testing_support::LogCapture log;
+  UdpPeer server;  // the well-known port: only the request may arrive here
 };
-
-// The server's side of the read request for `name`: the client's address.
-sockaddr_in awaitRequest(UdpPeer& server, const std::string& name = "f") {
-  std::string packet;
-  sockaddr_in client{};
-  EXPECT_TRUE(server.receive(packet, client));
-  EXPECT_EQ(packet, tftpRequest(name));
-  return client;
-}
 
 // The server's side of one block: send it from `peer` and check the client acknowledges it.
 void sendBlock(UdpPeer& peer, sockaddr_in& client, uint16_t block, const std::string& bytes) {
@@ -43,118 +41,90 @@ void sendBlock(UdpPeer& peer, sockaddr_in& client, uint16_t block, const std::st
   EXPECT_EQ(packet, tftpAck(block)) << "after block " << block;
 }
 
-TEST_F(TftpScripted, AcksGoToTheTransferPortAndStrangersAreRefused) {
-  UdpPeer server;    // the well-known port: only the request may arrive here
+TEST_F(TftpScripted, TransferPortStrangersDuplicatesAndLostBlocks) {
   UdpPeer transfer;  // the port the server answers from
   UdpPeer stranger;
   std::string a(512, 'a'), b(512, 'b');
   std::thread script([&] {
     std::string packet;
-    sockaddr_in client = awaitRequest(server, "dir/k1.cfg"), from{};
+    sockaddr_in client = awaitRequest("dir/k1.cfg"), from{};
     sendBlock(transfer, client, 1, a);
     stranger.sendTo(tftpData(2, "forged"), client);
     ASSERT_TRUE(stranger.receive(packet, from));
     EXPECT_EQ(packet, tftpError(5, "Unknown transfer ID"));
+    sendBlock(transfer, client, 1, a);  // a duplicate: the same acknowledgement is sent again
+    // Block 2 is "lost": say nothing until the client asks a third time.
+    ASSERT_TRUE(transfer.receive(packet, client));
+    EXPECT_EQ(packet, tftpAck(1));
     sendBlock(transfer, client, 2, b);
     sendBlock(transfer, client, 3, "");  // the empty block ends it and is acknowledged too
     EXPECT_FALSE(server.receive(packet, from, 50)) << "nothing may go to the request port after block 1";
   });
-  fileDownload d;
-  EXPECT_EQ(download(server.port(), "dir/k1.cfg", d), 1024);
+  ns_net::fileDownload d;
+  EXPECT_EQ(download("dir/k1.cfg", d), 1024);
   script.join();
   EXPECT_EQ(root->read("/tmp/out"), a + b);
   const std::string text = log.text();
+  EXPECT_NE(text.find("IFO Received unexpert clip index 1 at 2"), std::string::npos);
+  EXPECT_NE(text.find("IFO Receive 2000ms timeout at 2.."), std::string::npos);
   EXPECT_NE(text.find("IFO file end"), std::string::npos);
   EXPECT_EQ(text.find("IFO file end"), text.rfind("IFO file end")) << "the end is seen once";
 }
 
-TEST_F(TftpScripted, DuplicatedAndLostBlocksAreRecovered) {
-  UdpPeer server, transfer;
-  std::string a(512, 'x'), tail(100, 'y');
-  std::thread script([&] {
-    sockaddr_in client = awaitRequest(server);
-    sendBlock(transfer, client, 1, a);
-    sendBlock(transfer, client, 1, a);  // a duplicate: the same acknowledgement is sent again
-    // Block 2 is "lost": say nothing until the client asks a third time.
-    std::string packet;
-    ASSERT_TRUE(transfer.receive(packet, client));
-    EXPECT_EQ(packet, tftpAck(1));
-    sendBlock(transfer, client, 2, tail);
-  });
-  fileDownload d;
-  EXPECT_EQ(download(server.port(), "f", d), 612);
-  script.join();
-  EXPECT_EQ(root->read("/tmp/out"), a + tail);
-  EXPECT_TRUE(log.contains("IFO Received unexpert clip index 1 at 2"));
-  EXPECT_TRUE(log.contains("IFO Receive 2000ms timeout at 2.."));
+// The server answers the client's successive packets with `replies`, then falls silent and counts
+// the packets that still come, which must repeat the first of them.
+TEST_F(TftpScripted, RuntsErrorsAndSilenceEndTheTransfer) {
+  const std::string block1 = tftpData(1, std::string(512, 'q'));
+  struct Case {
+    std::vector<std::string> replies;
+    int result, repeats;
+    const char* logged;
+  };
+  const Case cases[] = {
+      {{std::string("\0\3\0", 3)}, -1, 0, "WAR Receive length less 4 bytes"},
+      // Silence from the start: the request goes out five times, each wait twice the one before.
+      {{}, -1, 5, "IFO Open URL Fail"},
+      {{block1, tftpError(0, "disk gone")}, 0, 0, "WAR Broken after 512 bytes : TFTP transfer given up at block 2"},
+      {{block1}, 0, 5, "IFO Receive 16000ms timeout at 2.."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.logged);
+    log.clear();
+    int repeats = 0;
+    std::thread script([&] {
+      std::string packet, first;
+      sockaddr_in client{};
+      for (const std::string& reply : c.replies)
+        if (server.receive(packet, client)) server.sendTo(reply, client);
+      for (; server.receive(packet, client, 500); ++repeats) {
+        if (first.empty()) first = packet;
+        EXPECT_EQ(packet, first);
+      }
+    });
+    const uint64_t before = fakeClock.elapsedMs();
+    ns_net::fileDownload d;
+    EXPECT_EQ(download("f", d), c.result);
+    script.join();
+    EXPECT_EQ(repeats, c.repeats);
+    EXPECT_EQ(d.LastTransferBroken(), c.result == 0);
+    EXPECT_TRUE(log.contains(c.logged));
+    if (!c.replies.empty()) continue;
+    EXPECT_EQ(fakeClock.elapsedMs() - before, 31000u);
+    for (int wait : {1000, 2000, 4000, 8000, 16000})
+      EXPECT_TRUE(log.contains("IFO Receive " + std::to_string(wait) + "ms timeout at 1..")) << wait;
+  }
 }
 
-TEST_F(TftpScripted, RuntDatagramFailsTheOpen) {
-  UdpPeer server;
-  std::thread script([&] {
-    sockaddr_in client = awaitRequest(server);
-    server.sendTo(std::string("\0\3\0", 3), client);
-  });
-  fileDownload d;
-  EXPECT_EQ(download(server.port(), "f", d), -1);
-  script.join();
-  EXPECT_TRUE(log.contains("WAR Receive length less 4 bytes"));
-}
-
-TEST_F(TftpScripted, SilenceDoublesTheWaitUpToTheTimeOut) {
-  UdpPeer server;
-  std::atomic<bool> done{false};
-  int requests = 0;
-  std::thread script([&] {
-    std::string packet;
-    sockaddr_in client{};
-    while (!done)
-      if (server.receive(packet, client, 20)) requests += packet == tftpRequest("f") ? 1 : 100;
-  });
-  fileDownload d;
-  EXPECT_EQ(download(server.port(), "f", d), -1);
-  done = true;
-  script.join();
-  EXPECT_EQ(requests, 5);
-  for (int wait : {1000, 2000, 4000, 8000, 16000})
-    EXPECT_TRUE(log.contains("IFO Receive " + std::to_string(wait) + "ms timeout at 1..")) << wait;
-  EXPECT_EQ(fakeClock.elapsedMs(), 31000u);
-
-  // A stream time-out below one second gives up before sending anything.
-  ns_net::tftpStream stream;
-  EXPECT_FALSE(stream.Open("127.0.0.1", server.port(), "f", 500));
-  std::string packet;
-  sockaddr_in from{};
-  EXPECT_FALSE(server.receive(packet, from, 50)) << "nothing was sent";
-}
-
-TEST_F(TftpScripted, SilenceInTheMiddleIsABreak) {
-  UdpPeer server;
-  std::thread script([&] {
-    sockaddr_in client = awaitRequest(server);
-    server.sendTo(tftpData(1, std::string(512, 'q')), client);
-    int acks = 0;
-    for (std::string packet; server.receive(packet, client, 500);) ++acks;
-    EXPECT_EQ(acks, 5);
-  });
-  fileDownload d;
-  EXPECT_EQ(download(server.port(), "f", d, 16000), 0);
-  script.join();
-  EXPECT_TRUE(d.LastTransferBroken());
-  EXPECT_TRUE(log.contains("Broken after 512 bytes"));
-}
-
-TEST_F(TftpScripted, NamesThatWouldOverrunTheRequestAreRefused) {
-  UdpPeer server;
-  ns_net::tftpStream tooLong;
+TEST_F(TftpScripted, RequestsThatCannotGoOutAreRefusedBeforeSending) {
+  ns_net::tftpStream tooShortAWait, tooLong, longest;
+  EXPECT_FALSE(tooShortAWait.Open("127.0.0.1", server.port(), "f", 500));
   EXPECT_FALSE(tooLong.Open("127.0.0.1", server.port(), std::string(1016, 'n'), 16000));
   std::string packet;
   sockaddr_in from{};
-  EXPECT_FALSE(server.receive(packet, from, 50));
+  EXPECT_FALSE(server.receive(packet, from, 50)) << "nothing was sent";
 
   // The longest name that fits (1015 + 9 = 1024 bytes) goes out whole.
-  std::thread script([&] { server.sendTo(tftpData(1, "short"), awaitRequest(server, std::string(1015, 'n'))); });
-  ns_net::tftpStream longest;
+  std::thread script([&] { server.sendTo(tftpData(1, "short"), awaitRequest(std::string(1015, 'n'))); });
   EXPECT_TRUE(longest.Open("127.0.0.1", server.port(), std::string(1015, 'n'), 16000));
   script.join();
   char buffer[16];

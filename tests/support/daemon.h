@@ -23,7 +23,6 @@ class DaemonProcess {
   int stop(int signal, int timeoutMs = 10000) { return process_.stop(signal, timeoutMs); }
   // Waits for the process to exit by itself (-2 when it did not).
   int wait(int timeoutMs = 10000) { return process_.wait(timeoutMs); }
-  pid_t pid() const { return process_.pid(); }
 
  private:
   std::string logPath_;

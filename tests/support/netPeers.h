@@ -8,12 +8,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstring>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "fileStream.h"
 
@@ -86,8 +82,7 @@ class TcpPeer {
   uint16_t port() const { return port_; }
   // An accepted connection, -1 when none came in time.
   int accept(int timeoutMs = 5000) {
-    if (!readable(listenFd_, timeoutMs)) return -1;
-    return ::accept(listenFd_, nullptr, nullptr);
+    return readable(listenFd_, timeoutMs) ? ::accept(listenFd_, nullptr, nullptr) : -1;
   }
 
  private:
@@ -111,13 +106,6 @@ inline std::string readLine(int fd, int timeoutMs = 5000) {
   return line;
 }
 
-// Connects to 127.0.0.1:port; -1 on failure.
-inline int connectTo(uint16_t port) {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a = loopback(port);
-  return connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0 ? fd : (close(fd), -1);
-}
-
 // Reads one request's header block (its lines up to the empty one).
 inline std::string readRequest(int fd) {
   std::string request;
@@ -134,15 +122,6 @@ struct FtpSession {
     return commands.back();
   }
   void reply(const std::string& text) { sendText(fd, text); }
-  // Answers the usual preamble up to and including PASV with the given replies.
-  void preamble(const std::string& sizeReply, const std::string& pasvReply) {
-    reply("220 Ready\r\n");
-    for (const std::string& r : {std::string("331 Password please\r\n"), std::string("230 Logged in\r\n"),
-                                 std::string("200 Binary\r\n"), sizeReply, pasvReply}) {
-      expect();
-      reply(r);
-    }
-  }
 };
 
 inline std::string pasvReply(uint16_t port) {
@@ -150,14 +129,10 @@ inline std::string pasvReply(uint16_t port) {
          ").\r\n";
 }
 
-// Opens `url` and saves it to /tmp/out: the bytes written, or -1 when the open failed.
+// Opens `url` and saves it to /tmp/out: the bytes written, or -1 when it did not parse or open.
 inline int downloadToOut(const std::string& url, ns_net::fileDownload& d, int32_t timeoutMs = -1) {
   ns_net::autopUrl parsed;
-  if (!parsed.Parse(url)) {
-    ADD_FAILURE() << "the test's URL does not parse: " << url;
-    return -1;
-  }
-  if (!d.OpenDownloadStream(parsed, timeoutMs)) return -1;
+  if (!parsed.Parse(url) || !d.OpenDownloadStream(parsed, timeoutMs)) return -1;
   int n = d.DownloadToFile("/tmp/out", false);
   d.Close();
   return n;

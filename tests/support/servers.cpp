@@ -1,25 +1,18 @@
 #include "servers.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
 #include <random>
 #include <sstream>
 #include <thread>
-
-#include "testRoot.h"
 
 namespace testing_support {
 
@@ -27,30 +20,16 @@ namespace {
 
 using Steady = std::chrono::steady_clock;
 
-// Whether `port` on loopback answers: a UDP server with any reply to a request for a missing file,
-// a TCP one by accepting.
-bool answers(int port, int type, bool ipv6 = false) {
-  sockaddr_in6 to6{};
-  to6.sin6_family = AF_INET6;
-  to6.sin6_port = htons(static_cast<uint16_t>(port));
-  to6.sin6_addr = in6addr_loopback;
-  sockaddr_in to4{};
-  to4.sin_family = AF_INET;
-  to4.sin_port = to6.sin6_port;
-  to4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  sockaddr* to = ipv6 ? reinterpret_cast<sockaddr*>(&to6) : reinterpret_cast<sockaddr*>(&to4);
-  socklen_t length = ipv6 ? sizeof(to6) : sizeof(to4);
-  int fd = socket(to->sa_family, type, 0);
-  bool up;
-  if (type == SOCK_DGRAM) {  // the answer comes from another port: no connected socket
-    static const char request[] = "\0\001__probe__\0octet";  // with the final zero
-    pollfd pfd{fd, POLLIN, 0};
-    up = sendto(fd, request, sizeof(request), 0, to, length) > 0 && poll(&pfd, 1, 100) > 0;
-  } else {
-    up = connect(fd, to, length) == 0;
-  }
-  close(fd);
-  return up;
+// Whether a socket of this network is bound to `port` in /proc/net/<table> (tcp, tcp6, udp), in
+// state LISTEN for TCP: from then on requests queue up for the server.
+bool listening(int port, const std::string& table) {
+  char local[8];
+  snprintf(local, sizeof local, ":%04X ", port);
+  std::istringstream lines(readHostFile("/proc/net/" + table));
+  for (std::string line; std::getline(lines, line);)
+    if (line.find(local) != std::string::npos && (table == "udp" || line.find(" 0A ") != std::string::npos))
+      return true;
+  return false;
 }
 
 }  // namespace
@@ -121,15 +100,7 @@ std::string testBytes(size_t size, unsigned seed) {
   return bytes;
 }
 
-bool ipv6LoopbackAvailable() {
-  int fd = socket(AF_INET6, SOCK_STREAM, 0);
-  sockaddr_in6 local{};
-  local.sin6_family = AF_INET6;
-  local.sin6_addr = in6addr_loopback;
-  bool ok = bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof(local)) == 0;
-  close(fd);
-  return ok;
-}
+bool ipv6LoopbackAvailable() { return readHostFile("/proc/net/if_inet6").find(" lo\n") != std::string::npos; }
 
 TftpServer::TftpServer() : dir_("tftp") { mkdir(dir_.file("files").c_str(), 0755); }
 
@@ -137,7 +108,7 @@ bool TftpServer::start() {
   port_ = freePort(true);
   std::vector<std::string> argv = {"/usr/sbin/in.tftpd", "--foreground", "--listen", "--user", "root",
                                    "--address", "127.0.0.1:" + std::to_string(port_), "--secure", dir()};
-  return process_.start(argv, dir_.file("tftpd.log")) && pollFor([&] { return answers(port_, SOCK_DGRAM); }, 5000);
+  return process_.start(argv, dir_.file("tftpd.log")) && pollFor([&] { return listening(port_, "udp"); }, 5000);
 }
 
 FtpServer::FtpServer() : dir_("ftp") { mkdir(dir_.file("files").c_str(), 0755); }
@@ -159,7 +130,7 @@ bool FtpServer::start(const Options& options) {
   mkdir("/var/run/vsftpd", 0755);
   mkdir("/var/run/vsftpd/empty", 0755);
   return process_.start({"/usr/sbin/vsftpd", dir_.file("vsftpd.conf")}, dir_.file("server.out")) &&
-         pollFor([&] { return answers(port_, SOCK_STREAM, options.ipv6); }, 5000);
+         pollFor([&] { return listening(port_, options.ipv6 ? "tcp6" : "tcp"); }, 5000);
 }
 
 std::string FtpServer::log() const { return readHostFile(dir_.file("vsftpd.log")); }
@@ -167,24 +138,19 @@ std::string FtpServer::log() const { return readHostFile(dir_.file("vsftpd.log")
 TestCa::TestCa(const std::string& name) : name_(name), dir_("ca") {}
 
 bool TestCa::create() {
-  std::string d = dir_.path();
-  std::string command = "cd '" + d +
-                        "' && openssl ecparam -name prime256v1 -genkey -noout -out ca.key && "
-                        "openssl req -x509 -new -key ca.key -out ca.pem -days 2 -subj '/CN=" +
-                        name_ + "' -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign";
-  return runCommand(command) == 0;
+  return runCommand("cd '" + dir_.path() + "' && openssl ecparam -name prime256v1 -genkey -noout -out ca.key && " +
+                    "openssl req -x509 -new -key ca.key -out ca.pem -days 2 -subj '/CN=" + name_ +
+                    "' -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign") == 0;
 }
 
 bool TestCa::issueServerCertificate(const std::string& base) const {
-  std::string d = dir_.path();
   dir_.write(base + ".ext",
              "basicConstraints=CA:FALSE\nsubjectAltName=IP:127.0.0.1,DNS:localhost\nextendedKeyUsage=serverAuth\n");
-  std::string command = "cd '" + d + "' && openssl ecparam -name prime256v1 -genkey -noout -out " + base +
-                        ".key && openssl req -new -key " + base + ".key -out " + base +
-                        ".csr -subj /CN=127.0.0.1 && openssl x509 -req -in " + base +
-                        ".csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -out " + base + ".pem -extfile " +
-                        base + ".ext";
-  return runCommand(command) == 0;
+  return runCommand("cd '" + dir_.path() + "' && openssl ecparam -name prime256v1 -genkey -noout -out " + base +
+                    ".key && openssl req -new -key " + base + ".key -out " + base +
+                    ".csr -subj /CN=127.0.0.1 && openssl x509 -req -in " + base +
+                    ".csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -out " + base + ".pem -extfile " + base +
+                    ".ext") == 0;
 }
 
 HttpServer::HttpServer() : dir_("http") { mkdir(dir_.file("www").c_str(), 0755); }
@@ -214,7 +180,8 @@ bool HttpServer::start(const TestCa* ca, const TestCa* otherCa) {
   dir_.write("nginx.conf", conf + "}\n");
   bool started = process_.start({"/usr/sbin/nginx", "-p", d, "-c", d + "/nginx.conf", "-g", "daemon off;"},
                                 dir_.file("server.out"));
-  for (int port : {port_, tlsPort_, otherTlsPort_}) started = started && (port < 0 || pollFor([&] { return answers(port, SOCK_STREAM); }, 5000));
+  for (int port : {port_, tlsPort_, otherTlsPort_})
+    started = started && (port < 0 || pollFor([&] { return listening(port, "tcp"); }, 5000));
   return started;
 }
 

@@ -37,7 +37,6 @@ class ServerProcess {
   // Sends `signal` (unless it already ended), SIGKILL after `timeoutMs`; as wait().
   int stop(int signal = SIGTERM, int timeoutMs = 3000);
   bool running() const { return pid_ > 0 && status_ == -1; }
-  pid_t pid() const { return pid_; }
 
  private:
   pid_t pid_ = -1;
