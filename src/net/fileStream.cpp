@@ -128,14 +128,15 @@ bool fileDownload::OpenDownloadStream(const autopUrl& url, int32_t timeoutMs) {
     LOG_ERR("The fileDownload stream has been openned !");
     return false;
   }
-  clearLastError();
+  startTransfer();
   m_pCurrentStream = openStream(url, timeoutMs);
   if (m_pCurrentStream) m_urlText = url.ToText();
   LOG_IFO("Open URL %s", m_pCurrentStream ? "OK" : "Fail");
   return m_pCurrentStream != nullptr;
 }
 
-void fileDownload::clearLastError() {
+void fileDownload::startTransfer() {
+  m_byteCount = 0;
   m_lastErrorCategory = 0;
   m_lastErrorCode = 0;
   m_breakLogged = false;
@@ -255,7 +256,7 @@ void fileDownload::Close() {
 
 bool fileDownload::Attach(pipeStream* stream) {
   if (!LOG_CHECK(m_pCurrentStream == NULL)) return false;
-  clearLastError();
+  startTransfer();
   m_pCurrentStream.reset(stream);
   return true;
 }

@@ -93,7 +93,8 @@ class fileDownload {
   // One stream read, counted; notes a break of the stream when it reads nothing.
   int readChunk(void* buffer, int bytes);
   void noteBreak(int64_t missing);
-  void clearLastError();
+  // A new stream starts with no error and no bytes counted: the same download object is reused.
+  void startTransfer();
 
   std::unique_ptr<pipeStream> m_pCurrentStream;
   std::string m_urlText;

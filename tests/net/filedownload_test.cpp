@@ -51,6 +51,10 @@ TEST(FileDownload, LocalFilesOpenOnceAndArgumentsAreChecked) {
   d.Close();
   EXPECT_EQ(d.UrlText(), "");
   EXPECT_FALSE(d.IsOpen());
+  // The next transfer on the same object counts from zero.
+  ASSERT_TRUE(d.OpenDownloadStream(url("/tmp/rest.cfg"), -1));
+  EXPECT_TRUE(d.DownloadToNULL(9002));
+  EXPECT_EQ(d.ByteCount(), 9002);
 }
 
 }  // namespace
