@@ -168,7 +168,6 @@ TEST(PnpDiscovery, NoAnswerGivesFourFreshSubscribesAndLateNotifiesAreDropped) {
   }
   EXPECT_EQ("", server.receive(0)) << "a fifth SUBSCRIBE";
   EXPECT_EQ(12u, fresh.size()) << "a branch, tag or Call-ID used twice";
-  EXPECT_EQ(callIds[3].substr(callIds[3].find('@')), "@127.0.0.1");
 
   server.reply(notify(callIds[3], 1, kUrl));
   ASSERT_TRUE(waitForLog(log, "No PNP request outstanding, NOTIFY dropped"));

@@ -43,7 +43,6 @@ TEST_F(MediaTest, PicturesAreCheckedAndScaledByTheScript) {
       {"face.PNG", "-size 300x200 plasma:", photo, true, "128x128"},
       {"plain.JPG", "-size 300x200 xc:orange", image, true, "300x200"},
       {"anim.gif", "-size 30x20 xc:orange", image, false, "Error! Invalid Upgrade BIN File"},
-      {"noextension", "-size 30x20 xc:orange", image, false, "Error! Invalid Upgrade BIN File"},
       {"text.png", nullptr, wallpaper, false, "Fail to adjust image scale !"},
       {"huge.bmp", "-size 1400x1300 gradient:red-blue -type TrueColor", wallpaper, false, "the picture is too large !"},
       {"logo.png", "-size 60x40 xc:black", logo, false, "The device can't upgrade LOGO file!"},
