@@ -1,6 +1,9 @@
-// Named mutexes: exclusion between holders, timed waits on the service clock, names that cannot
-// leave the lock directory.
+// Named mutexes: exclusion within and across processes, timed waits on the service clock, release
+// when the holder dies, names that cannot leave the lock directory.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "mutex.h"
 #include "testRoot.h"
@@ -27,4 +30,30 @@ TEST_F(MutexTest, ExcludesWithinOneProcessTimesOutOnTheServiceClockAndStaysInIts
   second.CloseMutex();
   EXPECT_FALSE(second.IsLocked());
   EXPECT_FALSE(second.Lock(0));  // closed
+}
+
+TEST_F(MutexTest, ExcludesOtherProcessesAndIsReleasedWhenTheHolderDies) {
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  fflush(stdout);
+  pid_t holder = fork();
+  ASSERT_GE(holder, 0);
+  if (holder == 0) {
+    chMutex m;
+    char held = m.OpenMutex("LOCKXML") && m.Lock(0) ? '1' : '0';
+    if (write(ready[1], &held, 1) == 1) pause();
+    _exit(0);
+  }
+  close(ready[1]);
+  char held = 0;
+  EXPECT_EQ(read(ready[0], &held, 1), 1);
+  close(ready[0]);
+
+  chMutex m;
+  ASSERT_TRUE(m.OpenMutex("LOCKXML"));
+  EXPECT_EQ(held, '1');
+  EXPECT_FALSE(m.Lock(200));
+  kill(holder, SIGKILL);  // our own child
+  waitpid(holder, nullptr, 0);
+  EXPECT_TRUE(m.Lock(200));
 }

@@ -116,6 +116,8 @@ TEST_F(ArchiveTest, PackagesAreAnArchiveOrOneConfigurationFileWithinTheirSpace) 
       {"c.cfg", config, "[ AutoProvision ]\nstrServerURL = http://127.0.0.1/\n", "/config/c.cfg"},
       {"factory.tar", factory, "tar:add('system.ini', b'[AutoProvision]\\n')", "/phone/factory/system.ini"},
       {"zero.cfg", config, std::string("#!version:1\na = \0b\n", 18), nullptr},
+      {"nothing.cfg", config, "#!version:1\n# no settings\n", nullptr},
+      {"huge.cfg", factory, "#!version:1\n" + std::string(kConfigPackageMaxFileBytes, '#'), nullptr},
       // 200 kB unpacked with 300 kB free: fits beside the old factory package, but would leave the
       // configuration partition less than its reserve; a plain tar needs no reserve.
       {"f200.tar.gz", factory, "tar:add('big.ini', bytes(200000))", "/phone/factory/big.ini"},

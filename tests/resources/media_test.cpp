@@ -1,6 +1,7 @@
-// Pictures and the logo: size limits, extensions, and pictures really scaled by the platform script
-// (ImageMagick) on files made by ImageMagick at test time.
+// Ring tones, pictures and the logo: size limits, extensions, and pictures really scaled by the
+// platform script (ImageMagick) on files made by Python and ImageMagick at test time.
 #include <functional>
+#include <tuple>
 
 #include "mediaParser.h"
 #include "parserFixture.h"
@@ -24,6 +25,31 @@ class MediaTest : public ParserTest {
     return out;
   }
 };
+
+TEST_F(MediaTest, RingTonesUpTo8MiBWithTheExtensionWavOrWAV) {
+  const std::tuple<const char*, size_t, const char*> cases[] = {
+      // name, size, the log line of its refusal (nullptr: installed)
+      {"limit.wav", 8388608, nullptr},
+      {"two.Wav", 2000000, "ringtone type isnot wav!"},
+      {"over.WAV", 8388609, "The ringtone file is too large ! (Should be less than 100K)"},
+      {"noextension", 2000000, "ringtone file type error"},
+  };
+  for (const auto& [name, bytes, refusal] : cases) {
+    SCOPED_TRACE(name);
+    // A mono 8-bit WAV file of exactly `bytes` bytes, written by Python's wave module.
+    run("python3 -c 'import sys, wave; w = wave.open(sys.argv[1], \"wb\");"
+        " w.setparams((1, 1, 8000, 0, \"NONE\", \"\")); w.writeframes(bytes(int(sys.argv[2]))); w.close()' '" +
+        root->host("/tmp/" + std::string(name)) + "' " + std::to_string(bytes - 44));
+    std::string destination = std::string("/config/resource/ring/") + name;
+    LogCapture log;
+    autoRingParser parser;
+    EXPECT_EQ(install(parser, name, destination), refusal ? 0 : 1);
+    if (refusal)
+      EXPECT_TRUE(log.contains(refusal) && !root->exists(destination)) << log.text();
+    else
+      EXPECT_EQ(root->read(destination), root->read("/tmp/" + std::string(name)));
+  }
+}
 
 struct PictureCase {
   const char* name;

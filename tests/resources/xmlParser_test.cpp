@@ -47,6 +47,20 @@ TEST_F(XmlParserTest, ElementPathEdits) {
   EXPECT_EQ(column(kPlan, "Replace"), (std::vector<std::string>{"-", "0049", "-", "-"}));
   EXPECT_EQ(column(kPlan, "LineID"), (std::vector<std::string>{"-", "-", "-", "3"}));
   EXPECT_TRUE(log.contains("Invalid Element Index !"));
+
+  // Up to 1000 elements may be made; nothing of a refused item is.
+  autopItemList limit;
+  add(limit, "DialRule.Data.1000", "Prefix", "last");
+  EXPECT_EQ(autoXmlParser().modifyFile(kPlan, limit), 1);
+  EXPECT_EQ(column(kPlan, "Prefix").size(), 1000u);
+  EXPECT_EQ(column(kPlan, "Prefix").back(), "last");
+
+  root->write("/config/data/broken.xml", "<DialRule><Data>");
+  EXPECT_EQ(autoDialPlan().modifyFile("/config/data/broken.xml", items), 0);
+  EXPECT_EQ(autoDialPlan().modifyFile("/config/data/none.xml", items), 0);
+  EXPECT_TRUE(log.contains("Can't load xml file [/config/data/broken.xml] !"));
+  EXPECT_TRUE(log.contains("File[/config/data/none.xml] not exist !"));
+  EXPECT_EQ(root->read("/config/data/broken.xml"), "<DialRule><Data>");
 }
 
 }  // namespace
