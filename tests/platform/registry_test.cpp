@@ -6,7 +6,10 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <thread>
+#include <vector>
 
+#include "inifile.h"
 #include "registry.h"
 #include "testRoot.h"
 
@@ -85,6 +88,27 @@ TEST_F(RegistryTest, RegistryWritesWaitForTheFlushProfileWritesGoThroughOthersCh
   EXPECT_EQ(brisaGetRegistryString(kSystemIni, "AutoProvision", "b", ""), "33");
   ASSERT_TRUE(regFlushAllFile());
   EXPECT_EQ(root->read(kSystemIni), "[AutoProvision]\na=mine\nb=4\n[Net]\nc=1\n");
+}
+
+TEST_F(RegistryTest, ConcurrentThreadsShareOneCache) {
+  std::vector<std::thread> writers;
+  for (int t = 0; t < 4; ++t) {
+    writers.emplace_back([t] {
+      for (int i = 0; i < 50; ++i) {
+        std::string key = "k" + std::to_string(t) + "_" + std::to_string(i);
+        brisaSetRegistryString(kSystemIni, "S", key, std::to_string(i));
+        brisaGetRegistryInt(kSystemIni, "S", key, -1);
+        if (i % 10 == 0) regFlushAllFile();
+      }
+    });
+  }
+  for (auto& w : writers) w.join();
+  ASSERT_TRUE(regFlushAllFile());
+  iniFile onDisk;
+  ASSERT_TRUE(onDisk.LoadFromFile(kSystemIni));
+  for (int t = 0; t < 4; ++t)
+    for (int i = 0; i < 50; ++i)
+      EXPECT_EQ(onDisk.GetTextValue("S", "k" + std::to_string(t) + "_" + std::to_string(i), ""), std::to_string(i));
 }
 
 // A flush killed at any moment leaves the old or the new file, never a mix or a partial file.

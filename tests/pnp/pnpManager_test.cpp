@@ -61,9 +61,9 @@ class GroupPeer {
 // stands in for the service thread ("provisor") too and records the URLs handed over.
 class Phone : public chThreadLocal {
  public:
-  Phone() : chThreadLocal(kThreadProvisor) {
+  explicit Phone(const std::string& settings = "bEnablePNP=1\n") : chThreadLocal(kThreadProvisor) {
     root_.write("/host/device.ini", "[device]\nmac=001565aabbcc\nip=127.0.0.1\nnetwork_state=2\n");
-    root_.write("/config/system/system.ini", "[AutoProvision]\nbEnablePNP=1\n");
+    root_.write("/config/system/system.ini", "[AutoProvision]\n" + settings);
     root_.write("/phone/version", "[version]\nFIRMWARE_VERSION=2.80.0.1\nmodelName=VideoPhone\n");
     root_.write("/proc/hwversion", "1.2.3 extra\n");
     root_.write("/config/user/voip/sipAccount0.cfg", "[General]\nUserAgent=Phone $HW_VER $FW_VER $MAC\n");
@@ -171,6 +171,10 @@ TEST(PnpDiscovery, NoAnswerGivesFourFreshSubscribesAndLateNotifiesAreDropped) {
 
   server.reply(notify(callIds[3], 1, kUrl));
   ASSERT_TRUE(waitForLog(log, "No PNP request outstanding, NOTIFY dropped"));
+  // Inside the dialog only: the first try's Call-ID is no longer the phone's.
+  ASSERT_TRUE(brisaSetProfileInt("/config/system/system.ini", "AutoProvision", "PNPOutDialogMSGEnable", 0));
+  server.reply(notify(callIds[0], 2, kUrl));
+  EXPECT_TRUE(waitForLog(log, "Call-ID is not same as SubScribe!Do not Autop!"));
   EXPECT_TRUE(phone.urls().empty());
   EXPECT_EQ("", server.receive(0)) << "a dropped NOTIFY was answered";
 }
@@ -214,4 +218,14 @@ TEST(PnpDiscovery, OneFetchableUrlTakenOnceAmongBadNotifiesAndRetransmissions) {
             "From: <sip:srv@127.0.0.1>;tag=s1\r\nTo: <sip:MAC001565aabbcc@224.0.1.75>;tag=T\r\n"
             "Call-ID: out-of-dialog@10.9.9.9\r\nCSeq: 42 NOTIFY\r\nContent-Length: 0\r\n\r\n",
             answer);
+}
+
+TEST(PnpDiscovery, PlugAndPlayOffSendsNothing) {
+  RUN_IN_OWN_NETWORK();
+  LogCapture log;
+  GroupPeer server(5060);
+  Phone phone("bEnablePNP=0\n");
+  ASSERT_TRUE(waitForLog(log, "PNP Socket invalid,EnablePnp=0,PnpPort=5059,socket=-1"));
+  EXPECT_TRUE(log.contains("No need PNP Monitor. Reason: PNP CLOSED"));
+  EXPECT_EQ("", server.receive(0));
 }

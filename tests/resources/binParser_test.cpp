@@ -1,20 +1,51 @@
-// The parser framework: the delete command, the install sequence with its post step, and the
+// The parser framework: the factory's table and fallback, the delete command, the install sequence with its post step, and the
 // free-space check against a really small partition.
 #include <sys/mount.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <tuple>
+#include <typeindex>
 #include <vector>
 
+#include "archiveParser.h"
 #include "baseMethod.h"
+#include "certParser.h"
 #include "dsskeyParser.h"
 #include "launcher.h"
+#include "mediaParser.h"
 #include "parserFixture.h"
 
 namespace {
 
 using parser_test::ParserTest;
 using testing_support::LogCapture;
+
+// The class a parser was made of; void for none.
+std::type_index classOf(const std::unique_ptr<autoBinParser>& parser) {
+  return parser ? std::type_index(typeid(*parser)) : std::type_index(typeid(void));
+}
+
+TEST(BinParserFactory, KeywordFirstThenKindWord) {
+  const std::tuple<const char*, const char*, std::type_index> cases[] = {  // kind word, usage, class
+      {"xml", "cover.dialplan", typeid(autoDialPlan)},     {"xml", "modify.dialnow", typeid(autoDialNow)},
+      {"xml", "cover.contact_list", typeid(autoContactParser)}, {"", "cover.line_key", typeid(autoLineKey)},
+      {"", "cover.memory_key", typeid(autoMemoryKey)},     {"xml", "cover.unknown", typeid(autoXmlParser)},
+      {"xml", "cover.Dialplan", typeid(autoXmlParser)},    {"bogus", "cover.unknown", typeid(void)},
+      {"wav", "cover.ringtone", typeid(autoRingParser)},   {"tar", "cover.openvpn", typeid(autoOpenVpnParser)},
+      {"image", "cover", typeid(autoImageParser)},         {"cert", "delete.x", typeid(autoCertParser)},
+      {"tar", "cover.", typeid(autoTarParser)},            {"cert", "cover.802_1X", typeid(auto802_1XCrtParser)},
+  };
+  for (const auto& [kind, usage, made] : cases) {
+    autopItem item;
+    item.fileType = kind;
+    item.usage = usage;
+    EXPECT_STREQ(classOf(createBinParserFor(item)).name(), made.name()) << kind << " " << usage;
+  }
+  EXPECT_EQ(classOf(createBinParser(0, 6)), typeid(autoRingParser));
+  EXPECT_EQ(classOf(createBinParser(kBinKindWav, 0)), typeid(autoWavParser));
+  EXPECT_EQ(classOf(createBinParser(kBinKindReserved, 0)), typeid(void));
+}
 
 using BinParserTest = ParserTest;
 
