@@ -14,10 +14,7 @@
 
 namespace {
 
-class PathsTest : public testing_support::RootedTest {
- protected:
-  testing_support::LogCapture log;
-};
+using PathsTest = testing_support::RootedTest;
 
 }  // namespace
 
@@ -73,7 +70,7 @@ TEST_F(PathsTest, OnlyNoSuchFileMakesAPathMissing) {
       {"/config/loop.cfg", true, -1, true},
   };
   for (const auto& [path, exists, size, logged] : cases) {
-    log.clear();
+    testing_support::LogCapture log;
     EXPECT_EQ(pathFileExist(path), exists) << path;
     EXPECT_EQ(pathFileSize(path), size) << path;
     EXPECT_FALSE(pathIsDirectory(path)) << path;

@@ -4,8 +4,8 @@
 
 #include <vector>
 
-#include "clock.h"
 #include "msgqueue.h"
+#include "testRoot.h"
 
 namespace {
 
@@ -26,11 +26,11 @@ class TimerThread : public chThreadLocal {
   uint32_t quitId_;
 };
 
-TEST(ThreadTimer, LongIntervalsWaitInFullOneShotsFireOnceRepeatersUntilKilled) {
-  FakeClock clock;
-  Clock* previous = setClock(&clock);
+using ThreadTimer = testing_support::RootedTest;
+
+TEST_F(ThreadTimer, LongIntervalsWaitInFullOneShotsFireOnceRepeatersUntilKilled) {
   constexpr uint32_t kLong = 1, kOneShot = 2, kKilled = 3, kQuit = 4;
-  TimerThread thread(clock, kQuit);
+  TimerThread thread(fakeClock, kQuit);
   uCSystemShareHelper::CreateLocalThread(thread);
   const uint64_t longMs = (uint64_t{1} << 31) + 5000;  // about 24.9 days, past a 32-bit signed count
   ASSERT_TRUE(timerSetThreadTimer(kLong, longMs, false));
@@ -52,7 +52,6 @@ TEST(ThreadTimer, LongIntervalsWaitInFullOneShotsFireOnceRepeatersUntilKilled) {
   ASSERT_TRUE(timerSetThreadTimer(kQuit, longMs + 1000, false));
   EXPECT_EQ(thread.Run(), static_cast<int>(kQuit));
   uCSystemShareHelper::DestroyLocalThread(thread);
-  setClock(previous);
 
   const uint32_t r = repeat.id();
   std::vector<uint32_t> order;

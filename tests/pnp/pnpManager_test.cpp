@@ -13,8 +13,8 @@
 #include "netPeers.h"
 #include "ownNetwork.h"
 #include "registry.h"
+#include "servers.h"
 #include "sipHelper.h"
-#include "testRoot.h"
 
 using testing_support::LogCapture;
 
@@ -105,9 +105,7 @@ class Phone : public chThreadLocal {
 };
 
 bool waitForLog(const LogCapture& log, const std::string& text) {
-  for (int waited = 0; waited < 10000 && !log.contains(text); waited += 10)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  return log.contains(text);
+  return testing_support::pollFor([&] { return log.contains(text); }, 10000);
 }
 
 std::string notify(const std::string& callId, int cseq, const std::string& body, const std::string& more = "") {
@@ -226,6 +224,5 @@ TEST(PnpDiscovery, PlugAndPlayOffSendsNothing) {
   GroupPeer server(5060);
   Phone phone("bEnablePNP=0\n");
   ASSERT_TRUE(waitForLog(log, "PNP Socket invalid,EnablePnp=0,PnpPort=5059,socket=-1"));
-  EXPECT_TRUE(log.contains("No need PNP Monitor. Reason: PNP CLOSED"));
   EXPECT_EQ("", server.receive(0));
 }

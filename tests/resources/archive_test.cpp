@@ -5,7 +5,7 @@
 
 #include <functional>
 #include <map>
-#include <vector>
+#include <tuple>
 
 #include "archiveParser.h"
 #include "baseMethod.h"
@@ -100,18 +100,12 @@ TEST_F(ArchiveTest, GoodArchivesLandOverOrInPlaceOfTheirDirectory) {
   EXPECT_EQ(tree("/config"), photoDir);
 }
 
-struct PackageCase {
-  const char* name;
-  std::function<autoBinParser*()> parser;
-  std::string contents;  // "tar:" + tarfile body, or the file itself
-  const char* installed;  // the file that must appear; nullptr: refused
-};
-
 TEST_F(ArchiveTest, PackagesAreAnArchiveOrOneConfigurationFileWithinTheirSpace) {
   auto factory = [] { return new autoFactoryBinParser; };
   auto config = [] { return new autoConfigBinParser; };
   auto tar = [] { return new autoTarParser; };
-  const PackageCase cases[] = {
+  // name, parser, "tar:" + tarfile body or the file itself, the file that must appear (nullptr: refused)
+  const std::tuple<const char*, std::function<autoBinParser*()>, std::string, const char*> cases[] = {
       {"f.cfg", factory, "\xEF\xBB\xBF#!version:1.0.0.1\naccount.1.enable = 1\n", "/phone/factory/f.cfg"},
       {"c.cfg", config, "[ AutoProvision ]\nstrServerURL = http://127.0.0.1/\n", "/config/c.cfg"},
       {"factory.tar", factory, "tar:add('system.ini', b'[AutoProvision]\\n')", "/phone/factory/system.ini"},
@@ -126,23 +120,23 @@ TEST_F(ArchiveTest, PackagesAreAnArchiveOrOneConfigurationFileWithinTheirSpace) 
       {"p400.tar.gz", tar, "tar:add('big.jpg', bytes(400000))", nullptr},
   };
   std::map<std::string, std::string> tars;
-  for (const PackageCase& c : cases) {
-    if (c.contents.compare(0, 4, "tar:") == 0)
-      tars[c.name] = c.contents.substr(4);
+  for (const auto& [name, parser, contents, installed] : cases) {
+    if (contents.compare(0, 4, "tar:") == 0)
+      tars[name] = contents.substr(4);
     else
-      root->write(std::string("/tmp/") + c.name, c.contents);
+      root->write(std::string("/tmp/") + name, contents);
   }
   makeTars(tars);
   setPartitionStatfs(&fakeStatfs);
-  for (const PackageCase& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::unique_ptr<autoBinParser> parser(c.parser());
+  for (const auto& [name, makeParser, contents, installed] : cases) {
+    SCOPED_TRACE(name);
+    std::unique_ptr<autoBinParser> parser(makeParser());
     bool factoryPackage = dynamic_cast<autoFactoryBinParser*>(parser.get()) != nullptr;
     auto before = tree();
-    EXPECT_EQ(install(*parser, c.name, (factoryPackage ? "/phone/factory/" : "/config/") + std::string(c.name)),
-              c.installed ? 1 : 0);
-    if (c.installed)
-      EXPECT_TRUE(root->exists(c.installed));
+    EXPECT_EQ(install(*parser, name, (factoryPackage ? "/phone/factory/" : "/config/") + std::string(name)),
+              installed ? 1 : 0);
+    if (installed)
+      EXPECT_TRUE(root->exists(installed));
     else
       EXPECT_EQ(tree(), before);
   }

@@ -66,18 +66,12 @@ TEST_F(CertTest, ProvisionedAuthorityIsInstalledAsPemAndDeletedByItsName) {
   }
 }
 
-struct KeyCase {
-  const char* what;
-  std::function<autoBinParser*()> parser;
-  std::string contents;
-  const char* refusal;  // nullptr: installed
-};
-
 TEST_F(CertTest, KeysAndPairsAreCheckedBeforeTheInstalledFileIsReplaced) {
   auto trusted = [] { return new autoCrtParser; };
   auto server = [] { return new autoPemParser; };
   auto network = [] { return new auto802_1XCrtParser; };
-  const KeyCase cases[] = {
+  // what, parser, contents, the log line of its refusal (nullptr: installed)
+  const std::tuple<const char*, std::function<autoBinParser*()>, std::string, const char*> cases[] = {
       {"a private key as authority", trusted, caFile("ca.key"), "must not hold a private key"},
       {"an authority with its key", trusted, caFile("ca.pem") + caFile("ca.key"), "must not hold a private key"},
       {"text as authority", trusted, "-----BEGIN CERTIFICATE-----\nnonsense\n-----END CERTIFICATE-----\n",
@@ -90,23 +84,23 @@ TEST_F(CertTest, KeysAndPairsAreCheckedBeforeTheInstalledFileIsReplaced) {
       {"802.1X client pair", network, otherFile("server.pem") + otherFile("server.key"), nullptr},
       {"mismatched 802.1X pair", network, otherFile("server.pem") + caFile("server.key"), "does not match"},
   };
-  for (const KeyCase& c : cases) {
-    SCOPED_TRACE(c.what);
+  for (const auto& [what, makeParser, contents, refusal] : cases) {
+    SCOPED_TRACE(what);
     const std::string destination = "/config/certs/server/WebServer.pem";
     root->write(destination, "installed before");
-    root->write("/tmp/offered.pem", c.contents);
+    root->write("/tmp/offered.pem", contents);
     LogCapture log;
-    std::unique_ptr<autoBinParser> parser(c.parser());
-    EXPECT_EQ(install(*parser, "offered.pem", destination), c.refusal ? 0 : 1);
-    if (c.refusal) {
+    std::unique_ptr<autoBinParser> parser(makeParser());
+    EXPECT_EQ(install(*parser, "offered.pem", destination), refusal ? 0 : 1);
+    if (refusal) {
       EXPECT_EQ(root->read(destination), "installed before");
-      EXPECT_TRUE(log.contains(c.refusal)) << log.text();
+      EXPECT_TRUE(log.contains(refusal)) << log.text();
       continue;
     }
-    EXPECT_EQ(root->read(destination), c.contents);
+    EXPECT_EQ(root->read(destination), contents);
     struct stat st;
     ASSERT_EQ(stat(root->host(destination).c_str(), &st), 0);
-    bool holdsKey = c.contents.find("PRIVATE KEY") != std::string::npos;
+    bool holdsKey = contents.find("PRIVATE KEY") != std::string::npos;
     EXPECT_EQ(st.st_mode & 0777, holdsKey ? 0600u : 0644u);
   }
 }

@@ -51,20 +51,14 @@ TEST_F(MediaTest, RingTonesUpTo8MiBWithTheExtensionWavOrWAV) {
   }
 }
 
-struct PictureCase {
-  const char* name;
-  const char* convertArguments;  // how ImageMagick makes the picture (then the output file); nullptr: text
-  std::function<autoBinParser*()> parser;
-  bool installed;
-  const char* expected;  // the installed picture's geometry, or the log line of its refusal
-};
-
 TEST_F(MediaTest, PicturesAreCheckedAndScaledByTheScript) {
   auto wallpaper = [] { return new autoWallpaper; };
   auto photo = [] { return new autoContactPhoto; };
   auto image = [] { return new autoImageParser; };
   auto logo = [] { return new autoLogoParser; };
-  const PictureCase cases[] = {
+  // name, how ImageMagick makes the picture (then the output file; nullptr: text), parser, installed,
+  // the installed picture's geometry or the log line of its refusal
+  const std::tuple<const char*, const char*, std::function<autoBinParser*()>, bool, const char*> cases[] = {
       {"big.jpg", "-size 1600x1200 gradient:red-blue", wallpaper, true, "800x480"},
       {"face.PNG", "-size 300x200 plasma:", photo, true, "128x128"},
       {"plain.JPG", "-size 300x200 xc:orange", image, true, "300x200"},
@@ -73,25 +67,25 @@ TEST_F(MediaTest, PicturesAreCheckedAndScaledByTheScript) {
       {"huge.bmp", "-size 1400x1300 gradient:red-blue -type TrueColor", wallpaper, false, "the picture is too large !"},
       {"logo.png", "-size 60x40 xc:black", logo, false, "The device can't upgrade LOGO file!"},
   };
-  for (const PictureCase& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::string source = std::string("/tmp/") + c.name;
-    std::string destination = std::string("/config/resource/wallpaper/") + c.name;
+  for (const auto& [name, convertArguments, makeParser, installed, expected] : cases) {
+    SCOPED_TRACE(name);
+    std::string source = std::string("/tmp/") + name;
+    std::string destination = std::string("/config/resource/wallpaper/") + name;
     root->write(destination, "installed before");
-    if (c.convertArguments) {
-      std::string format = std::string(c.name).find('.') == std::string::npos ? "png:" : "";
-      run(std::string("convert ") + c.convertArguments + " '" + format + root->host(source) + "'");
+    if (convertArguments) {
+      std::string format = std::string(name).find('.') == std::string::npos ? "png:" : "";
+      run(std::string("convert ") + convertArguments + " '" + format + root->host(source) + "'");
     } else {
       root->write(source, "this is not a picture\n");
     }
     LogCapture log;
-    std::unique_ptr<autoBinParser> parser(c.parser());
-    EXPECT_EQ(install(*parser, c.name, destination), c.installed ? 1 : 0);
-    if (c.installed) {
-      EXPECT_EQ(geometry(destination), c.expected);
+    std::unique_ptr<autoBinParser> parser(makeParser());
+    EXPECT_EQ(install(*parser, name, destination), installed ? 1 : 0);
+    if (installed) {
+      EXPECT_EQ(geometry(destination), expected);
     } else {
       EXPECT_EQ(root->read(destination), "installed before");
-      EXPECT_TRUE(log.contains(c.expected)) << log.text();
+      EXPECT_TRUE(log.contains(expected)) << log.text();
     }
   }
 }

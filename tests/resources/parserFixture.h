@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 
 #include <map>
-#include <memory>
 #include <string>
 
 #include "binParser.h"

@@ -3,16 +3,10 @@
 
 namespace testing_support {
 
-namespace {
-
-const char* kMakeKeys =
-    "openssl genpkey -algorithm ed25519 -out key.pem && openssl pkey -in key.pem -pubout -out pub.pem && "
-    "openssl genpkey -algorithm ed25519 -out foreign.pem";
-
-}  // namespace
-
 FirmwareKit::FirmwareKit(const TempRoot& root) : dir_("fwkit") {
-  ready_ = runCommand("cd '" + dir_.path() + "' && " + kMakeKeys) == 0;
+  ready_ = runCommand("cd '" + dir_.path() +
+                      "' && openssl genpkey -algorithm ed25519 -out key.pem && openssl pkey -in key.pem -pubout "
+                      "-out pub.pem && openssl genpkey -algorithm ed25519 -out foreign.pem") == 0;
   root.write("/phone/keys/firmware.pem", readHostFile(dir_.file("pub.pem")));
 }
 

@@ -17,14 +17,17 @@
 namespace testing_support {
 
 constexpr const char* kOwnNetworkMark = "PROVISOR_TEST_IN_NETNS";
+constexpr const char* kOwnNetworkWrapper =
+    "PROVISOR_TEST_IN_NETNS=1 unshare -n sh -c 'ip link set lo up && ip route add 224.0.0.0/4 dev lo && "
+    "exec \"$@\"' sh";
 
-inline void rerunInOwnNetwork() {
+// Runs the current test again as the command `wrapper` followed by this test binary; the inner run's
+// result is this one's.
+inline void rerunSelfUnder(const std::string& wrapper) {
   const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
   std::string output;
-  EXPECT_EQ(0, runCommand(std::string(kOwnNetworkMark) +
-                              "=1 unshare -n sh -c 'ip link set lo up && ip route add 224.0.0.0/4 "
-                              "dev lo && exec \"$@\"' sh " + selfCommand() + " '--gtest_filter=" +
-                              test->test_suite_name() + "." + test->name() + "'",
+  EXPECT_EQ(0, runCommand(wrapper + " " + selfCommand() + " '--gtest_filter=" + test->test_suite_name() + "." +
+                              test->name() + "'",
                           &output))
       << output;
   EXPECT_NE(std::string::npos, output.find("[  PASSED  ] 1 test")) << output;
@@ -41,8 +44,8 @@ inline std::string pnpServerScenario(const std::string& mac, const std::string& 
 
 }  // namespace testing_support
 
-#define RUN_IN_OWN_NETWORK()                                                \
-  if (!getenv(testing_support::kOwnNetworkMark)) {                          \
-    if (geteuid() != 0) GTEST_SKIP() << "a network namespace needs root";   \
-    return testing_support::rerunInOwnNetwork();                            \
+#define RUN_IN_OWN_NETWORK()                                                     \
+  if (!getenv(testing_support::kOwnNetworkMark)) {                               \
+    if (geteuid() != 0) GTEST_SKIP() << "a network namespace needs root";        \
+    return testing_support::rerunSelfUnder(testing_support::kOwnNetworkWrapper); \
   }

@@ -1,7 +1,6 @@
 #include "servers.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -159,9 +158,8 @@ bool HttpServer::start(const TestCa* ca, const TestCa* otherCa) {
   port_ = freePort();
   const std::string d = dir_.path();
   dir_.write("htpasswd", "user:{PLAIN}secret\n");
-  const std::string users = passwordFile_.empty() ? d + "/htpasswd" : passwordFile_;
   const std::string authorised =
-      "    location /auth/ { auth_basic \"provisor\"; auth_basic_user_file " + users + "; }\n";
+      "    location /auth/ { auth_basic \"provisor\"; auth_basic_user_file " + d + "/htpasswd; }\n";
   // One server block per port; TLS ones carry the certificate their CA issued.
   auto server = [&](int port, const TestCa* tls, const std::string& extra) {
     std::string block = "  server {\n    listen 127.0.0.1:" + std::to_string(port) + (tls ? " ssl" : "") + ";\n";

@@ -110,13 +110,10 @@ class HttpServer {
   int tlsPort() const { return tlsPort_; }
   int otherTlsPort() const { return otherTlsPort_; }
   void put(const std::string& path, const std::string& contents) const { dir_.write("www/" + path, contents); }
-  // Before start: /auth/ checks users against this file (host path) instead of its own.
-  void setPasswordFile(const std::string& hostPath) { passwordFile_ = hostPath; }
 
  private:
   ScratchDir dir_;
   ServerProcess process_;
-  std::string passwordFile_;
   int port_ = -1;
   int tlsPort_ = -1;
   int otherTlsPort_ = -1;

@@ -47,10 +47,6 @@ ScratchDir::~ScratchDir() {
     runCommand("rm -rf '" + path_ + "'");
 }
 
-void ScratchDir::write(const std::string& relative, const std::string& contents) const {
-  writeHostFile(file(relative), contents);
-}
-
 TempRoot::TempRoot() : dir_("test", true) {
   const char* previous = getenv("PROVISOR_ROOT");
   hadEnv_ = previous != nullptr;
@@ -67,12 +63,6 @@ TempRoot::~TempRoot() {
     unsetenv("PROVISOR_ROOT");
   platformSetRoot(hadEnv_ ? previousEnv_ : "");
 }
-
-void TempRoot::write(const std::string& logical, const std::string& contents) const {
-  writeHostFile(host(logical), contents);
-}
-
-std::string TempRoot::read(const std::string& logical) const { return readHostFile(host(logical)); }
 
 bool TempRoot::exists(const std::string& logical) const { return access(host(logical).c_str(), F_OK) == 0; }
 

@@ -12,6 +12,11 @@
 
 namespace testing_support {
 
+// The whole contents of a file by its host path ("" when it cannot be read).
+std::string readHostFile(const std::string& path);
+// Writes a file by its host path, parents created, mode 0644.
+void writeHostFile(const std::string& path, const std::string& contents);
+
 // A throw-away directory, removed with everything in it. Under /tmp (readable by the unprivileged
 // users that servers drop to), or under $TMPDIR when `underTmpdir`.
 class ScratchDir {
@@ -22,7 +27,9 @@ class ScratchDir {
   ScratchDir& operator=(const ScratchDir&) = delete;
   const std::string& path() const { return path_; }
   // Writes a file (parents created), mode 0644.
-  void write(const std::string& relative, const std::string& contents) const;
+  void write(const std::string& relative, const std::string& contents) const {
+    writeHostFile(file(relative), contents);
+  }
   std::string file(const std::string& relative) const { return path_ + "/" + relative; }
 
  private:
@@ -41,8 +48,8 @@ class TempRoot {
   // Host path of a logical path ("/config/x" -> "<root>/config/x").
   std::string host(const std::string& logical) const { return path() + logical; }
   // Writes a file (parents created) at a logical path.
-  void write(const std::string& logical, const std::string& contents) const;
-  std::string read(const std::string& logical) const;
+  void write(const std::string& logical, const std::string& contents) const { writeHostFile(host(logical), contents); }
+  std::string read(const std::string& logical) const { return readHostFile(host(logical)); }
   bool exists(const std::string& logical) const;
 
  private:
@@ -71,10 +78,6 @@ class LogCapture {
   void clear();
 };
 
-// The whole contents of a file by its host path ("" when it cannot be read).
-std::string readHostFile(const std::string& path);
-// Writes a file by its host path, parents created, mode 0644.
-void writeHostFile(const std::string& path, const std::string& contents);
 // Runs a command through /bin/sh, returns its exit status and fills `output` with stdout+stderr.
 int runCommand(const std::string& command, std::string* output = nullptr);
 // A free TCP (or UDP) port on 127.0.0.1.
