@@ -123,8 +123,6 @@ TEST(FtpServer, UserLogInPassiveAndActiveOverIPv4AndIPv6) {
       EXPECT_NE(server.log().find("[nobody] OK LOGIN"), std::string::npos);
     }
   }
-  EXPECT_TRUE(log.contains("ExcuteCommandE [PORT (127,0,0,1,"));
-  EXPECT_TRUE(log.contains("200 PORT command successful"));
 }
 
 }  // namespace

