@@ -238,10 +238,9 @@ TEST_F(DaemonRunTest, ZeroTouchStartHostNamePushedFileAndUpdateConfigRecord) {
   EXPECT_EQ(daemon.stop(SIGTERM), 0);
   EXPECT_EQ(msgGetThreadByName("provisor"), "");
   std::string log = daemon.log();
-  for (const char* line :
-       {"] WAR Run by Zero-sp-Touch Thread !\n", "] IFO Zero-sp-touch launch Autop,do not PNP!!!\n",
-        "Receive Message [MSG_GET_AUTO_PROVISION] ! Will ReplyMessage [0]", "uuuu:******@127.0.0.1",
-        "Autop Success,Close Redirect!", "fileDownload::OpenDownloadStream[127.0.0.1][/en/"})
+  for (const char* line : {"] WAR Run by Zero-sp-Touch Thread !\n", "] IFO Zero-sp-touch launch Autop,do not PNP!!!\n",
+                           "Receive Message [MSG_GET_AUTO_PROVISION] ! Will ReplyMessage [0]", "uuuu:******@127.0.0.1",
+                           "Autop Success,Close Redirect!", "fileDownload::OpenDownloadStream[127.0.0.1][/en/"})
     EXPECT_TRUE(contains(log, line)) << line;
   EXPECT_FALSE(contains(log, "s3cret"));
   EXPECT_FALSE(contains(log, "DecryptionFile error!"));  // each file with its own key of the record

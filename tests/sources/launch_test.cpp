@@ -28,8 +28,9 @@ class LaunchTest : public RootedTest {};
 TEST(LaunchText, DhcpOptionValues) {
   // An odd-length hexadecimal text and a host name stay plain text.
   const std::pair<const char*, const char*> cases[] = {
-      {"c0a80a01", "192.168.10.1"}, {"7F000001", "127.0.0.1"}, {"http://10.0.0.1/cfg/", "http://10.0.0.1/cfg/"},
-      {"c0a80a0", "c0a80a0"},       {"tftp.example", "tftp.example"}};
+      {"c0a80a01", "192.168.10.1"}, {"7F000001", "127.0.0.1"},        {"http://10.0.0.1/cfg/", "http://10.0.0.1/cfg/"},
+      {"c0a80a0", "c0a80a0"},       {"tftp.example", "tftp.example"},
+  };
   for (const auto& [value, url] : cases) EXPECT_EQ(autoLaunch::dhcpOptionText(value), url) << value;
 }
 
