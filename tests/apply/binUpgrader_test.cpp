@@ -3,8 +3,6 @@
 // the unchanged configuration file that applies only covers.
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "autoParser.h"
 #include "autopTranslator.h"
 #include "servers.h"

@@ -3,9 +3,7 @@
 // hook and the crypt hash.
 #include <gtest/gtest.h>
 
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "binUpgrader.h"
 #include "cfgUpgrader.h"
@@ -87,20 +85,6 @@ class UpgraderTest : public RootedTest {
   autoCfgUpgrader upgrader;
 };
 
-// Files of several read blocks are checked against md5sum through the resource installs.
-TEST_F(UpgraderTest, Md5OfAnEmptyFileAndFailures) {
-  const std::string empty = "d41d8cd98f00b204e9800998ecf8427e";
-  root->write("/tmp/f", "");
-  std::string md5;
-  ASSERT_EQ(fileMd5("/tmp/f", &md5), 1);
-  EXPECT_EQ(md5, empty);
-  LogCapture log;
-  EXPECT_EQ(fileMd5("/tmp/f", nullptr), 0);
-  EXPECT_TRUE(log.contains("IFO MD5 error\n"));
-  EXPECT_EQ(fileMd5("/tmp/missing", &md5), 0);
-  EXPECT_TRUE(log.contains("IFO /tmp/missing can't be opened\n"));
-}
-
 TEST_F(UpgraderTest, EverySectionReachesItsFileAndUnwritableItemsAreSkipped) {
   const std::string account = "/config/user/voip/sipAccount0.cfg";
   setting(account, "[account]\nEnable = 0\nLabel = old\n");
@@ -180,7 +164,7 @@ TEST_F(UpgraderTest, ValueRules) {
   }
 }
 
-TEST_F(UpgraderTest, SecretsAreHashedOrEncryptedAndNeverLogged) {
+TEST_F(UpgraderTest, SecretsAreHashedOrEncryptedAndNeverLoggedAndWebLoginNamesFollow) {
   LogCapture log;
   auto pin = makeItem("/config/user/user.ini", "Phone_Lock", "Unlock_PIN", "4711", "phone_setting.phone_lock.unlock_pin");
   EXPECT_EQ(prepare(*pin), 1);
@@ -193,33 +177,26 @@ TEST_F(UpgraderTest, SecretsAreHashedOrEncryptedAndNeverLogged) {
   secret->encrypt = true;
   EXPECT_EQ(prepare(*secret), 0);
   EXPECT_EQ(secret->value, "s3cret!");
-  setting("/config/user/user.ini", "[PhoneSetting]\nEnLock = 1\n");
+  setting("/config/user/user.ini", "[PhoneSetting]\nEnLock = 1\n[UserName]\nadmin = admin\n");
   EXPECT_EQ(prepare(*secret), 1);
   std::string plain;
   ASSERT_EQ(pw_data_decrypt(secret->value, plain), 0);
   EXPECT_EQ(plain, "s3cret!");
 
+  // A web login name change is carried to the password file too.
+  root->write("/config/data/htpasswd", "admin:xyz\nguest:abc\n");
   autopItemList items;
   items.push_back(makeItem("/config/user/user.ini", "Phone_Lock", "Unlock_PIN", "918273"));
   items.push_back(makeItem("/config/user/voip/sipAccount0.cfg", "account", "password", "hunter22"));
+  items.push_back(makeItem("/config/user/user.ini", "UserName", "admin", "root"));
+  items.push_back(makeItem("/config/user/other.ini", "UserName", "user", "guest"));
+  items.push_back(makeItem("/config/user/user.ini", "UserName", "nobody", "x"));
   log.clear();
   EXPECT_EQ(upgrader.upgrade(items), 1);
   EXPECT_TRUE(log.contains("Set [Phone_Lock::Unlock_PIN] Value [********]"));
   EXPECT_TRUE(log.contains("Set [account::password] Value [********]"));
   EXPECT_EQ(onDisk("/config/user/voip/sipAccount0.cfg", "account", "password"), "hunter22");
   for (const char* secretText : {"918273", "hunter22"}) EXPECT_FALSE(log.contains(secretText)) << secretText;
-  EXPECT_EQ(upgrader.prepareItemValue(nullptr), 0);
-}
-
-TEST_F(UpgraderTest, WebLoginNameChangeIsCarriedToThePasswordFile) {
-  setting("/config/user/user.ini", "[UserName]\nadmin = admin\n");
-  root->write("/config/data/htpasswd", "admin:xyz\nguest:abc\n");
-  LogCapture log;
-  autopItemList items;
-  items.push_back(makeItem("/config/user/user.ini", "UserName", "admin", "root"));
-  items.push_back(makeItem("/config/user/other.ini", "UserName", "user", "guest"));
-  items.push_back(makeItem("/config/user/user.ini", "UserName", "nobody", "x"));
-  EXPECT_EQ(upgrader.upgrade(items), 1);
   EXPECT_TRUE(log.contains("IFO Modify Web Login UserName [admin] =>> [root]"));
   for (const char* other : {"=>> [guest]", "=>> [x]"}) EXPECT_FALSE(log.contains(other)) << other;
   EXPECT_EQ(root->read("/config/data/htpasswd"), "root:xyz\nguest:abc\n");

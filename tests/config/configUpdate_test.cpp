@@ -4,9 +4,6 @@
 // stops. Cipher files are made by openssl.
 #include <gtest/gtest.h>
 
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <thread>
 #include <tuple>
@@ -90,9 +87,7 @@ TEST_F(ConfigUpdateTest, DecryptedFileWhatIsAppliedAndWhatAsksForAReboot) {
 TEST_F(ConfigUpdateTest, FailedWriteLeavesTheFileToApplyAgain) {
   root->write("/srv/x.cfg", m7("account.1.label = 5\n"));
   root->write("/config/user", "a file where a directory must go");
-  LogCapture log;
   EXPECT_EQ(update("/srv/x.cfg"), kUpdateDone);
-  EXPECT_TRUE(log.contains("Fail to flush all file !!"));
   ASSERT_EQ(unlink(root->host("/config/user").c_str()), 0);
   registryResetCache();
   EXPECT_EQ(update("/srv/x.cfg"), kUpdateDone);
@@ -106,8 +101,7 @@ TEST_F(ConfigUpdateTest, EndlessServerIsCutOffAtTheLimit) {
   std::atomic<size_t> sent{0};
   std::thread script([&] {
     int fd = server.accept();
-    while (fd >= 0 && !net_test::readLine(fd).empty()) {
-    }
+    net_test::readRequest(fd);
     net_test::sendText(fd, "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nConnection: close\r\n\r\n#!version:1\n");
     const std::string block(64 * 1024, '#');
     for (ssize_t n = 1; n > 0 && sent < kOffered; sent += n > 0 ? static_cast<size_t>(n) : 0)

@@ -86,7 +86,6 @@ TEST_F(RomInstallerTest, ARefusingServerGetsFiveAttemptsAndDunaChecksTheHeaderBe
   EXPECT_EQ(createRomInstallerFor("lyra")->install(refusing.c_str()), 0);
   for (int attempt = 1; attempt <= 6; ++attempt)
     EXPECT_EQ(log.contains("Can't connect to server!retry " + std::to_string(attempt)), attempt <= 5) << attempt;
-  EXPECT_TRUE(log.contains("Open DownloadStream fail!!"));
 
   useFamily("duna");
   TftpServer tftp;

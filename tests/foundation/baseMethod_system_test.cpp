@@ -9,7 +9,6 @@
 #include <regex>
 #include <thread>
 #include <tuple>
-#include <vector>
 
 #include "actions.h"
 #include "autopMessages.h"
@@ -62,7 +61,7 @@ class SystemHelpersTest : public RootedTest {
 
 }  // namespace
 
-TEST_F(SystemHelpersTest, CallEndWaitAsksUntilThePhoneAllowsARestartOrGivesUpAndTr069Messages) {
+TEST_F(SystemHelpersTest, CallEndWaitAsksUntilThePhoneAllowsARestartOrGivesUp) {
   // the phone's answers in turn (the last one repeating), the result, the waits for a call
   const std::tuple<std::vector<int32_t>, int, size_t> cases[] = {{{0, 0, 1}, 0, 2}, {{0}, -1, 241}, {{0, 7}, -1, 1}};
   for (const auto& [answers, result, talking] : cases) {
@@ -74,12 +73,6 @@ TEST_F(SystemHelpersTest, CallEndWaitAsksUntilThePhoneAllowsARestartOrGivesUpAnd
     EXPECT_EQ(fakeClock.elapsedMs() - before, talking * 30u);  // every wait on the fake clock
     EXPECT_TRUE(capture.contains("IFO SEND MESSAGE:10011(0,0) to TalkLogic\n\n"));
   }
-  // The TR-069 agent is asked only when it runs.
-  LogCapture capture;
-  EXPECT_EQ(sendToTr069(0x123, 1, 2), -1);
-  EXPECT_TRUE(capture.contains("IFO SEND MESSAGE:123(1,2) to tr069\n"));
-  StandIn agent(kThreadTr069, {42});
-  EXPECT_EQ(sendToTr069(0x123, 1, 2), 42);
 }
 
 TEST_F(SystemHelpersTest, KillsProcessesOfAFakeProcTreeByScriptOrKernelName) {
@@ -101,9 +94,7 @@ TEST_F(SystemHelpersTest, KillsProcessesOfAFakeProcTreeByScriptOrKernelName) {
   EXPECT_EQ(countOf(log, "\n"), 4u);
 
   ASSERT_EQ(system(("rm -rf '" + root->host("/proc") + "'").c_str()), 0);
-  LogCapture capture;
   EXPECT_EQ(killProcesses(names, 2, false), -14);
-  EXPECT_TRUE(capture.contains("failed to open /proc"));
 }
 
 TEST_F(SystemHelpersTest, RebootNoticeOnScreenAndDisplay) {
@@ -114,7 +105,6 @@ TEST_F(SystemHelpersTest, RebootNoticeOnScreenAndDisplay) {
   StandIn screen(kThreadScreen, {0});
   uint64_t before = fakeClock.elapsedMs();
   EXPECT_EQ(showRebootOnScreen(), 0);
-  EXPECT_TRUE(capture.contains("IFO Post reboot MSG to screen!"));
   EXPECT_EQ(fakeClock.elapsedMs() - before, 10000u + 60u * 5000u);
   EXPECT_EQ(countOf(actions(), "ioctl /dev/lcd0 0x14 243\n"), countOf(actions(), "\n"));
   EXPECT_EQ(countOf(actions(), "\n"), 60u);

@@ -32,7 +32,6 @@ int fakeStatfs(const char* path, struct statfs* result) {
 TEST(BaseMethod, NumbersDirectoryNamesAndResourceNames) {
   for (const auto& [text, number] : {std::pair<const char*, int>{"0123456789", 1}, {"", 1}, {"12a", 0}, {"-1", 0}, {" 1", 0}})
     EXPECT_EQ(isNumber(text), number) << text;
-  EXPECT_EQ(isNumber(nullptr), 0);
   // Without a "/" the output is left as it was.
   for (const auto& [path, dir] : {std::pair<const char*, const char*>{"/config/system/system.ini", "/config/system"},
                                   {"/x", ""}, {"plain", "unchanged"}}) {
@@ -62,9 +61,7 @@ TEST_F(BaseMethodTest, FilesDirectoriesAndListings) {
   ASSERT_EQ(copyFile("/tmp/big.bin", "/config/target.bin"), 0);
   EXPECT_EQ(root->read("/config/target.bin"), big);
 
-  LogCapture capture;
   EXPECT_EQ(copyFile("/tmp/missing", "/config/t2"), -1);
-  EXPECT_TRUE(capture.contains("IFO Source file [/tmp/missing] can't open! \n"));
   EXPECT_FALSE(root->exists("/config/t2"));
 
   // Success means the directory is there, existing or not, and also for a path already under the root.
@@ -94,7 +91,6 @@ TEST_F(BaseMethodTest, FilesDirectoriesAndListings) {
 }
 
 TEST_F(BaseMethodTest, PartitionFreeSize) {
-  LogCapture capture;
   EXPECT_EQ(partitionFreeSize("/tmp/deep/dir/firmware.rom"), 62914560);
   EXPECT_FALSE(root->exists("/tmp/deep"));  // /tmp is never asked
   EXPECT_EQ(partitionFreeSize("nofolder"), 0);
@@ -106,11 +102,9 @@ TEST_F(BaseMethodTest, PartitionFreeSize) {
   gFakeStatfs.f_bfree = 1000;
   EXPECT_EQ(partitionFreeSize("/config/resource/ring.wav"), 4096000);
   EXPECT_EQ(gStatfsPath, root->host("/config/resource"));  // created first
-  EXPECT_TRUE(capture.contains("IFO partion [/config/resource] free size:4096000 byte, 4000 KB"));
 
   gFakeStatfs.f_type = 0x72b6;  // JFFS2
   EXPECT_EQ(partitionFreeSize("/config/resource/ring.wav"), 4096000 - 65536);
-  EXPECT_TRUE(capture.contains("jffs2 file system, decrease 64K"));
 
   // Beyond what a 32-bit size holds.
   gFakeStatfs.f_type = 0xEF53;

@@ -26,15 +26,12 @@ std::string flip(std::string bytes, size_t at) {
 class LaunchTest : public RootedTest {};
 
 TEST(LaunchText, DhcpOptionValues) {
-  const struct {
-    const char* value;
-    const char* url;
-  } cases[] = {
-      {"c0a80a01", "192.168.10.1"},     {"7F000001", "127.0.0.1"}, {"http://10.0.0.1/cfg/", "http://10.0.0.1/cfg/"},
-      {"c0a80a0", "c0a80a0"},  // odd length: plain text
-      {"tftp.example", "tftp.example"},
+  // An odd-length hexadecimal text and a host name stay plain text.
+  const std::pair<const char*, const char*> cases[] = {
+      {"c0a80a01", "192.168.10.1"}, {"7F000001", "127.0.0.1"},        {"http://10.0.0.1/cfg/", "http://10.0.0.1/cfg/"},
+      {"c0a80a0", "c0a80a0"},       {"tftp.example", "tftp.example"},
   };
-  for (const auto& c : cases) EXPECT_EQ(autoLaunch::dhcpOptionText(c.value), c.url) << c.value;
+  for (const auto& [value, url] : cases) EXPECT_EQ(autoLaunch::dhcpOptionText(value), url) << value;
 }
 
 TEST_F(LaunchTest, CredentialsGoIntoServerUrlsAndNeverIntoLogTexts) {
@@ -60,7 +57,6 @@ TEST_F(LaunchTest, NetworkWaitGivesUpAfterTwoMinutes) {
   LogCapture log;
   EXPECT_FALSE(autoLaunch::waitNetworkReady());
   EXPECT_EQ(fakeClock.elapsedMs(), 120000u);
-  EXPECT_TRUE(log.contains("Network not ready, skip upgrade"));
   EXPECT_FALSE(autoLaunch::launchUrlUpgrade("http://127.0.0.1:1/x.cfg"));
   EXPECT_FALSE(log.contains("UpgradeFromURL"));
 }
