@@ -3,6 +3,7 @@
 // hook and the crypt hash.
 #include <gtest/gtest.h>
 
+#include <set>
 #include <tuple>
 
 #include "binUpgrader.h"
@@ -217,6 +218,10 @@ TEST(CryptPassword, ReproducesFromItsOwnSaltAndCutsAt20) {
   std::string perl;
   ASSERT_EQ(runCommand("perl -e 'print crypt(\"New#pw8\", \"ab\")'", &perl), 0);
   EXPECT_EQ(cryptPassword("New#pw8", "ab"), perl);
+  // Random salts differ (64 * 64 possibilities), so equal passwords do not show as equal hashes.
+  std::set<std::string> salts;
+  for (int i = 0; i < 20; ++i) salts.insert(cryptPassword("pw", nullptr).substr(0, 2));
+  EXPECT_GT(salts.size(), 1u);
   // A salt the library refuses (a damaged password file entry) still gives a usable hash.
   std::string repaired = cryptPassword("pw", "*0");
   ASSERT_EQ(repaired.size(), 13u);

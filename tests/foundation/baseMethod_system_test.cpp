@@ -6,7 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <regex>
+#include <sstream>
 #include <thread>
 #include <tuple>
 
@@ -131,7 +131,10 @@ TEST_F(SystemHelpersTest, RebootBacksUpTheLogHandsOverToTheWatchdogAndRestarts) 
   EXPECT_EQ(root->read("/config/autop_log/log.0"), "second run\n");
   EXPECT_EQ(root->read("/config/autop_log/log.1"), "first run\n");
   // The log without its "[module:line] " prefixes.
-  const std::string log = std::regex_replace(root->read("/tmp/reboot.out"), std::regex("(^|\n)\\[[^\\]\n]*\\] "), "$1");
+  std::string log;
+  std::istringstream lines(root->read("/tmp/reboot.out"));
+  for (std::string line; std::getline(lines, line);)
+    log += (line.rfind('[', 0) == 0 ? line.substr(line.find("] ") + 2) : line) + "\n";
   EXPECT_EQ(log,
             "IFO backup attlog to flash ... \nWAR Reboot by watchdog !\nWAR to ioctl ... \nWAR Successed in closing "
             "watchdog !!\nWAR Sleep 10s for reboot by watchdog ...\nWAR Reboot by syscall ... \n");
