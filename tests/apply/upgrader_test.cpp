@@ -167,7 +167,8 @@ TEST_F(UpgraderTest, ValueRules) {
 
 TEST_F(UpgraderTest, SecretsAreHashedOrEncryptedAndNeverLoggedAndWebLoginNamesFollow) {
   LogCapture log;
-  auto pin = makeItem("/config/user/user.ini", "Phone_Lock", "Unlock_PIN", "4711", "phone_setting.phone_lock.unlock_pin");
+  auto pin =
+      makeItem("/config/user/user.ini", "Phone_Lock", "Unlock_PIN", "4711", "phone_setting.phone_lock.unlock_pin");
   EXPECT_EQ(prepare(*pin), 1);
   ASSERT_EQ(pin->value.size(), 13u);
   EXPECT_EQ(cryptPassword("4711", pin->value.c_str()), pin->value);

@@ -64,7 +64,9 @@ class TranslatorTest : public RootedTest {
   autopTranslator table;
 };
 
-std::string wrapped(const std::string& objects) { return "<autopTranslator><cfg>" + objects + "</cfg></autopTranslator>"; }
+std::string wrapped(const std::string& objects) {
+  return "<autopTranslator><cfg>" + objects + "</cfg></autopTranslator>";
+}
 
 TEST_F(TranslatorTest, ForwardLookups) {
   const std::string longName(kAutopKeyMax - 4, 'n');

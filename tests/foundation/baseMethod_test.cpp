@@ -30,7 +30,8 @@ int fakeStatfs(const char* path, struct statfs* result) {
 }  // namespace
 
 TEST(BaseMethod, NumbersDirectoryNamesAndResourceNames) {
-  for (const auto& [text, number] : {std::pair<const char*, int>{"0123456789", 1}, {"", 1}, {"12a", 0}, {"-1", 0}, {" 1", 0}})
+  for (const auto& [text, number] :
+       {std::pair<const char*, int>{"0123456789", 1}, {"", 1}, {"12a", 0}, {"-1", 0}, {" 1", 0}})
     EXPECT_EQ(isNumber(text), number) << text;
   // Without a "/" the output is left as it was.
   for (const auto& [path, dir] : {std::pair<const char*, const char*>{"/config/system/system.ini", "/config/system"},

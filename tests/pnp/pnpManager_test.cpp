@@ -187,7 +187,8 @@ TEST(PnpDiscovery, OneFetchableUrlTakenOnceAmongBadNotifiesAndRetransmissions) {
   std::string cutShort = notify("a@b", 1, kUrl);
   cutShort.pop_back();
   const std::string url = "http://127.0.0.1/" + std::string(338, 'x');
-  const std::string good = notify("out-of-dialog@10.9.9.9", 42, "\r\n\t" + url + "\r\n", "Record-Route: <sip:10.9.9.9;lr>\r\n");
+  const std::string good =
+      notify("out-of-dialog@10.9.9.9", 42, "\r\n\t" + url + "\r\n", "Record-Route: <sip:10.9.9.9;lr>\r\n");
   const std::string burst[] = {
       cutShort,
       "NOTIFY sip:x SIP/2.0\r\nVia: SIP/2.0/UDP 1.2.3.4\r\n\r\n",

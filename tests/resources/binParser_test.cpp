@@ -1,5 +1,5 @@
-// The parser framework: the factory's table and fallback, the delete command, the install sequence with its post step, and the
-// free-space check against a really small partition.
+// The parser framework: the factory's table and fallback, the delete command, the install sequence
+// with its post step, and the free-space check against a really small partition.
 #include <sys/mount.h>
 #include <unistd.h>
 

@@ -168,11 +168,12 @@ bool HttpServer::start(const TestCa* ca, const TestCa* otherCa) {
                tls->file("server.key") + ";\n";
     return block + "    root " + d + "/www;\n" + extra + "  }\n";
   };
-  std::string conf = "master_process off;\nerror_log " + d + "/error.log;\npid " + d +
-                     "/nginx.pid;\nevents { worker_connections 64; }\nhttp {\n  access_log " + d +
-                     "/access.log;\n  client_body_temp_path " + d + "/body;\n  proxy_temp_path " + d +
-                     "/proxy;\n  fastcgi_temp_path " + d + "/fastcgi;\n  default_type application/octet-stream;\n" +
-                     server(port_, nullptr, authorised + "    location = /redirect { return 302 /files/redirected.bin; }\n");
+  std::string conf =
+      "master_process off;\nerror_log " + d + "/error.log;\npid " + d +
+      "/nginx.pid;\nevents { worker_connections 64; }\nhttp {\n  access_log " + d +
+      "/access.log;\n  client_body_temp_path " + d + "/body;\n  proxy_temp_path " + d +
+      "/proxy;\n  fastcgi_temp_path " + d + "/fastcgi;\n  default_type application/octet-stream;\n" +
+      server(port_, nullptr, authorised + "    location = /redirect { return 302 /files/redirected.bin; }\n");
   if (ca) conf += server(tlsPort_ = freePort(), ca, authorised);
   if (otherCa) conf += server(otherTlsPort_ = freePort(), otherCa, "");
   dir_.write("nginx.conf", conf + "}\n");
