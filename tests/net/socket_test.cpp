@@ -71,10 +71,12 @@ TEST(NetSocket, EdgesOfSendsAndReceivesAndPackets) {
   writer.join();
   client.StreamBuffer().clear();
 
-  // A length-prefixed packet of 10,485,760 bytes is refused.
+  // A length-prefixed packet of 10,485,760 bytes is refused from its prefix, without waiting for it.
   sendText(server, std::string("\0\xa0\0\0", 4));
   byteArray packet;
+  testing_support::LogCapture log;
   EXPECT_FALSE(client.ReceivePacket(packet, 5000));
+  EXPECT_TRUE(log.contains("Assertion failed : nPacketSize > 0 && nPacketSize < 10 * 1024 * 1024"));
   client.StreamBuffer().clear();
 
   // A close by the peer ends the connection; a further read fails.
