@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdarg>
+#include <string>
 
 // Highest level written; records above it are dropped. Nothing in the service changes it.
 constexpr int kLogLevelDefault = 5;
@@ -19,6 +20,11 @@ void logDebug(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void logInfo(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void logWarning(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void logError(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// Text from outside the phone (a server's file or entry names, its messages, URLs) as it may
+// appear inside a log line: every control character and DEL written as an escape ("\n", "\r",
+// "\t", "\x1b"), so a name holding a line end can never forge a record of its own.
+std::string logEscaped(const std::string& text);
 
 // Log level that maps to each system-log priority (for tests and the platform trace).
 int logSyslogPriority(int level);

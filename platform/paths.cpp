@@ -15,6 +15,7 @@
 #include <mutex>
 #include <vector>
 
+#include "descriptor.h"
 #include "log.h"
 
 namespace {
@@ -45,27 +46,6 @@ bool makeParentDirs(const std::string& hostFile) {
   return true;
 }
 
-// Closes a descriptor on scope exit.
-struct FdGuard {
-  int fd;
-  ~FdGuard() {
-    if (fd >= 0) close(fd);
-  }
-};
-
-bool writeAll(int fd, const std::string& data) {
-  size_t done = 0;
-  while (done < data.size()) {
-    ssize_t n = write(fd, data.data() + done, data.size() - done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
-
 constexpr mode_t kNewFileMode = 0644;
 constexpr const char* kTemporaryMark = ".tmp";
 
@@ -86,10 +66,10 @@ bool isTemporaryOf(const std::string& name, const std::string& base) {
 
 // Removes the temporary when no writer holds its lock and the name still is the file locked.
 bool removeIfUnlocked(const std::string& file) {
-  FdGuard fd{open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC)};
-  if (fd.fd < 0 || flock(fd.fd, LOCK_EX | LOCK_NB) != 0) return false;
+  UniqueFd fd(open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd.valid() || flock(fd.get(), LOCK_EX | LOCK_NB) != 0) return false;
   struct stat held, named;
-  if (fstat(fd.fd, &held) != 0 || lstat(file.c_str(), &named) != 0) return false;
+  if (fstat(fd.get(), &held) != 0 || lstat(file.c_str(), &named) != 0) return false;
   if (held.st_dev != named.st_dev || held.st_ino != named.st_ino) return false;
   return unlink(file.c_str()) == 0;
 }
@@ -252,26 +232,24 @@ bool writeFileAtomic(const std::string& logicalPath, const std::string& contents
   std::string temporary;
   {
     // The lock lives until the descriptor closes, after the rename.
-    FdGuard fd{createAtomicTemporary(target, temporary)};
-    if (fd.fd < 0) return false;
-    if (!writeAll(fd.fd, contents) || fsync(fd.fd) != 0 || rename(temporary.c_str(), target.c_str()) != 0) {
+    UniqueFd fd(createAtomicTemporary(target, temporary));
+    if (!fd.valid()) return false;
+    if (!writeAll(fd.get(), contents.data(), contents.size()) || fsync(fd.get()) != 0 ||
+        rename(temporary.c_str(), target.c_str()) != 0) {
       unlink(temporary.c_str());
       return false;
     }
   }
   // The rename itself must reach the disk before we call the new contents written.
-  size_t slash = target.rfind('/');
-  FdGuard dir{open(slash == std::string::npos || slash == 0 ? "/" : target.substr(0, slash).c_str(),
-                   O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
-  if (dir.fd >= 0) fsync(dir.fd);
+  syncParentDirectory(target);
   return true;
 }
 
 bool createPrivateFile(const std::string& logicalPath) {
   const std::string file = hostPath(logicalPath);
-  FdGuard fd{open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)};
+  UniqueFd fd(open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
   // An older file of that name may have been readable by all.
-  return fd.fd >= 0 && fchmod(fd.fd, 0600) == 0;
+  return fd.valid() && fchmod(fd.get(), 0600) == 0;
 }
 
 std::string pathAppend(const std::string& dir, const std::string& name) {
@@ -283,4 +261,13 @@ std::string pathAppend(const std::string& dir, const std::string& name) {
 size_t pathGetFileNamePos(const std::string& path) {
   size_t slash = path.rfind('/');
   return slash == std::string::npos ? 0 : slash + 1;
+}
+
+bool isSafeServerFileName(const std::string& name) {
+  constexpr size_t kMaxFileName = 255;
+  if (name.empty() || name.size() > kMaxFileName || name[0] == '-' || name[0] == '.') return false;
+  for (unsigned char c : name) {
+    if (c < 0x20 || c == 0x7f || c == '/' || strchr("$`;|&<>\\'\"*?", c)) return false;
+  }
+  return true;
 }

@@ -68,3 +68,9 @@ bool createPrivateFile(const std::string& logicalPath);
 std::string pathAppend(const std::string& dir, const std::string& name);
 // Offset of the file name within a path (after the last "/").
 size_t pathGetFileNamePos(const std::string& path);
+// True when a file name that a server or an archive chose may become a file of the phone: not
+// empty, at most 255 bytes, no "/", no control character, not starting with "-" or "." (options,
+// hidden files, "." and ".."), and none of the shell's metacharacters $ ` ; | & < > \ ' " * ? that
+// would turn the name into a command in another application's script. Blanks and parentheses
+// ("Ring (1).wav") are allowed.
+bool isSafeServerFileName(const std::string& name);

@@ -193,3 +193,25 @@ FIXED_LEVEL(logInfo, 4, "IFO:")
 FIXED_LEVEL(logWarning, 3, "WAR:")
 FIXED_LEVEL(logError, 2, "ERR:")
 #undef FIXED_LEVEL
+
+std::string logEscaped(const std::string& text) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(text.size());
+  for (unsigned char c : text) {
+    if (c >= 0x20 && c != 0x7f) {
+      out += static_cast<char>(c);
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\r') {
+      out += "\\r";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else {
+      out += "\\x";
+      out += kHex[c >> 4];
+      out += kHex[c & 0xf];
+    }
+  }
+  return out;
+}

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "baseMethod.h"
+#include "descriptor.h"
 #include "log.h"
 #include "paths.h"
 
@@ -32,20 +33,6 @@ struct ReaderFree {
   void operator()(archive* reader) const { archive_read_free(reader); }
 };
 using ReaderPtr = std::unique_ptr<archive, ReaderFree>;
-
-class FdGuard {
- public:
-  explicit FdGuard(int fd) : fd_(fd) {}
-  ~FdGuard() {
-    if (fd_ >= 0) close(fd_);
-  }
-  FdGuard(const FdGuard&) = delete;
-  FdGuard& operator=(const FdGuard&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // A staging directory removed with its contents unless it was moved into place.
 class StagingDir {
@@ -197,17 +184,6 @@ bool linksAreSafe(const std::vector<entryInfo>& entries) {
   return true;
 }
 
-bool writeAllAt(int fd, const char* data, size_t size, int64_t offset) {
-  while (size > 0) {
-    ssize_t written = pwrite(fd, data, size, offset);
-    if (written <= 0) return false;
-    data += written;
-    size -= static_cast<size_t>(written);
-    offset += written;
-  }
-  return true;
-}
-
 // Walks a regular entry's data, handing each block to `sink` (nullptr: only counted). False when
 // the data is cut short or runs past the entry's size: a seekable reader skips over a missing end
 // without noticing, so every byte is read.
@@ -280,7 +256,7 @@ int openDirectoryBelow(int root, const std::vector<std::string>& parts, size_t c
 
 bool writeEntry(archive* reader, const entryInfo& info, int stagingFd, int64_t& budget) {
   std::vector<std::string> parts = splitPath(info.path);
-  FdGuard parent(openDirectoryBelow(stagingFd, parts, parts.size() - 1));
+  UniqueFd parent(openDirectoryBelow(stagingFd, parts, parts.size() - 1));
   if (parent.get() < 0) return false;
   const char* name = parts.back().c_str();
   switch (info.kind) {
@@ -290,14 +266,14 @@ bool writeEntry(archive* reader, const entryInfo& info, int stagingFd, int64_t& 
       return errno == EEXIST && fstatat(parent.get(), name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
     }
     case entryKind::kFile: {
-      FdGuard out(openat(parent.get(), name, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, info.mode));
+      UniqueFd out(openat(parent.get(), name, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, info.mode));
       return out.get() >= 0 && walkFileData(reader, info, out.get(), budget);
     }
     case entryKind::kSymlink:
       return symlinkat(info.target.c_str(), parent.get(), name) == 0;
     case entryKind::kHardlink: {
       std::vector<std::string> targetParts = splitPath(info.target);
-      FdGuard targetParent(openDirectoryBelow(stagingFd, targetParts, targetParts.size() - 1));
+      UniqueFd targetParent(openDirectoryBelow(stagingFd, targetParts, targetParts.size() - 1));
       return targetParent.get() >= 0 &&
              linkat(targetParent.get(), targetParts.back().c_str(), parent.get(), name, 0) == 0;
     }
@@ -309,7 +285,7 @@ bool writeEntry(archive* reader, const entryInfo& info, int stagingFd, int64_t& 
 bool extractInto(const std::string& archivePath, const std::vector<entryInfo>& checked,
                  const std::string& stagingHost, int64_t maxBytes) {
   ReaderPtr reader = openReader(archivePath);
-  FdGuard staging(open(stagingHost.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd staging(open(stagingHost.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!reader || staging.get() < 0) return false;
   int64_t budget = maxBytes;
   size_t index = 0;
@@ -374,11 +350,6 @@ bool overlayMove(const std::string& staged, const std::string& dest) {
     }
   }
   return true;
-}
-
-void syncDirectory(const std::string& hostDir) {
-  FdGuard fd(open(hostDir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (fd.get() >= 0) fsync(fd.get());
 }
 
 int installOverlay(const std::string& archivePath, const std::vector<entryInfo>& entries, const std::string& dirHost,

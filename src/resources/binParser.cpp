@@ -13,6 +13,7 @@
 #include "archiveParser.h"
 #include "baseMethod.h"
 #include "certParser.h"
+#include "descriptor.h"
 #include "dsskeyParser.h"
 #include "log.h"
 #include "mediaParser.h"
@@ -55,23 +56,6 @@ binParserMethodRunner& methodRunner() {
   return runner;
 }
 
-struct FdGuard {
-  int fd;
-  ~FdGuard() {
-    if (fd >= 0) close(fd);
-  }
-};
-
-bool writeAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    ssize_t written = write(fd, data, size);
-    if (written < 0) return false;
-    data += written;
-    size -= static_cast<size_t>(written);
-  }
-  return true;
-}
-
 // Copies the whole of `in` to `out`; false on any read or write error (a full partition).
 bool copyDescriptor(int in, int out) {
   std::vector<char> chunk(kCopyChunk);
@@ -80,13 +64,6 @@ bool copyDescriptor(int in, int out) {
     if (got == 0) return true;
     if (got < 0 || !writeAll(out, chunk.data(), static_cast<size_t>(got))) return false;
   }
-}
-
-void syncDirectoryOf(const std::string& hostFile) {
-  size_t slash = hostFile.rfind('/');
-  std::string dir = slash == std::string::npos || slash == 0 ? "/" : hostFile.substr(0, slash);
-  FdGuard fd{open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
-  if (fd.fd >= 0) fsync(fd.fd);
 }
 
 // A file name given by a server must stay a name inside its directory.
@@ -197,25 +174,25 @@ int autoBinParser::installCopyAtomic(const std::string& source, const std::strin
   std::string target = hostPath(destination);
   std::string parent;
   if (dirName(destination.c_str(), parent) == 0 && !parent.empty() && makeDirs(parent.c_str()) != 0) return 0;
-  FdGuard in{open(hostPath(source).c_str(), O_RDONLY | O_CLOEXEC)};
-  if (in.fd < 0) {
+  UniqueFd in(open(hostPath(source).c_str(), O_RDONLY | O_CLOEXEC));
+  if (in.get() < 0) {
     LOG_IFO("Source file [%s] can't open! \n", source.c_str());
     return 0;
   }
   // The temporary is one writeFileAtomic knows: a copy cut short by a power loss is cleared away
   // by the next write of the destination, whichever way it is written.
   std::string temporary;
-  FdGuard out{createAtomicTemporary(target, temporary)};
-  if (out.fd < 0) {
+  UniqueFd out(createAtomicTemporary(target, temporary));
+  if (out.get() < 0) {
     LOG_IFO("Target file [%s] can't open! \n", destination.c_str());
     return 0;
   }
-  if (!copyDescriptor(in.fd, out.fd) || fsync(out.fd) != 0 || rename(temporary.c_str(), target.c_str()) != 0) {
+  if (!copyDescriptor(in.get(), out.get()) || fsync(out.get()) != 0 || rename(temporary.c_str(), target.c_str()) != 0) {
     LOG_ERR("Can't write [%s] : %s", destination.c_str(), strerror(errno));
     unlink(temporary.c_str());
     return 0;
   }
-  syncDirectoryOf(target);
+  syncParentDirectory(target);
   return 1;
 }
 

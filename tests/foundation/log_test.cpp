@@ -27,3 +27,13 @@ TEST(Log, RecordFormatCutAndLevels) {
   EXPECT_EQ(capture.text(), "WAR:disk full\nDEB:d\nIFO:i\nERR:e\n" + std::string(509, 'b') + "\n" +
                                 std::string(510, 'a') + "url=http://x/%s%n\n");
 }
+
+TEST(Log, OutsideTextCannotForgeARecord) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"a\n[./src/fake :1 ] ERR injected", "a\\n[./src/fake :1 ] ERR injected"},
+      {"cr\rtab\tdel\x7f", "cr\\rtab\\tdel\\x7f"},
+      {std::string("nul\0esc\x1b", 8), "nul\\x00esc\\x1b"},
+      {"Ring (1).wav \xc3\xa9", "Ring (1).wav \xc3\xa9"},
+  };
+  for (const auto& [raw, escaped] : cases) EXPECT_EQ(logEscaped(raw), escaped);
+}

@@ -77,3 +77,19 @@ TEST_F(PathsTest, OnlyNoSuchFileMakesAPathMissing) {
     EXPECT_EQ(log.contains("stat error : " + std::string(path)), logged) << path << "\n" << log.text();
   }
 }
+
+TEST(ServerFileNames, OnlyPlainNamesMayBecomeFilesOfThePhone) {
+  const std::pair<const char*, bool> cases[] = {
+      {"ring.wav", true},         {"Ring (1).wav", true},   {"a b_c-d+e,f=g@h~.JPG", true},
+      {"", false},                {".", false},             {"..", false},
+      {".hidden", false},         {"-rf", false},           {"a/b", false},
+      {"x;id.jpg", false},        {"$(id>pwnt).jpg", false}, {"`id`.wav", false},
+      {"a|b", false},             {"a&b", false},           {"a<b", false},
+      {"a>b", false},             {"a\\b", false},          {"a'b", false},
+      {"a\"b", false},            {"*.wav", false},         {"a?.wav", false},
+      {"a\nb", false},            {"a\x7f", false},          {"tab\tname", false},
+  };
+  for (const auto& [name, safe] : cases) EXPECT_EQ(isSafeServerFileName(name), safe) << name;
+  EXPECT_TRUE(isSafeServerFileName(std::string(255, 'a')));
+  EXPECT_FALSE(isSafeServerFileName(std::string(256, 'a')));
+}
