@@ -108,21 +108,30 @@ std::string sipMessage::ExpandCompactName(const std::string& name) {
   return name;
 }
 
-bool sipMessage::Parse(const char* data, size_t size) {
+sipReadResult sipMessage::Read(const char* data, size_t size) {
   Clear();
-  if (!data) return false;
+  if (!data) return sipReadResult::kUnreadable;
   // Keep-alive line ends before the start line are allowed.
   size_t start = 0;
   while (start < size && (data[start] == '\r' || data[start] == '\n')) ++start;
   size_t headerEnd = 0;
   size_t bodyStart = 0;
   std::vector<std::string> lines;
-  bool ok = findHeaderEnd(data + start, size - start, headerEnd, bodyStart) &&
-            splitLines(data + start, headerEnd, lines) && ParseStartLine(lines.front()) &&
-            ParseHeaderLines(lines) && TakeBody(data + start + bodyStart, size - start - bodyStart) &&
-            CheckMandatoryHeaders();
-  if (!ok) Clear();
-  return ok;
+  if (!findHeaderEnd(data + start, size - start, headerEnd, bodyStart) ||
+      !splitLines(data + start, headerEnd, lines) || !ParseStartLine(lines.front()) || !ParseHeaderLines(lines)) {
+    Clear();
+    return sipReadResult::kUnreadable;
+  }
+  if (TakeBody(data + start + bodyStart, size - start - bodyStart) && CheckMandatoryHeaders())
+    return sipReadResult::kOk;
+  body_.clear();
+  return sipReadResult::kBad;
+}
+
+bool sipMessage::Parse(const char* data, size_t size) {
+  if (Read(data, size) == sipReadResult::kOk) return true;
+  Clear();
+  return false;
 }
 
 bool sipMessage::ParseStartLine(const std::string& line) {

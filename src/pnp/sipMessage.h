@@ -6,11 +6,13 @@
 // and in their compact forms (i, l, o, f, t, v, m, c, e, k, s, u), values folded over several lines
 // (each fold becomes one space), a body cut at Content-Length (extra bytes are ignored; without
 // Content-Length the body runs to the end of the datagram).
-// Refused: no empty line after the headers, NUL or a bare CR in the header block, a start line that
-// is neither "METHOD URI SIP/2.0" nor "SIP/2.0 CODE REASON", a header name that is not a token, a
-// fold with no header before it, a Content-Length that is not a decimal number, disagrees with
-// another one or promises more bytes than came, a message without Via, From, To, Call-ID or CSeq,
-// and a CSeq that is not "number method" with a number below 2^31 (and, for a request, its method).
+// Unreadable: no empty line after the headers, NUL or a bare CR in the header block, a start line
+// that is neither "METHOD URI SIP/2.0" nor "SIP/2.0 CODE REASON", a header name that is not a token,
+// a fold with no header before it. Nothing of such a datagram can be trusted.
+// Bad: a Content-Length that is not a decimal number, disagrees with another one or promises more
+// bytes than came, a message without Via, From, To, Call-ID or CSeq, and a CSeq that is not
+// "number method" with a number below 2^31 (and, for a request, its method). Its start line and
+// headers are kept, so that the sender of a bad request can be told (400).
 #pragma once
 
 #include <cstddef>
@@ -23,9 +25,14 @@ struct sipHeader {
   std::string value;  // surrounding blanks removed, folds joined by one space
 };
 
+enum class sipReadResult { kOk, kBad, kUnreadable };
+
 class sipMessage {
  public:
-  // Parses one datagram into this object. False, with the object cleared, when it is malformed.
+  // Reads one datagram into this object: kBad keeps the start line and headers (no body),
+  // kUnreadable clears the object.
+  sipReadResult Read(const char* data, size_t size);
+  // Read() for a message to act on: false, with the object cleared, unless it was kOk.
   bool Parse(const char* data, size_t size);
   void Clear() { *this = sipMessage(); }
 

@@ -3,6 +3,7 @@
 
 #include <string>
 #include <tuple>
+#include <utility>
 
 #include "sipMessage.h"
 
@@ -40,28 +41,31 @@ TEST(SipParse, AcceptsWhatASenderMayWrite) {
   }
 }
 
+// Refused whole by Parse; Read keeps the headers of those still worth a 400 answer.
 TEST(SipParse, RefusesWhole) {
-  const std::string cases[] = {
-      kNotify + kHeaders + "l: 5\r\n\r\nbody",  // Content-Length beyond the datagram
-      kNotify + kHeaders + "l: 4x\r\n\r\nbody",
-      kNotify + kHeaders + "l: -1\r\n\r\nbody",
-      kNotify + kHeaders + "l: 4\r\nContent-Length: 3\r\n\r\nbody",
-      kNotify + kHeaders + "l: 4294967300\r\n\r\nbody",
-      kNotify + kHeaders,  // no empty line
-      kNotify + " Via: V\r\n" + kHeaders + "\r\n",  // fold before any header
-      kNotify + kHeaders + "Garbage\r\n\r\n",
-      kNotify + kHeaders + "Ev ent: x\r\n\r\n",
-      kNotify + kHeaders + std::string("X: a\0b\r\n\r\n", 10),
-      kNotify + kHeaders + "X: a\rb\r\n\r\n",
-      kNoCallId + "CSeq: 1 NOTIFY\r\n\r\n",
-      kNoCallId + "i: I\r\nCSeq: 1 INFO\r\n\r\n",  // CSeq method differs
-      kNoCallId + "i: I\r\nCSeq: 2147483648 NOTIFY\r\n\r\n",
-      "NOTIFY sip:p@x SIP/3.0\r\n" + kHeaders + "\r\n",
-      "SIP/2.0 20 OK\r\n" + kHeaders + "\r\n",
+  const std::pair<std::string, sipReadResult> cases[] = {
+      {kNotify + kHeaders + "l: 5\r\n\r\nbody", sipReadResult::kBad},  // Content-Length beyond the datagram
+      {kNotify + kHeaders + "l: 4x\r\n\r\nbody", sipReadResult::kBad},
+      {kNotify + kHeaders + "l: -1\r\n\r\nbody", sipReadResult::kBad},
+      {kNotify + kHeaders + "l: 4\r\nContent-Length: 3\r\n\r\nbody", sipReadResult::kBad},
+      {kNotify + kHeaders + "l: 4294967300\r\n\r\nbody", sipReadResult::kBad},
+      {kNotify + kHeaders, sipReadResult::kUnreadable},                       // no empty line
+      {kNotify + " Via: V\r\n" + kHeaders + "\r\n", sipReadResult::kUnreadable},  // fold before any header
+      {kNotify + kHeaders + "Garbage\r\n\r\n", sipReadResult::kUnreadable},
+      {kNotify + kHeaders + "Ev ent: x\r\n\r\n", sipReadResult::kUnreadable},
+      {kNotify + kHeaders + std::string("X: a\0b\r\n\r\n", 10), sipReadResult::kUnreadable},
+      {kNotify + kHeaders + "X: a\rb\r\n\r\n", sipReadResult::kUnreadable},
+      {kNoCallId + "CSeq: 1 NOTIFY\r\n\r\n", sipReadResult::kBad},
+      {kNoCallId + "i: I\r\nCSeq: 1 INFO\r\n\r\n", sipReadResult::kBad},  // CSeq method differs
+      {kNoCallId + "i: I\r\nCSeq: 2147483648 NOTIFY\r\n\r\n", sipReadResult::kBad},
+      {"NOTIFY sip:p@x SIP/3.0\r\n" + kHeaders + "\r\n", sipReadResult::kUnreadable},
+      {"SIP/2.0 20 OK\r\n" + kHeaders + "\r\n", sipReadResult::kUnreadable},
   };
-  for (const std::string& text : cases) {
+  for (const auto& [text, read] : cases) {
     sipMessage message;
     EXPECT_FALSE(message.Parse(text.data(), text.size())) << text;
     EXPECT_TRUE(message.headers().empty()) << text;
+    EXPECT_EQ(message.Read(text.data(), text.size()), read) << text;
+    EXPECT_EQ(message.headers().empty(), read == sipReadResult::kUnreadable) << text;
   }
 }
