@@ -25,6 +25,8 @@ constexpr const char* kGenericModelName = "VideoPhone";
 constexpr uint64_t kRequestIntervalMs = 1000;
 constexpr uint64_t kLastRequestCounter = 3000;
 constexpr uint64_t kMonitorIntervalMs = 300;
+// 64 x T1: how long a server may still send (or retransmit) the NOTIFY of a SUBSCRIBE.
+constexpr uint64_t kNotifyWindowMs = 32000;
 // Enough to tell a retransmission from a new NOTIFY over the few requests of one boot.
 constexpr size_t kTakenNotifiesKept = 8;
 // Datagrams read per monitor tick, so a flood cannot hold the thread.
@@ -157,6 +159,10 @@ bool PNPManger::OnTimerMessage(msgObject& msg) {
     OnMonitorTimer();
     return true;
   }
+  if (msg.wParam == windowTimer_.id()) {
+    OnWindowTimer();
+    return true;
+  }
   return false;
 }
 
@@ -194,6 +200,7 @@ void PNPManger::OnPnpRequest(const msgObject& msg) {
     return;
   }
   requestTarget_ = target;
+  if (!windowTimer_.IsTimerRuning()) DropQueuedDatagrams();
   requestOutstanding_ = true;
   SendRequest();
   requestCounter_ = kRequestIntervalMs;
@@ -215,6 +222,7 @@ void PNPManger::SendRequest() {
   bool sent = ns_net::netSocket::SetAddress(target, requestTarget_.c_str(), kServerPort) &&
               socket_.SendTo(request.data(), static_cast<int32_t>(request.size()), target);
   LOG_IFO("send SubScribe request %s", sent ? "Ok" : "Failed");
+  windowTimer_.SetTimer(kNotifyWindowMs);
   if (!monitorTimer_.IsTimerRuning()) {
     LOG_IFO("Start port monitor");
     monitorTimer_.SetTimer(kMonitorIntervalMs);
@@ -261,18 +269,28 @@ std::string PNPManger::BuildSubscribe() {
 void PNPManger::OnRequestTimer() {
   // Killed before any re-arm, so the timer behaves the same whether it repeats or fires once.
   requestTimer_.KillTimer();
-  if (requestCounter_ > kLastRequestCounter) {
-    // Deliberate departure: the fourth try gets its second to be answered like the others; only
-    // then is the request no longer outstanding, and later NOTIFYs are dropped.
-    requestOutstanding_ = false;
-    LOG_IFO("No answer to the PNP request, wait for the next one");
-    return;
-  }
   SendRequest();
   requestCounter_ += kRequestIntervalMs;
-  if (requestCounter_ <= kLastRequestCounter)
-    LOG_IFO("Set PNP Request Timer [%d]", static_cast<int32_t>(requestCounter_));
+  if (requestCounter_ > kLastRequestCounter) return;
+  LOG_IFO("Set PNP Request Timer [%d]", static_cast<int32_t>(requestCounter_));
   requestTimer_.SetTimer(kRequestIntervalMs);
+}
+
+void PNPManger::OnWindowTimer() {
+  windowTimer_.KillTimer();
+  requestTimer_.KillTimer();
+  monitorTimer_.KillTimer();
+  if (requestOutstanding_) LOG_IFO("No answer to the PNP request, wait for the next one");
+  requestOutstanding_ = false;
+  LOG_IFO("Stop port monitor");
+  CloseSocket();
+}
+
+void PNPManger::DropQueuedDatagrams() {
+  if (socket_.handle() == ns_net::INVALID_SOCKET) return;
+  int dropped = 0;
+  while (dropped < kDatagramsPerTick * 32 && socket_.ReceiveFromTimed(0) > 0) ++dropped;
+  if (dropped > 0) LOG_DEB("Drop %d datagrams that came before the PNP request", dropped);
 }
 
 void PNPManger::OnMonitorTimer() {
@@ -316,8 +334,8 @@ void PNPManger::HandleNotify(const sipMessage& notify, const ns_net::netAddress&
     Answer(notify, from);
     return;
   }
-  // Deliberate departure: on a shared LAN only the answer to our own outstanding request counts,
-  // and only when it is a URL this phone can fetch.
+  // Deliberate departure: on a shared LAN only the first answer to our own request counts, and
+  // only when it is a URL this phone can fetch.
   if (!requestOutstanding_) {
     LOG_WAR("No PNP request outstanding, NOTIFY dropped");
     return;
@@ -335,6 +353,8 @@ void PNPManger::HandleNotify(const sipMessage& notify, const ns_net::netAddress&
   LOG_IFO("Receive %d kill Request timer", static_cast<int32_t>(size));
   requestTimer_.KillTimer();
   requestOutstanding_ = false;
+  // The port stays open for retransmissions of this NOTIFY.
+  windowTimer_.SetTimer(kNotifyWindowMs);
   RememberTaken(notify);
   PostUrl(url);
 }

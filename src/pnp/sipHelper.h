@@ -16,7 +16,14 @@
 // Choices where the platform's description is silent:
 // - The socket is opened when the thread starts; when the network was down then, the next request
 //   tries again, so a phone whose link comes up late still discovers its server.
-// - The port monitor runs while the socket is open and reads every datagram waiting at each tick.
+// - NOTIFYs are taken from the first SUBSCRIBE until 32 s (64 x T1, the lifetime of a non-INVITE
+//   transaction in RFC 3261) after the last one: a server that answers late, even after the
+//   service's 10 s wait has ended, is still heard, and its URL still runs. Once a URL is taken the
+//   port stays open 32 s more, so that retransmissions of that NOTIFY are answered again.
+// - The port monitor (300 ms) runs only inside that window; when the window closes the socket is
+//   closed too, so an idle phone does not wake for plug-and-play and a late NOTIFY is refused by
+//   the system instead of waiting for the next request. Datagrams that came before a request are
+//   dropped unread: they cannot answer it.
 // - The answer to a NOTIFY goes to the address the datagram came from (a server behind NAT or with
 //   a port of its own gets it), with status "200 OK".
 #pragma once
@@ -58,6 +65,8 @@ class PNPManger : public chThreadLocal {
   std::string BuildSubscribe();
   void OnRequestTimer();
   void OnMonitorTimer();
+  void OnWindowTimer();
+  void DropQueuedDatagrams();
   void HandleDatagram(const ns_net::netAddress& from);
   void HandleNotify(const sipMessage& notify, const ns_net::netAddress& from, size_t size);
   void Answer(const sipMessage& notify, const ns_net::netAddress& from);
@@ -70,12 +79,14 @@ class PNPManger : public chThreadLocal {
   std::string requestTarget_;
   std::string lastCallId_;
   uint64_t requestCounter_ = 0;
-  // From the first SUBSCRIBE until the URL is handed over or the fourth try has timed out.
+  // From the first SUBSCRIBE until a URL is handed over or the window closes.
   bool requestOutstanding_ = false;
   // Call-ID and CSeq number of the NOTIFYs whose URL was handed over (the latest few).
   std::deque<std::pair<std::string, uint32_t>> takenNotifies_;
   chThreadTimer requestTimer_;
   chThreadTimer monitorTimer_;
+  // Closes the window in which NOTIFYs are read (and the port monitor runs).
+  chThreadTimer windowTimer_;
 };
 
 // A NOTIFY body the phone takes as its provisioning URL: one tftp, ftp, http or https URL with a
