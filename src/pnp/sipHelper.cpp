@@ -12,6 +12,7 @@
 #include "log.h"
 #include "paths.h"
 #include "registry.h"
+#include "sipAnswer.h"
 #include "sipMessage.h"
 
 namespace {
@@ -70,24 +71,10 @@ std::string hardwareVersion() {
 
 std::string tickText() { return std::to_string(brisaGetTickCount()); }
 
-void appendHeader(std::string& message, const char* name, const std::string& value) {
-  message += name;
-  message += ": ";
-  message += value;
-  message += "\r\n";
-}
-
 // A provisioning URL for a log line: its password masked.
 std::string urlForLog(const std::string& text) {
   ns_net::autopUrl url;
   return url.Parse(text) ? url.LogText() : text;
-}
-
-bool hasTagParameter(const std::string& nameAddr) {
-  size_t close = nameAddr.rfind('>');
-  std::string params = nameAddr.substr(close == std::string::npos ? 0 : close + 1);
-  for (char& c : params) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-  return params.find(";tag=") != std::string::npos || params.find("; tag=") != std::string::npos;
 }
 
 std::string eventType(const std::string& event) {
@@ -250,19 +237,19 @@ std::string PNPManger::BuildSubscribe() {
   const std::string uri = "sip:MAC" + mac + "@" + domain;
   lastCallId_ = tickText() + "@" + ip;
   std::string message = "SUBSCRIBE " + uri + " SIP/2.0\r\n";
-  appendHeader(message, "Via", "SIP/2.0/UDP " + hostPort + ";branch=z9hG4bK" + tickText());
-  appendHeader(message, "From", "<" + uri + ">;tag=" + tickText());
-  appendHeader(message, "To", "<" + uri + ">");
-  appendHeader(message, "Call-ID", lastCallId_);
-  appendHeader(message, "CSeq", "1 SUBSCRIBE");
-  appendHeader(message, "Contact", "<sip:MAC" + mac + "@" + hostPort + ">");
-  appendHeader(message, "Max-Forwards", "70");
-  appendHeader(message, "User-Agent", headerSafe(userAgent, false));
-  appendHeader(message, "Expires", "0");
-  appendHeader(message, "Event", "ua-profile;profile-type=\"device\";vendor=" + quoted(vendor) +
+  sipAppendHeader(message, "Via", "SIP/2.0/UDP " + hostPort + ";branch=z9hG4bK" + tickText());
+  sipAppendHeader(message, "From", "<" + uri + ">;tag=" + tickText());
+  sipAppendHeader(message, "To", "<" + uri + ">");
+  sipAppendHeader(message, "Call-ID", lastCallId_);
+  sipAppendHeader(message, "CSeq", "1 SUBSCRIBE");
+  sipAppendHeader(message, "Contact", "<sip:MAC" + mac + "@" + hostPort + ">");
+  sipAppendHeader(message, "Max-Forwards", "70");
+  sipAppendHeader(message, "User-Agent", headerSafe(userAgent, false));
+  sipAppendHeader(message, "Expires", "0");
+  sipAppendHeader(message, "Event", "ua-profile;profile-type=\"device\";vendor=" + quoted(vendor) +
                                       ";model=" + quoted(model) + ";version=" + quoted(firmware));
-  appendHeader(message, "Accept", "application/url");
-  appendHeader(message, "Content-Length", "0\r\n");
+  sipAppendHeader(message, "Accept", "application/url");
+  sipAppendHeader(message, "Content-Length", "0\r\n");
   return message;
 }
 
@@ -304,13 +291,28 @@ void PNPManger::HandleDatagram(const ns_net::netAddress& from) {
   const ns_net::byteArray& data = socket_.ReceiveBuffer();
   const std::string sender = ns_net::netSocket::AddressToText(from);
   sipMessage message;
-  if (!message.Parse(reinterpret_cast<const char*>(data.data()), data.size())) {
+  const sipReadResult read = message.Read(reinterpret_cast<const char*>(data.data()), data.size());
+  if (read == sipReadResult::kUnreadable) {
     LOG_WAR("Drop malformed SIP message from %s (%d bytes)", sender.c_str(), static_cast<int32_t>(data.size()));
     return;
   }
+  // Responses (to the SUBSCRIBE) and ACKs are never answered.
+  if (!message.isRequest() || message.method() == "ACK") {
+    LOG_DEB("Ignore SIP %s from %s", message.isRequest() ? "ACK" : "response", sender.c_str());
+    return;
+  }
   const std::string* event = message.Find("Event");
-  if (!message.isRequest() || message.method() != "NOTIFY" || !event || eventType(*event) != "ua-profile") {
-    LOG_DEB("Ignore SIP %s from %s", message.isRequest() ? message.method().c_str() : "response", sender.c_str());
+  const sipStatus* refusal = nullptr;
+  if (read == sipReadResult::kBad)
+    refusal = &kSipBadRequest;
+  else if (message.method() != "NOTIFY")
+    refusal = &kSipMethodNotAllowed;
+  else if (!event || eventType(*event) != "ua-profile")
+    refusal = &kSipBadEvent;
+  if (refusal) {
+    LOG_WAR("Refuse SIP %s from %s (%d bytes): %d", logEscaped(message.method()).c_str(), sender.c_str(),
+            static_cast<int32_t>(data.size()), refusal->code);
+    Answer(message, *refusal, from);
     return;
   }
   HandleNotify(message, from, data.size());
@@ -321,6 +323,7 @@ void PNPManger::HandleNotify(const sipMessage& notify, const ns_net::netAddress&
     LOG_DEB("HandleNoDialogMSG is 0");
     if (notify.callId() != lastCallId_) {
       LOG_WAR("Call-ID is not same as SubScribe!Do not Autop!");
+      Answer(notify, kSipNoSuchDialog, from);
       return;
     }
   } else {
@@ -330,14 +333,15 @@ void PNPManger::HandleNotify(const sipMessage& notify, const ns_net::netAddress&
   // it gets one, but the URL it carries has already gone to the service.
   if (AlreadyTaken(notify)) {
     LOG_IFO("NOTIFY retransmitted (Call-ID %s, CSeq %u): answered again, URL already handed over",
-            notify.callId().c_str(), notify.cseqNumber());
-    Answer(notify, from);
+            logEscaped(notify.callId()).c_str(), notify.cseqNumber());
+    Answer(notify, kSipOk, from);
     return;
   }
   // Deliberate departure: on a shared LAN only the first answer to our own request counts, and
   // only when it is a URL this phone can fetch.
   if (!requestOutstanding_) {
     LOG_WAR("No PNP request outstanding, NOTIFY dropped");
+    Answer(notify, kSipNoSuchDialog, from);
     return;
   }
   std::string url = notify.body();
@@ -346,10 +350,11 @@ void PNPManger::HandleNotify(const sipMessage& notify, const ns_net::netAddress&
   url.erase(url.find_last_not_of(trimmed) + 1);
   if (!pnpIsAcceptableUrl(url)) {
     LOG_WAR("NOTIFY body is not a provisioning URL (%d bytes), dropped", static_cast<int32_t>(url.size()));
+    Answer(notify, kSipBadRequest, from);
     return;
   }
   LOG_IFO("URL = PNPManger::OnTimerMonitor (%s)", urlForLog(url).c_str());
-  Answer(notify, from);
+  Answer(notify, kSipOk, from);
   LOG_IFO("Receive %d kill Request timer", static_cast<int32_t>(size));
   requestTimer_.KillTimer();
   requestOutstanding_ = false;
@@ -359,25 +364,16 @@ void PNPManger::HandleNotify(const sipMessage& notify, const ns_net::netAddress&
   PostUrl(url);
 }
 
-void PNPManger::Answer(const sipMessage& notify, const ns_net::netAddress& from) {
-  // Deliberate departure: besides Record-Route, From, Call-ID and CSeq the answer carries every Via
-  // and the To of the NOTIFY, as any response must, so that a stateful server can match it to its
-  // transaction instead of retransmitting the NOTIFY for half a minute.
-  std::string response = "SIP/2.0 200 OK\r\n";
-  for (const std::string& via : notify.FindAll("Via")) appendHeader(response, "Via", via);
-  for (const std::string& route : notify.FindAll("Record-Route")) appendHeader(response, "Record-Route", route);
-  appendHeader(response, "From", *notify.Find("From"));
-  std::string to = *notify.Find("To");
-  // A NOTIFY outside any dialog has no To tag; the answer must add one, the same for every
-  // retransmission of that NOTIFY.
-  if (!hasTagParameter(to))
-    to += ";tag=" + std::to_string(std::hash<std::string>()(notify.callId()) & 0xffffffu);
-  appendHeader(response, "To", to);
-  appendHeader(response, "Call-ID", notify.callId());
-  appendHeader(response, "CSeq", *notify.Find("CSeq"));
-  appendHeader(response, "Content-Length", "0\r\n");
-  if (!socket_.SendTo(response.data(), static_cast<int32_t>(response.size()), from))
-    LOG_WAR("Fail to answer NOTIFY to %s", ns_net::netSocket::AddressToText(from).c_str());
+void PNPManger::Answer(const sipMessage& request, const sipStatus& status, const ns_net::netAddress& from) {
+  ns_net::netAddress to;
+  if (!sipAnswerAddress(request, from, to)) {
+    LOG_WAR("No usable Via in SIP %s from %s, not answered", logEscaped(request.method()).c_str(),
+            ns_net::netSocket::AddressToText(from).c_str());
+    return;
+  }
+  const std::string answer = sipBuildAnswer(request, status, from);
+  if (!socket_.SendTo(answer.data(), static_cast<int32_t>(answer.size()), to))
+    LOG_WAR("Fail to answer NOTIFY to %s", ns_net::netSocket::AddressToText(to).c_str());
 }
 
 bool PNPManger::AlreadyTaken(const sipMessage& notify) const {

@@ -24,8 +24,10 @@
 //   closed too, so an idle phone does not wake for plug-and-play and a late NOTIFY is refused by
 //   the system instead of waiting for the next request. Datagrams that came before a request are
 //   dropped unread: they cannot answer it.
-// - The answer to a NOTIFY goes to the address the datagram came from (a server behind NAT or with
-//   a port of its own gets it), with status "200 OK".
+// - Every request but ACK is answered (sipAnswer.h): 200 to the NOTIFY taken and to its
+//   retransmissions, 400 to a malformed request or a NOTIFY without a usable URL, 481 to a NOTIFY
+//   of another dialog (when PNPOutDialogMSGEnable is 0) or one that comes after a URL was taken,
+//   489 to another event, 405 to another method.
 #pragma once
 
 #include <cstdint>
@@ -38,6 +40,7 @@
 #include "netSocket.h"
 
 class sipMessage;
+struct sipStatus;
 
 class PNPManger : public chThreadLocal {
  public:
@@ -69,7 +72,7 @@ class PNPManger : public chThreadLocal {
   void DropQueuedDatagrams();
   void HandleDatagram(const ns_net::netAddress& from);
   void HandleNotify(const sipMessage& notify, const ns_net::netAddress& from, size_t size);
-  void Answer(const sipMessage& notify, const ns_net::netAddress& from);
+  void Answer(const sipMessage& request, const sipStatus& status, const ns_net::netAddress& from);
   bool AlreadyTaken(const sipMessage& notify) const;
   void RememberTaken(const sipMessage& notify);
   void PostUrl(const std::string& url);
