@@ -92,13 +92,14 @@ bool pnpIsAcceptableUrl(const std::string& url) {
     // A URL is plain ASCII: blanks would make it two, control bytes never belong in one.
     if (u <= 0x20 || u >= 0x7f) return false;
   }
-  size_t separator = url.find("://");
-  if (separator == std::string::npos) return false;
-  const std::string scheme = url.substr(0, separator);
+  // A local path is for the phone's own applications, never for a server on the network.
+  if (url[0] == '/') return false;
+  const std::string full = url.find("://") == std::string::npos ? "tftp://" + url : url;
+  const std::string scheme = full.substr(0, full.find("://"));
   bool fetchable = false;
   for (const char* known : {"tftp", "ftp", "http", "https"}) fetchable = fetchable || sipEqualNoCase(scheme, known);
   ns_net::autopUrl parsed;
-  return fetchable && parsed.Parse(url) && parsed.IsValid();
+  return fetchable && parsed.Parse(full) && parsed.IsValid();
 }
 
 PNPManger::PNPManger() : chThreadLocal(kThreadPnpManager) {}

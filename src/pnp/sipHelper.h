@@ -28,6 +28,9 @@
 //   retransmissions, 400 to a malformed request or a NOTIFY without a usable URL, 481 to a NOTIFY
 //   of another dialog (when PNPOutDialogMSGEnable is 0) or one that comes after a URL was taken,
 //   489 to another event, 405 to another method.
+// - A NOTIFY body is taken when it is one tftp, ftp, http or https URL with a host, or a text
+//   without a scheme, which is a TFTP address like every source's text without "://". A local path
+//   is never taken from the network.
 #pragma once
 
 #include <cstdint>
@@ -93,5 +96,6 @@ class PNPManger : public chThreadLocal {
 };
 
 // A NOTIFY body the phone takes as its provisioning URL: one tftp, ftp, http or https URL with a
-// host, at most 355 characters of printable ASCII without blanks.
+// host, or such a host and path without a scheme (TFTP); at most 355 characters of printable ASCII
+// without blanks.
 bool pnpIsAcceptableUrl(const std::string& url);

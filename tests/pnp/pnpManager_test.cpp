@@ -188,10 +188,11 @@ TEST(PnpDiscovery, OneFetchableUrlTakenOnceAmongBadNotifiesAndRetransmissions) {
       "NOTIFY sip:x SIP/2.0\r\nVia: SIP/2.0/UDP 1.2.3.4\r\n\r\n",
       notify("a@b", 2, ""),
       notify("a@b", 3, "file:///config/system/system.ini"),
-      notify("a@b", 4, "http://127.0.0.1/\x01" "cfg"),
-      notify("a@b", 5, "http://127.0.0.1/a http://127.0.0.1/b"),
-      notify("a@b", 6, url + "x"),
-      notify("a@b", 7, "ftp://"),
+      notify("a@b", 4, "/config/system/system.ini"),
+      notify("a@b", 5, "http://127.0.0.1/\x01" "cfg"),
+      notify("a@b", 6, "http://127.0.0.1/a http://127.0.0.1/b"),
+      notify("a@b", 7, url + "x"),
+      notify("a@b", 8, "ftp://"),
       good,
   };
   // All in one burst, read at one tick of the port monitor, the good one last.
@@ -201,7 +202,7 @@ TEST(PnpDiscovery, OneFetchableUrlTakenOnceAmongBadNotifiesAndRetransmissions) {
   const std::string first = server.receive(5000, false);
   server.reply(good);
   EXPECT_EQ(first, server.receive(5000, false));
-  server.reply(notify("a@b", 8, kUrl));
+  server.reply(notify("a@b", 9, kUrl));
   EXPECT_EQ(0u, server.receive(5000, false).rfind("SIP/2.0 481 ", 0));
   EXPECT_EQ(std::vector<std::string>{url}, phone.urls(1));
 
