@@ -166,20 +166,17 @@ void provisorObject::SetPnpTimer(int32_t milliseconds) {
 }
 
 void provisorObject::StartPnpOrPowerOn() {
+  // The discovery thread must be there to take the request; a failure leaves only the wait. With
+  // plug-and-play off it only logs why it stays idle.
+  if (!pnpManager.Start()) LOG_ERR("Can't start thread [%s] !", kThreadPnpManager);
   if (brisaGetProfileInt(kSystemIni, kAutoProvisionSection, "bEnablePNP", 0)) {
-    // The discovery thread must be there to take the request; a failure leaves only the wait.
-    if (!pnpManager.Start()) LOG_ERR("Can't start thread [%s] !", kThreadPnpManager);
     while (netGetNetworkSta() != kNetworkUp && networkWaitCount < kNetworkWaitSeconds) {
       ++networkWaitCount;
       LOG_IFO("PNP Network Fail,sleep 1 seconds");
       brisaSleep(1000);
     }
     if (netGetNetworkSta() == kNetworkUp) {
-      std::string multicast =
-          brisaGetProfileString(kSystemIni, kAutoProvisionSection, "strPNPMulticastIP", kDefaultPnpMulticast);
-      LOG_IFO("PNP Server IP = %s", multicast.c_str());
-      msgPostMsgToThreadEx(msgGetThreadByName(kThreadPnpManager), AP_MSG_PNP_REQUEST, 0, 0,
-                           static_cast<uint32_t>(multicast.size() + 1), multicast.c_str());
+      autoLaunch::launchPnpUpgrade();
       SetPnpTimer(kPnpWaitMs);
       return;
     }
