@@ -103,10 +103,13 @@ bool ipv6LoopbackAvailable() { return readHostFile("/proc/net/if_inet6").find(" 
 
 TftpServer::TftpServer() : dir_("tftp") { mkdir(dir_.file("files").c_str(), 0755); }
 
-bool TftpServer::start() {
-  port_ = freePort(true);
+bool TftpServer::start(int port) {
+  port_ = port > 0 ? port : freePort(true);
+  // A fixed port is for a network of the test's own, which has nothing but loopback: there
+  // tftpd's resolver refuses "127.0.0.1", so it listens on every address of that network.
+  const std::string address = (port > 0 ? ":" : "127.0.0.1:") + std::to_string(port_);
   std::vector<std::string> argv = {"/usr/sbin/in.tftpd", "--foreground", "--listen", "--user", "root",
-                                   "--address", "127.0.0.1:" + std::to_string(port_), "--secure", dir()};
+                                   "--address", address, "--secure", dir()};
   return process_.start(argv, dir_.file("tftpd.log")) && pollFor([&] { return listening(port_, "udp"); }, 5000);
 }
 

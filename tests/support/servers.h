@@ -53,7 +53,8 @@ bool ipv6LoopbackAvailable();
 class TftpServer {
  public:
   TftpServer();
-  bool start();
+  // On a free port, or on `port` (69 in a network of the test's own).
+  bool start(int port = 0);
   int port() const { return port_; }
   // Files served, relative to the served directory.
   void put(const std::string& name, const std::string& contents) const { dir_.write("files/" + name, contents); }
