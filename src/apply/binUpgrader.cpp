@@ -5,13 +5,15 @@
 #include <cstring>
 
 #include "binParser.h"
+#include "descriptor.h"
 #include "log.h"
 #include "paths.h"
+#include "privateTmp.h"
 
 namespace {
 
 constexpr size_t kMd5Digits = 32;
-constexpr size_t kMaxFileName = 255;
+constexpr int kDownloadChunk = 16384;
 
 std::string fileNamePart(const std::string& path) { return path.substr(pathGetFileNamePos(path)); }
 
@@ -19,12 +21,7 @@ std::string fileNamePart(const std::string& path) { return path.substr(pathGetFi
 
 autoBinUpgrader::~autoBinUpgrader() = default;
 
-bool autoBinUpgrader::isSafeDownloadName(const std::string& name) {
-  if (name.empty() || name == "." || name == ".." || name.size() > kMaxFileName) return false;
-  for (unsigned char c : name)
-    if (c < 0x20 || c == 0x7f) return false;
-  return true;
-}
+bool autoBinUpgrader::isSafeDownloadName(const std::string& name) { return isSafeServerFileName(name); }
 
 int autoBinUpgrader::upgrade(autopItemList& items) {
   LOG_IFO("");
@@ -76,8 +73,13 @@ int autoBinUpgrader::coverItem(autopItem& item, autoBinParser& parser) {
     LOG_WAR("Fail to download bin file");
     return 0;
   }
-  m_tmpPath = "/tmp/" + name;
-  int downloaded = downloadTo(item.value, m_tmpPath);
+  UniqueFd file = createPrivateTemporary(safeExtensionOf(name), m_tmpPath);
+  if (!file.valid()) {
+    LOG_WAR("Fail to download bin file");
+    return 0;
+  }
+  int downloaded = downloadTo(item.value, file.get());
+  file.reset();
   if (downloaded < 1) {
     remove(hostPath(m_tmpPath).c_str());
     LOG_WAR("Fail to download bin file");
@@ -97,17 +99,27 @@ int autoBinUpgrader::coverItem(autopItem& item, autoBinParser& parser) {
   return result;
 }
 
-int autoBinUpgrader::downloadTo(const std::string& urlText, const std::string& temporaryPath) {
+int autoBinUpgrader::downloadTo(const std::string& urlText, int file) {
   ns_net::autopUrl url;
   if (urlText.empty() || !url.Parse(urlText) || !url.IsValid()) return -1;
   if (!OpenDownloadStream(url, -1)) return 0;
-  int written = DownloadToFile(temporaryPath, false);
+  int64_t written = 0;
+  char chunk[kDownloadChunk];
+  for (int n; (n = Read(chunk, sizeof chunk)) > 0; written += n) {
+    if (!writeAll(file, chunk, static_cast<size_t>(n))) {
+      LOG_ERR("File [%s] write error !", m_tmpPath.c_str());
+      Close();
+      return 0;
+    }
+  }
+  bool broken = LastTransferBroken() || CurrentStream()->IsBroken();
   Close();
   if (written <= 0) {
     LOG_IFO("No data to read !");
     return 0;
   }
-  return 1;
+  // A file cut short is no file: it must not be installed.
+  return broken ? 0 : 1;
 }
 
 int autoBinUpgrader::isNewFile() {

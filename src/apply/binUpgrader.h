@@ -9,9 +9,12 @@
 // One object carries one resource: unless the operation is modify, an object with more than one
 // item is refused. With an unchanged configuration file only cover items are applied.
 //
-// The download's file name comes from a server and is refused before any download when it is
-// empty, ".", "..", longer than 255 bytes or holds a control character: "/tmp/" plus such a name
-// would not be a file of its own.
+// The download's file name comes from a server: it names the installed file of a folder
+// destination, so it is refused before any download when it could not be a file of its own there
+// (isSafeServerFileName). It never names the download itself: that is a file this process creates
+// in its private folder under /tmp (privateTmp.h), so a link planted in /tmp or a name such as
+// "XML.cfg" reaches none of the phone's files. Its extension is kept, as the ring tone and picture
+// checks judge a file by it.
 #pragma once
 
 #include <string>
@@ -29,16 +32,16 @@ class autoBinUpgrader : public autoFileUpgrader, public ns_net::fileDownload {
   // The parser's result: nonzero when the resource was installed, modified or deleted.
   int upgrade(autopItemList& items) override;
 
-  // 1 when fetched and saved (no size limit), 0 when it could not be opened or delivered nothing,
-  // -1 when the URL is missing or does not parse.
-  int downloadTo(const std::string& url, const std::string& temporaryPath);
+  // 1 when fetched and saved (no size limit) through `file`, opened for writing, 0 when it could not
+  // be opened, delivered nothing or broke off, -1 when the URL is missing or does not parse.
+  int downloadTo(const std::string& url, int file);
   // 1 when the download differs from the installed file or no MD5 is remembered; 0 when it is the
   // same or its MD5 can't be computed.
   int isNewFile();
   // Writes the MD5 text to the destination's ".MD5" companion.
   void saveMd5();
 
-  // A name usable as a file of its own under /tmp (see the header comment).
+  // A name usable as a file of its own in a destination folder (see the header comment).
   static bool isSafeDownloadName(const std::string& name);
 
  private:

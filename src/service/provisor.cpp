@@ -17,6 +17,7 @@
 #include "device.h"
 #include "log.h"
 #include "paths.h"
+#include "privateTmp.h"
 #include "registry.h"
 
 int32_t g_zeroTouch = 0;
@@ -221,6 +222,7 @@ int provisorMain(int argc, char** argv) {
   ::log(1, LOG_PREFIX "provisor version = %s build at %s %s", kMainModule, __LINE__, kVersion, kBuildDate,
         kBuildTime);
   srand(static_cast<unsigned>(serviceClock().nowSeconds()));
+  preparePrivateTmpDir();
 
   provisorObject service;
   uCSystemShareHelper::CreateLocalThread(service);

@@ -5,6 +5,8 @@
 
 #include "autoParser.h"
 #include "autopTranslator.h"
+#include "paths.h"
+#include "privateTmp.h"
 #include "servers.h"
 #include "testRoot.h"
 
@@ -19,6 +21,8 @@ const char* kTable = R"XML(<autopTranslator><bin>
     <item name="again" fileType="xml" usage="cover.xmlfile" path="/config/data/xml/"/>
     <item name="delete" fileType="xml" usage="delete.xmlfile" path="/config/data/xml/"/>
   </object>
+  <object name="ringtone"><item name="url" fileType="wav" usage="cover.ringtone" path="/config/resource/ring/"/></object>
+  <object name="plain"><item name="url" fileType="xml" usage="cover.xmlfile" path="/config/data/plain/"/></object>
 </bin></autopTranslator>)XML";
 
 class BinUpgraderTest : public RootedTest {
@@ -64,9 +68,14 @@ TEST_F(BinUpgraderTest, InstallSkipByMd5DirectoriesOneResourcePerObjectAndDelete
   root->write(dest, "edited on the phone");
   LogCapture log;
   provision("dialplan.url = " + server + "files/dp.xml");
-  EXPECT_TRUE(log.contains("[/tmp/dp.xml](MD5) is same as old!"));
+  // The download was the daemon's own file in its private folder, removed afterwards.
+  EXPECT_TRUE(log.contains("[" + std::string(kPrivateTmpDir) + "/dl-")) << log.text();
+  EXPECT_TRUE(log.contains(".xml](MD5) is same as old!"));
   EXPECT_EQ(root->read(dest), "edited on the phone");
   EXPECT_FALSE(root->exists("/tmp/dp.xml"));
+  std::vector<std::string> left;
+  EXPECT_EQ(listDirectoryNames(kPrivateTmpDir, left), 0);
+  EXPECT_TRUE(left.empty());
   ASSERT_EQ(remove(root->host(dest + ".MD5").c_str()), 0);
   provision("dialplan.url = " + server + "files/dp.xml");
   EXPECT_EQ(root->read(dest), plan);
@@ -80,7 +89,8 @@ TEST_F(BinUpgraderTest, InstallSkipByMd5DirectoriesOneResourcePerObjectAndDelete
   EXPECT_TRUE(log.contains("Not supported more than one bin item !"));
   EXPECT_FALSE(root->exists(dir + "qux.xml"));
   // File names that are no file of their own are refused before anything is fetched.
-  for (const char* url : {"http://127.0.0.1:1/", "http://127.0.0.1:1/..", "http://127.0.0.1:1/a%01\x01"}) {
+  for (const char* url : {"http://127.0.0.1:1/", "http://127.0.0.1:1/..", "http://127.0.0.1:1/a%01\x01",
+                          "http://127.0.0.1:1/x;id.xml", "http://127.0.0.1:1/-rf"}) {
     log.clear();
     provision(std::string("xmldir.url = ") + url);
     EXPECT_TRUE(log.contains("Refused the file name of the resource URL")) << url;
@@ -98,4 +108,36 @@ TEST_F(BinUpgraderTest, InstallSkipByMd5DirectoriesOneResourcePerObjectAndDelete
   provision("xmldir.delete = tftp://localhost/all");
   for (const char* gone : {"baz.xml", "baz.xml.MD5", "bar.xml"}) EXPECT_FALSE(root->exists(dir + gone)) << gone;
   EXPECT_TRUE(root->exists(dir));
+}
+
+// Other applications share /tmp, and the server chooses the names: neither a link planted there nor
+// a name of one of the daemon's own files in /tmp is ever written through.
+TEST_F(BinUpgraderTest, ServerNamesNeverReachTheFilesOfTmp) {
+  const std::string ini = "[AutoProvision]\nstrServerURL=http://keep\n";
+  root->write("/config/system/system.ini", ini);
+  root->write("/tmp/valdrun_dhcp_options", "option66=tftp://dhcp\n");
+  root->write("/tmp/XML.cfg", "pushed=1\n");
+  ASSERT_EQ(symlink("../config/system/system.ini", root->host("/tmp/ring.wav").c_str()), 0);
+  const std::string wav = "RIFF" + std::string(2000, 'w');
+  HttpServer http;
+  http.put("ring.wav", wav);
+  http.put("valdrun_dhcp_options", "<R/>");
+  http.put("XML.cfg", "<R/>");
+  ASSERT_TRUE(http.start());
+  const std::string server = "http://127.0.0.1:" + std::to_string(http.port()) + "/";
+
+  provision("ringtone.url = " + server + "ring.wav");
+  EXPECT_EQ(root->read("/config/resource/ring/ring.wav"), wav);
+  // The run records its digests there; what was in it stays, and no byte of the download.
+  EXPECT_EQ(root->read("/config/system/system.ini").rfind(ini, 0), 0u) << root->read("/config/system/system.ini");
+  char target[256] = {};
+  ASSERT_GT(readlink(root->host("/tmp/ring.wav").c_str(), target, sizeof target - 1), 0);
+  EXPECT_STREQ(target, "../config/system/system.ini");
+
+  for (const char* name : {"valdrun_dhcp_options", "XML.cfg"}) {
+    provision(std::string("plain.url = ") + server + name);
+    EXPECT_EQ(root->read(std::string("/config/data/plain/") + name), "<R/>") << name;
+  }
+  EXPECT_EQ(root->read("/tmp/valdrun_dhcp_options"), "option66=tftp://dhcp\n");
+  EXPECT_EQ(root->read("/tmp/XML.cfg"), "pushed=1\n");
 }
