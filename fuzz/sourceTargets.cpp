@@ -14,6 +14,7 @@
 #include "autopUrl.h"
 #include "fuzzTargets.h"
 #include "inifile.h"
+#include "redact.h"
 
 namespace {
 
@@ -51,7 +52,7 @@ void checkRunUrl(const std::string& text) {
   ns_net::autopUrl plain;
   if (!plain.Parse(text) || plain.password.empty()) return;
   ns_net::autopUrl logged;
-  require(logged.Parse(autoLaunch::maskedUrl(text)));
+  require(logged.Parse(maskedUrl(text)));
   require(logged.password == "******" && logged.user == plain.user && logged.host == plain.host &&
           logged.port == plain.port && logged.path == plain.path && logged.query == plain.query);
 }

@@ -14,11 +14,14 @@
 #include "autoptool.h"
 #include "log.h"
 #include "paths.h"
+#include "privateTmp.h"
+#include "redact.h"
 
 namespace {
 
+// Messages may quote a URL the administrator gave, password included.
 int fail(const std::string& message) {
-  fprintf(stderr, "autoptool: %s\n", message.c_str());
+  fprintf(stderr, "autoptool: %s\n", urlForLog(message).c_str());
   return 1;
 }
 
@@ -42,11 +45,12 @@ std::string temporaryCopy(const std::string& source) {
   return writeFileAtomic(pattern, contents) ? pattern : "";
 }
 
-// Values the phone stores protected (and web passwords) are not echoed.
+// Secret values are not echoed, by the rule the daemon's log follows; the file's own texts are
+// printed with control characters escaped.
 void printItem(const std::string& key, const autopItem& item) {
-  bool secret = item.encrypt || item.type == "pwd";
-  printf("%s -> %s %s [%s] %s = %s\n", key.c_str(), item.type.c_str(), item.path.c_str(), item.section.c_str(),
-         item.key.c_str(), secret ? "******" : item.value.c_str());
+  bool secret = isSecretItem(item) || isSecretName(key);
+  printf("%s -> %s %s [%s] %s = %s\n", logEscaped(key).c_str(), item.type.c_str(), item.path.c_str(),
+         item.section.c_str(), item.key.c_str(), settingValueForLog(secret, item.value).c_str());
 }
 
 }  // namespace
@@ -107,7 +111,7 @@ int autoptoolCheck(int argc, char** argv) {
   for (const RawPair& pair : pairs) {
     autopItem item;
     if (!table.findItem(pair.first, item)) {
-      printf("%s -> unknown\n", pair.first.c_str());
+      printf("%s -> unknown\n", logEscaped(pair.first).c_str());
       ++unknown;
       continue;
     }
@@ -120,6 +124,8 @@ int autoptoolCheck(int argc, char** argv) {
 
 int autoptoolProvision(int argc, char** argv) {
   if (argc != 1) return fail("usage: autoptool provision URL");
+  // A run as the daemon's: what a run cut short left in the download folder goes first.
+  preparePrivateTmpDir();
   if (!autopTranslator::getInstance()->loadDefaultTable()) fprintf(stderr, "autoptool: no translation table loaded\n");
   autoUpgrade::setRebootHandler([] { printf("autoptool: an applied setting asks for a reboot\n"); });
   bool reached = autoUpgrade::UpgradeFromURL(argv[0]);

@@ -8,11 +8,13 @@
 #include "autoptool.h"
 #include "autopUrl.h"
 #include "fileStream.h"
+#include "redact.h"
 
 namespace {
 
+// Reasons may quote the URL, password included.
 int fail(const std::string& reason) {
-  fprintf(stderr, "fetch failed: %s\n", reason.c_str());
+  fprintf(stderr, "fetch failed: %s\n", urlForLog(reason).c_str());
   return 1;
 }
 

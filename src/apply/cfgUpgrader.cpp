@@ -16,6 +16,7 @@
 #include "device.h"
 #include "log.h"
 #include "pwdUpgrader.h"
+#include "redact.h"
 #include "registry.h"
 
 namespace {
@@ -23,8 +24,6 @@ namespace {
 constexpr const char* kCustomMacSection = "CUSTOM_MAC_CFG_PATH";
 constexpr const char* kCustomMacStandIn = "/tmp/download.cfg";
 constexpr const char* kCustomMacFile = "/tmp/autop_tmp_config.cfg";
-constexpr const char* kRandomKeyFile = "/phone/config/ADVnumber.cfg";
-constexpr const char* kRandomKeySection = "sn";
 constexpr size_t kRandomKeyLength = 16;
 constexpr const char* kSipAccountPrefix = "/config/user/voip/sipAccount";
 constexpr const char* kUserIni = "/config/user/user.ini";
@@ -40,42 +39,6 @@ constexpr char kSaltCharacters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqr
 
 // Stands in for values that must not reach the log.
 constexpr const char* kHiddenValue = "********";
-
-char asciiLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
-// Whether the text holds one of the (lower-case) words in any case. Texts of usual length are
-// lowered on the stack: this runs for every value written.
-bool containsAnyNoCase(const std::string& text, std::initializer_list<const char*> words) {
-  char onStack[128];
-  std::string onHeap;
-  char* lower = onStack;
-  if (text.size() > sizeof onStack) {
-    onHeap.resize(text.size());
-    lower = &onHeap[0];
-  }
-  std::transform(text.begin(), text.end(), lower, asciiLower);
-  std::string_view view(lower, text.size());
-  for (const char* word : words)
-    if (view.find(word) != std::string_view::npos) return true;
-  return false;
-}
-
-// Passwords, PINs and keys: their values never reach a log line.
-bool isSecretItem(const autopItem& item) {
-  if (item.encrypt) return true;
-  for (const std::string* text : {&item.key, &item.name}) {
-    if (containsAnyNoCase(*text, {"password", "passwd", "pswd", "pwd", "pin", "aes", "secret"})) return true;
-  }
-  return item.section == kRandomKeySection && item.path == kRandomKeyFile;
-}
-
-// A value that may be a URL with a password, shown with the password hidden. Without an "@" no
-// password can be in it, and most values have none: they skip the URL parser and the copy.
-const char* loggableValue(const std::string& value, std::string& masked) {
-  if (value.find('@') == std::string::npos) return value.c_str();
-  masked = ns_net::maskedUrlText(value);
-  return masked.c_str();
-}
 
 // [UserName] admin, var or user of the user settings: the web login names.
 bool isWebLoginName(const autopItem& item) {
@@ -201,12 +164,11 @@ int autoCfgUpgrader::upgrade(autopItemList& items) {
     // Only a web login name needs the value it replaces; other keys skip the read.
     std::string oldValue = isWebLoginName(*item) ? handle->getString(item->key, "") : std::string();
     if (!handle->setString(item->key, item->value)) continue;
-    std::string masked;
     if (item->value.find('%') != std::string::npos)
       LOG_DEB("%s.%s value has special char", item->section.c_str(), item->key.c_str());
     else
       LOG_DEB("--- Set [%s::%s] Value [%s]", item->section.c_str(), item->key.c_str(),
-              isSecretItem(*item) ? kHiddenValue : loggableValue(item->value, masked));
+              isSecretItem(*item) ? kHiddenValue : urlForLog(item->value).c_str());
     carryUserName(item, oldValue);
     item->changed = true;
     anySet = 1;

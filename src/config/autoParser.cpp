@@ -17,6 +17,7 @@
 #include "mutex.h"
 #include "paths.h"
 #include "registry.h"
+#include "redact.h"
 
 namespace {
 
@@ -187,7 +188,7 @@ bool autoParser::isConfigChanged(const std::string& path, std::string& memoryKey
   memoryKey = isPerDeviceFile() ? kDeviceDigestKey : kCommonDigestKey;
   std::string stored = brisaGetProfileString(kSystemIni, kDigestSection, memoryKey, "");
   if (fileMd5(path, &digest) && digest != stored) return true;
-  LOG_WAR("[%s](MD5) is same as old file", ns_net::maskedUrlText(m_download.UrlText()).c_str());
+  LOG_WAR("[%s](MD5) is same as old file", urlForLog(m_download.UrlText()).c_str());
   digest.clear();
   return false;
 }

@@ -11,6 +11,7 @@
 #include "inifile.h"
 #include "log.h"
 #include "paths.h"
+#include "redact.h"
 
 namespace {
 
@@ -97,14 +98,6 @@ bool m2Section(const std::string& rawName, std::string& fileType, std::string& p
   return false;
 }
 
-// Values of password keys never reach the log.
-bool isSecretKey(const std::string& key) {
-  std::string lower;
-  for (char c : key) lower += static_cast<char>(tolower(static_cast<unsigned char>(c)));
-  return lower.find("password") != std::string::npos || lower.find("pwd") != std::string::npos ||
-         lower.find("pin") != std::string::npos;
-}
-
 const char* legacyLoginFor(const std::string& key) {
   if (key == "AdminPassword") return "admin";
   if (key == "UserPassword") return "user";
@@ -140,7 +133,8 @@ bool takeM1Section(const iniFile& file, const iniSection& section, const autopTr
     }
     // An older-model setting outside the password file is named after its section alone.
     std::string name = "security." + section.name;
-    LOG_DEB("%s = %s", name.c_str(), isSecretKey(entry.key) ? "******" : ns_net::maskedUrlText(entry.value).c_str());
+    LOG_DEB("%s = %s", logEscaped(name).c_str(),
+            settingValueForLog(isSecretName(entry.key) || isSecretName(name), entry.value).c_str());
     pairs.emplace_back(name, trim(entry.value));
   }
   return true;

@@ -1,4 +1,5 @@
 #include "autopUrl.h"
+#include "redact.h"
 
 #include <cctype>
 #include <cstring>
@@ -166,16 +167,7 @@ std::string autopUrl::ToText() const {
   return text;
 }
 
-std::string autopUrl::LogText() const {
-  autopUrl masked = *this;
-  if (!masked.password.empty()) masked.password = "******";
-  return masked.ToText();
-}
-
-std::string maskedUrlText(const std::string& text) {
-  autopUrl url;
-  return url.Parse(text) && !url.password.empty() ? url.LogText() : text;
-}
+std::string autopUrl::LogText() const { return maskedUrl(ToText()); }
 
 bool autopUrl::IsValid() const { return !scheme.empty() && !host.empty() && port != 0; }
 

@@ -41,9 +41,4 @@ struct autopUrl {
   bool operator!=(const autopUrl& other) const { return !(*this == other); }
 };
 
-// The one masking of URLs for log lines: a text that parses as a URL with a password comes back as
-// its LogText(); any other text as it stands. Every URL or URL-valued setting that is logged goes
-// through it.
-std::string maskedUrlText(const std::string& text);
-
 }  // namespace ns_net

@@ -14,6 +14,7 @@
 #include "registry.h"
 #include "sipAnswer.h"
 #include "sipMessage.h"
+#include "redact.h"
 
 namespace {
 
@@ -70,12 +71,6 @@ std::string hardwareVersion() {
 }
 
 std::string tickText() { return std::to_string(brisaGetTickCount()); }
-
-// A provisioning URL for a log line: its password masked.
-std::string urlForLog(const std::string& text) {
-  ns_net::autopUrl url;
-  return url.Parse(text) ? url.LogText() : text;
-}
 
 std::string eventType(const std::string& event) {
   std::string type = event.substr(0, event.find(';'));

@@ -16,6 +16,7 @@
 #include "paths.h"
 #include "provisor.h"
 #include "registry.h"
+#include "redact.h"
 
 namespace {
 
@@ -46,7 +47,7 @@ void logSystemConfig() {
     LOG_WAR("Can't open autop file [%s]", kSystemIni);
     return;
   }
-  std::string url = autoLaunch::maskedUrl(system.GetTextValue("AutoProvision", "strServerURL", ""));
+  std::string url = urlForLog(system.GetTextValue("AutoProvision", "strServerURL", ""));
   LOG_IFO("Current Autoprovision URL [%s]", url.c_str());
 }
 
@@ -159,7 +160,7 @@ bool provisorObject::OnPnpResponseMessage(msgObject& msg) {
     if (url.empty()) {
       LOG_WAR("The PNP URL is empty !!");
     } else {
-      LOG_DEB("PNP url=%s", autoLaunch::maskedUrl(url).c_str());
+      LOG_DEB("PNP url=%s", urlForLog(url).c_str());
       result = autoLaunch::launchUrlUpgrade(url) ? 1 : 0;
     }
     // A bad or empty answer still leaves the phone its power-on run.

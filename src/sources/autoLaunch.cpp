@@ -19,6 +19,7 @@
 #include "log.h"
 #include "msgqueue.h"
 #include "registry.h"
+#include "redact.h"
 
 namespace autoLaunch {
 namespace {
@@ -71,9 +72,9 @@ bool tryDhcpOption(const iniFile& store, const std::string& option, const char* 
   if (option.empty()) return false;
   std::string value = store.GetTextValue(kDhcpSection, option, "");
   if (value.empty()) return false;
-  LOG_DEB("URL = %s\n", maskedUrl(value).c_str());
+  LOG_DEB("URL = %s\n", urlForLog(value).c_str());
   std::string url = dhcpOptionText(value);
-  LOG_IFO("%s option %s = %s", kind, option.c_str(), maskedUrl(url).c_str());
+  LOG_IFO("%s option %s = %s", kind, logEscaped(option).c_str(), urlForLog(url).c_str());
   return autoUpgrade::UpgradeFromURL(url);
 }
 
@@ -93,11 +94,6 @@ bool waitNetworkReady() {
   }
   LOG_IFO("Network not ready, skip upgrade");
   return false;
-}
-
-std::string maskedUrl(const std::string& url) {
-  ns_net::autopUrl parsed;
-  return parsed.Parse(url) && !parsed.password.empty() ? parsed.LogText() : url;
 }
 
 std::string dhcpOptionText(const std::string& value) {

@@ -37,11 +37,10 @@ bool waitNetworkReady();
 
 // The URL with the user name and password put into it (only where the URL carries none of its own
 // and names a server). With `protectedPassword` and the platform's value protection on, the
-// password is turned back into text first (left as it is when it is not in the protected form). Never logged as it is: see maskedUrl.
+// password is turned back into text first (left as it is when it is not in the protected form). Never logged as it is: see
+// urlForLog in redact.h.
 std::string composeUrl(const std::string& url, const std::string& user, const std::string& password,
                        bool protectedPassword);
-// The text as it may appear in a log line: any password inside it replaced by "******".
-std::string maskedUrl(const std::string& url);
 // A DHCP option value as a URL text: plain text as it is; a value of hexadecimal byte pairs only
 // (for example c0a80a01) as the bytes in decimal joined with "." (192.168.10.1).
 std::string dhcpOptionText(const std::string& value);

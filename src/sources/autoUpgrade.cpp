@@ -10,6 +10,7 @@
 #include "device.h"
 #include "log.h"
 #include "registry.h"
+#include "redact.h"
 
 namespace {
 
@@ -55,7 +56,7 @@ bool upgradeDirectory(autoParser& parser, const std::string& urlText) {
   std::string deviceUrl = directory + deviceFile;
   const std::string& custom = parser.customMacUrl();
   if (!custom.empty()) {
-    LOG_IFO("Get Custom MAC.CFG's URL: %s", ns_net::maskedUrlText(custom).c_str());
+    LOG_IFO("Get Custom MAC.CFG's URL: %s", urlForLog(custom).c_str());
     deviceUrl = isConfigFileName(custom.c_str()) ? custom : withTrailingSlash(custom) + deviceFile;
   }
   int deviceCode = updateOneFile(parser, deviceUrl);
@@ -98,7 +99,7 @@ void autoUpgrade::setTranslator(const autopTranslator* table) { translatorOverri
 ns_net::autopUrl autoUpgrade::UrlFromText(const std::string& urlText) {
   std::string text = replaceMacMarks(urlText, netGetMACText());
   // The text may carry credentials: only the masked form reaches the log.
-  LOG_IFO("autoUpgrade::UpgradeFromURL(strReplaceURL=%s)", ns_net::maskedUrlText(text).c_str());
+  LOG_IFO("autoUpgrade::UpgradeFromURL(strReplaceURL=%s)", urlForLog(text).c_str());
   ns_net::autopUrl url;
   // A local path ("/tmp/local.cfg") stays a local file; any other text without a scheme is TFTP.
   if (text.find("://") == std::string::npos && (text.empty() || text[0] != '/')) text = kDefaultScheme + text;

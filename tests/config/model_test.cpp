@@ -101,14 +101,20 @@ TEST_F(ModelTest, M1SectionsAndLegacyWebLogins) {
               "[network]\n"
               "path = /config/system/system.ini\n"
               "vlan = 7\n"
+              "CommonAesKey = k0123456789\n"
               "[security]\n"
               "AdminPassword = s3cret\n"
               "UserPassword = u\n");
   RawPairList pairs;
   LogCapture log;
   ASSERT_TRUE(loadM1OrM2Pairs("/tmp/xxx.cfg", table, pairs));
-  RawPairList expected = {{"security.network", "7"}, {"security.user_password", "root:s3cret"}};
+  RawPairList expected = {
+      {"security.network", "7"}, {"security.network", "k0123456789"}, {"security.user_password", "root:s3cret"}};
   EXPECT_EQ(pairs, expected);
+  // A key holding "aes" is as secret here as when it is applied.
+  EXPECT_TRUE(log.contains("security.network = 7"));
+  EXPECT_TRUE(log.contains("security.network = ******"));
+  EXPECT_FALSE(log.contains("k0123456789")) << log.text();
   // No login name for "user" anywhere: the section ends there.
   EXPECT_TRUE(log.contains("Fail to get [user] name for WEB Login !"));
 }
