@@ -37,7 +37,7 @@ int autoBinUpgrader::upgrade(autopItemList& items) {
   autopItem* first = items.front().get();
   if (!first) return 0;
   LOG_IFO("***** Upgrade BIN File *****");
-  LOG_IFO("NAME: [ %s ]", first->name.c_str());
+  LOG_IFO("NAME: [ %s ]", logEscaped(first->name).c_str());
   int32_t operation = operationOf(first->usage);
   if (operation != kOperationModify && items.size() != 1) {
     LOG_IFO("Not supported more than one bin item !");
@@ -145,5 +145,5 @@ int autoBinUpgrader::isNewFile() {
 
 void autoBinUpgrader::saveMd5() {
   if (!writeFileAtomic(m_destPath + ".MD5", std::string(m_md5, strnlen(m_md5, kMd5Digits))))
-    LOG_WAR("Can't write [%s.MD5]", m_destPath.c_str());
+    LOG_WAR("Can't write [%s.MD5]", logEscaped(m_destPath).c_str());
 }

@@ -150,7 +150,7 @@ int autoCfgUpgrader::upgrade(autopItemList& items) {
     }
     prepareItemValue(item);
     if (!opened) {
-      LOG_DEB("--- Open File [%s]", item->path.c_str());
+      LOG_DEB("--- Open File [%s]", logEscaped(item->path).c_str());
       handle = m_store.open(item->path, item->section);
     } else if (item->path != opened->path || item->section != opened->section) {
       if (handle) handle->flush();
@@ -165,9 +165,9 @@ int autoCfgUpgrader::upgrade(autopItemList& items) {
     std::string oldValue = isWebLoginName(*item) ? handle->getString(item->key, "") : std::string();
     if (!handle->setString(item->key, item->value)) continue;
     if (item->value.find('%') != std::string::npos)
-      LOG_DEB("%s.%s value has special char", item->section.c_str(), item->key.c_str());
+      LOG_DEB("%s.%s value has special char", logEscaped(item->section).c_str(), logEscaped(item->key).c_str());
     else
-      LOG_DEB("--- Set [%s::%s] Value [%s]", item->section.c_str(), item->key.c_str(),
+      LOG_DEB("--- Set [%s::%s] Value [%s]", logEscaped(item->section).c_str(), logEscaped(item->key).c_str(),
               isSecretItem(*item) ? kHiddenValue : urlForLog(item->value).c_str());
     carryUserName(item, oldValue);
     item->changed = true;
@@ -216,7 +216,7 @@ int autoCfgUpgrader::prepareByTarget(autopItem& item) {
   }
   if (item.section == "Phone_Lock" && item.key == "Unlock_PIN") {
     item.value = cryptPassword(item.value.c_str(), nullptr);
-    LOG_DEB("Item [%s] has crypted!", item.name.c_str());
+    LOG_DEB("Item [%s] has crypted!", logEscaped(item.name).c_str());
     return 1;
   }
   if (item.section == "ActionURI" && strcasecmp(item.key.c_str(), "LimitIP") == 0) checkActionUriLimit(item);
@@ -235,7 +235,7 @@ void autoCfgUpgrader::checkActionUriLimit(const autopItem& item) {
 
 int autoCfgUpgrader::encryptValue(autopItem& item, int result) {
   if (!item.encrypt) return result;
-  LOG_DEB("Item [%s] value need encrypt !", item.name.c_str());
+  LOG_DEB("Item [%s] value need encrypt !", logEscaped(item.name).c_str());
   if (m_store.getString(kUserIni, "PhoneSetting", "EnLock", "0") == "0") {
     LOG_IFO("Skipped Encrypt Password! Reason: [%s]", item.value.empty() ? "Empty Password" : "Not Supported");
     return result;
@@ -243,7 +243,7 @@ int autoCfgUpgrader::encryptValue(autopItem& item, int result) {
   std::string encrypted;
   if (pw_data_encrypt(item.value, encrypted) != 0) {
     // The value itself is a secret: the item's name says which one failed.
-    LOG_WAR("Fail to encrypt value %s", item.name.c_str());
+    LOG_WAR("Fail to encrypt value %s", logEscaped(item.name).c_str());
     return result;
   }
   item.value = encrypted;
@@ -257,6 +257,6 @@ void autoCfgUpgrader::carryUserName(const autopItem* item, const std::string& ol
     return;
   }
   if (!isWebLoginName(*item)) return;
-  LOG_IFO("Modify Web Login UserName [%s] =>> [%s]", oldValue.c_str(), item->value.c_str());
+  LOG_IFO("Modify Web Login UserName [%s] =>> [%s]", logEscaped(oldValue).c_str(), logEscaped(item->value).c_str());
   autoPwdUpgader().renameUser(oldValue, item->value);
 }

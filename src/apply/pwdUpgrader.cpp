@@ -61,7 +61,7 @@ int autoPwdUpgader::savePasswordFile(const std::string& path, const autoPwdEntry
 bool autoPwdUpgader::applyItem(const autopItem& item, autoPwdEntryList& entries, const std::string& adminName) {
   int32_t operation = operationOf(item.usage);
   if (operation == kOperationUnknown) {
-    LOG_IFO("Unknown USED_TYPE for [%s]!", item.usage.c_str());
+    LOG_IFO("Unknown USED_TYPE for [%s]!", logEscaped(item.usage).c_str());
     return false;
   }
   size_t colon = item.value.find(':');
@@ -69,7 +69,7 @@ bool autoPwdUpgader::applyItem(const autopItem& item, autoPwdEntryList& entries,
   std::string password = colon == std::string::npos ? std::string() : item.value.substr(colon + 1);
   if (name.empty()) return false;
   if (password.empty()) {
-    LOG_DEB("---Skipped empty password user : %s", name.c_str());
+    LOG_DEB("---Skipped empty password user : %s", logEscaped(name).c_str());
     return false;
   }
   if (password == kNullPassword) password.clear();
@@ -77,7 +77,7 @@ bool autoPwdUpgader::applyItem(const autopItem& item, autoPwdEntryList& entries,
   auto found = findUser(entries, name);
   if (operation == kOperationDelete) {
     if (found == entries.end()) return false;
-    LOG_DEB("Delete Web Login User [%s]", name.c_str());
+    LOG_DEB("Delete Web Login User [%s]", logEscaped(name).c_str());
     entries.erase(found);
     return true;
   }
@@ -86,12 +86,12 @@ bool autoPwdUpgader::applyItem(const autopItem& item, autoPwdEntryList& entries,
     return false;
   }
   if (found == entries.end()) {
-    LOG_IFO("Add Web Login User [%s]", name.c_str());
+    LOG_IFO("Add Web Login User [%s]", logEscaped(name).c_str());
     entries.push_back({name, cryptPassword(password.c_str(), nullptr)});
   } else {
     std::string hash = cryptPassword(password.c_str(), found->hash.c_str());
     if (hash == found->hash) return false;  // same password: nothing to write
-    LOG_IFO("Modify Web Login User[%s]'s Password !", name.c_str());
+    LOG_IFO("Modify Web Login User[%s]'s Password !", logEscaped(name).c_str());
     found->hash = hash;
   }
   // On disk before the password file: once the new hash is saved, the next run finds the password
@@ -133,7 +133,7 @@ int autoPwdUpgader::renameUser(const std::string& oldName, const std::string& ne
   if (!loadPasswordFile(kRenamePasswordFile, entries)) return 0;
   auto found = findUser(entries, oldName);
   if (found == entries.end()) {
-    LOG_WAR("Can't find old user [%s]", oldName.c_str());
+    LOG_WAR("Can't find old user [%s]", logEscaped(oldName).c_str());
     return 0;
   }
   found->name = newName;

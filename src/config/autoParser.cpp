@@ -231,18 +231,18 @@ int autoParser::updateConfig(bool pushed) {
 
 std::unique_ptr<autopItem> autoParser::itemFor(RawPair& pair) const {
   if (pair.second.empty()) {
-    LOG_DEB("---Skipped empty value item: %s", pair.first.c_str());
+    LOG_DEB("---Skipped empty value item: %s", logEscaped(pair.first).c_str());
     return nullptr;
   }
   auto item = std::make_unique<autopItem>();
   if (!m_table || !m_table->findItem(pair.first, *item)) {
-    LOG_WAR("Warning! Not found item %s", pair.first.c_str());
+    LOG_WAR("Warning! Not found item %s", logEscaped(pair.first).c_str());
     return nullptr;
   }
   // C readers of the INI file would see the value cut at the byte, others the byte itself: the
   // value is refused whole rather than applied as something the server did not send.
   if (pair.second.find('\0') != std::string::npos) {
-    LOG_WAR("Warning! Value of item %s holds a NUL byte, skipped", pair.first.c_str());
+    LOG_WAR("Warning! Value of item %s holds a NUL byte, skipped", logEscaped(pair.first).c_str());
     return nullptr;
   }
   item->name = std::move(pair.first);
@@ -257,7 +257,7 @@ std::unique_ptr<autopItem> autoParser::itemFor(RawPair& pair) const {
 void autoParser::appendToBatch(autopItemList& batch, std::unique_ptr<autopItem> item) const {
   if (m_olderModel && item->valueType == "!boolean") {
     item->valueType = "boolean";
-    LOG_IFO("Change item[%s] UN_BOOLEAN_VALUE_TYPE =>> BOOLEAN_VALUE_TYPE !", item->name.c_str());
+    LOG_IFO("Change item[%s] UN_BOOLEAN_VALUE_TYPE =>> BOOLEAN_VALUE_TYPE !", logEscaped(item->name).c_str());
   }
   batch.push_back(std::move(item));
 }

@@ -80,7 +80,8 @@ void appendLookedUp(const autopTranslator& table, const std::string& path, const
   if (table.findItemName(path, target.section, target.key, name)) {
     pairs.emplace_back(name, trim(target.value));
   } else {
-    LOG_DEB("Warning: Not found %s::%s:%s ", path.c_str(), target.section.c_str(), target.key.c_str());
+    LOG_DEB("Warning: Not found %s::%s:%s ", logEscaped(path).c_str(), logEscaped(target.section).c_str(),
+            logEscaped(target.key).c_str());
   }
 }
 

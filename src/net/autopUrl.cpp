@@ -167,7 +167,7 @@ std::string autopUrl::ToText() const {
   return text;
 }
 
-std::string autopUrl::LogText() const { return maskedUrl(ToText()); }
+std::string autopUrl::LogText() const { return urlForLog(ToText()); }
 
 bool autopUrl::IsValid() const { return !scheme.empty() && !host.empty() && port != 0; }
 

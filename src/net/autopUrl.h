@@ -31,7 +31,8 @@ struct autopUrl {
   // The whole URL rebuilt: scheme "://" [user [":" password] "@"] host [":" port] path
   // ["?" query] ["#" fragment]; an IPv6 host goes inside "[" and "]".
   std::string ToText() const;
-  // The text form with the password replaced by "******", for log lines.
+  // The text form with the password replaced by "******" and control characters escaped, for log
+  // lines (urlForLog).
   std::string LogText() const;
   // Scheme and host non-empty and port not 0.
   bool IsValid() const;

@@ -8,6 +8,7 @@
 #include "ftpStream.h"
 #include "log.h"
 #include "paths.h"
+#include "redact.h"
 #include "tftpStream.h"
 
 namespace ns_net {
@@ -22,7 +23,7 @@ constexpr uint16_t kTftpDefaultPort = 69;
 // FTP and TFTP connect to an address: a host name is resolved first.
 std::string resolvedHost(const std::string& host) {
   if (netSocket::IsIPText(host)) return host;
-  LOG_IFO("get ip from hostname[%s] ...", host.c_str());
+  LOG_IFO("get ip from hostname[%s] ...", logEscaped(host).c_str());
   std::string ip = netGetHostIPString(host, 3);
   LOG_IFO("ip[%s]", ip.c_str());
   return ip;
@@ -41,7 +42,7 @@ bool localStream::Open(const std::string& path) {
   // A directory opens for reading on Linux and only fails at the first read: refuse it here, with
   // the same answer as a missing file.
   if (pathIsDirectory(path) || !chFileStdio::Open(path, chFileStdio::kModeRead)) {
-    LOG_IFO("Open Stream Failed : [path = %s]", path.c_str());
+    LOG_IFO("Open Stream Failed : [path = %s]", logEscaped(path).c_str());
     return false;
   }
   return true;
@@ -123,7 +124,7 @@ std::unique_ptr<pipeStream> fileDownload::openStream(const autopUrl& url, int32_
 }
 
 bool fileDownload::OpenDownloadStream(const autopUrl& url, int32_t timeoutMs) {
-  LOG_IFO("fileDownload::OpenDownloadStream[%s][%s]", url.host.c_str(), url.path.c_str());
+  LOG_IFO("fileDownload::OpenDownloadStream[%s][%s]", logEscaped(url.host).c_str(), logEscaped(url.path).c_str());
   if (m_pCurrentStream) {
     LOG_ERR("The fileDownload stream has been openned !");
     return false;
@@ -150,9 +151,9 @@ void fileDownload::noteBreak(int64_t missing) {
   const std::string& reason = m_pCurrentStream ? m_pCurrentStream->BrokenReason() : std::string();
   std::string why = reason.empty() ? brisaTransLastError() : reason;
   if (missing >= 0)
-    LOG_WAR("Broken at -%lld bytes : %s", static_cast<long long>(missing), why.c_str());
+    LOG_WAR("Broken at -%lld bytes : %s", static_cast<long long>(missing), urlForLog(why).c_str());
   else
-    LOG_WAR("Broken after %lld bytes : %s", static_cast<long long>(m_byteCount), why.c_str());
+    LOG_WAR("Broken after %lld bytes : %s", static_cast<long long>(m_byteCount), urlForLog(why).c_str());
 }
 
 int fileDownload::readChunk(void* buffer, int bytes) {

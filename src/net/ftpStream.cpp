@@ -120,7 +120,7 @@ bool ftpStream::ConnectControl(const std::string& host, uint16_t port) {
   }
   std::string greeting = ReadReply();
   if (ReplyCode(greeting) != 220) {
-    LOG_WAR("FTP greeting [%s]", greeting.c_str());
+    LOG_WAR("FTP greeting [%s]", logEscaped(greeting).c_str());
     return false;
   }
   return true;
@@ -140,18 +140,18 @@ bool ftpStream::Login(const std::string& user, const std::string& password) {
     reply = ExecuteCommand("PASS " + secret);
     if (ReplyCode(reply) / 100 == 2) return true;
   }
-  LOG_WAR("FTP login fail [%s]", reply.c_str());
+  LOG_WAR("FTP login fail [%s]", logEscaped(reply).c_str());
   return false;
 }
 
 bool ftpStream::StartRetrieval(const std::string& path) {
   ExecuteCommand("TYPE I");
   std::string reply = ExecuteCommand("SIZE " + path + "\r\n");
-  LOG_IFO("ExcuteCommandE [SIZE %s], ret = %s", path.c_str(), reply.c_str());
+  LOG_IFO("ExcuteCommandE [SIZE %s], ret = %s", logEscaped(path).c_str(), logEscaped(reply).c_str());
   if (reply.empty()) return false;
   m_size = SizeFromReply(reply);
   reply = ExecuteCommand("PASV\r\n");
-  LOG_IFO("ExcuteCommandE [PASV], ret = %s", reply.c_str());
+  LOG_IFO("ExcuteCommandE [PASV], ret = %s", logEscaped(reply).c_str());
   // Active mode is for a server that refuses passive mode; an accepted passive mode whose data
   // connection fails ends the retrieval.
   bool dataReady = startsWith(reply, "227") ? ConnectPassive(reply) : PrepareActive();
@@ -227,7 +227,7 @@ bool ftpStream::PrepareActive() {
   std::string reply;
   if (local.family() == AF_INET6) {
     reply = ExecuteCommand("EPRT |2|" + ip + "|" + std::to_string(bound.port()) + "|\r\n");
-    LOG_IFO("ExcuteCommandE [EPRT |2|%s|%d|], ret = %s", ip.c_str(), bound.port(), reply.c_str());
+    LOG_IFO("ExcuteCommandE [EPRT |2|%s|%d|], ret = %s", ip.c_str(), bound.port(), logEscaped(reply).c_str());
   } else {
     std::string commaIp = ip;
     for (char& c : commaIp)
@@ -237,7 +237,7 @@ bool ftpStream::PrepareActive() {
     char command[96];
     snprintf(command, sizeof(command), "PORT %s,%d,%d\r\n", commaIp.c_str(), high, low);
     reply = ExecuteCommand(command);
-    LOG_IFO("ExcuteCommandE [PORT (%s,%d,%d)], ret = %s", commaIp.c_str(), high, low, reply.c_str());
+    LOG_IFO("ExcuteCommandE [PORT (%s,%d,%d)], ret = %s", commaIp.c_str(), high, low, logEscaped(reply).c_str());
   }
   if (ReplyCode(reply) / 100 != 2) {
     m_listener.Close();

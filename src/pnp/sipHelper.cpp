@@ -223,7 +223,7 @@ std::string PNPManger::BuildSubscribe() {
   std::string model = brisaGetProfileString(kVersionFile, "version", "modelName", kGenericModelName);
   if (model.empty() || model == kGenericModelName)
     model = brisaGetProfileString(kSystemIni, kAutoProvisionSection, "PNPEventModel", kDefaultEventModel);
-  LOG_IFO("EventVendor = %s, EventModel = %s", vendor.c_str(), model.c_str());
+  LOG_IFO("EventVendor = %s, EventModel = %s", logEscaped(vendor).c_str(), logEscaped(model).c_str());
 
   std::string userAgent = brisaGetProfileString(kSipAccountFile, "General", "UserAgent", "");
   replaceAll(userAgent, "$HW_VER", hardwareVersion());

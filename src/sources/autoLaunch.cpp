@@ -193,7 +193,7 @@ bool launchPnpUpgrade() {
   std::string address = setting("strPNPMulticastIP", kDefaultPnpMulticast);
   in_addr parsed;
   if (inet_pton(AF_INET, address.c_str(), &parsed) != 1) {
-    LOG_WAR("PNP Server IP [%s] is Invalid !", address.c_str());
+    LOG_WAR("PNP Server IP [%s] is Invalid !", logEscaped(address).c_str());
     return false;
   }
   LOG_IFO("PNP Server IP = %s", address.c_str());

@@ -109,8 +109,8 @@ ns_net::autopUrl autoUpgrade::UrlFromText(const std::string& urlText) {
 
 bool autoUpgrade::UpgradeFromURL(const std::string& urlText, const AutopInfo* info) {
   ns_net::autopUrl url = UrlFromText(urlText);
-  LOG_IFO("type = %s,hostname = %s, username = %s, psw = ******, port = %d", url.scheme.c_str(), url.host.c_str(),
-          url.user.c_str(), url.port);
+  LOG_IFO("type = %s,hostname = %s, username = %s, psw = ******, port = %d", logEscaped(url.scheme).c_str(),
+          logEscaped(url.host).c_str(), logEscaped(url.user).c_str(), url.port);
   if (!url.IsValid()) {
     LOG_IFO("Invalid URL !");
     return false;
