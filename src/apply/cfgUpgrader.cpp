@@ -148,6 +148,11 @@ int autoCfgUpgrader::upgrade(autopItemList& items) {
       LOG_NULL_POINTER();
       continue;
     }
+    // The login name must stay a name of the password file; the old name keeps working instead.
+    if (isWebLoginName(*item) && !autoPwdUpgader::isValidLoginName(item->value)) {
+      LOG_WAR("Refused web login name [%s] : it holds ':' or a control character", logEscaped(item->value).c_str());
+      continue;
+    }
     prepareItemValue(item);
     if (!opened) {
       LOG_DEB("--- Open File [%s]", logEscaped(item->path).c_str());

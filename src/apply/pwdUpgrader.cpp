@@ -23,6 +23,10 @@ autoPwdEntryList::iterator findUser(autoPwdEntryList& entries, const std::string
 
 autoPwdUpgader::~autoPwdUpgader() = default;
 
+bool autoPwdUpgader::isValidLoginName(const std::string& name) {
+  return std::none_of(name.begin(), name.end(), [](unsigned char c) { return c == ':' || c < 0x20 || c == 0x7f; });
+}
+
 void autoPwdUpgader::parsePasswordText(const std::string& text, autoPwdEntryList& entries) {
   entries.clear();
   size_t start = 0;
@@ -68,6 +72,10 @@ bool autoPwdUpgader::applyItem(const autopItem& item, autoPwdEntryList& entries,
   std::string name = item.value.substr(0, colon);
   std::string password = colon == std::string::npos ? std::string() : item.value.substr(colon + 1);
   if (name.empty()) return false;
+  if (!isValidLoginName(name)) {
+    LOG_WAR("Refused web login name [%s] : it holds a control character", logEscaped(name).c_str());
+    return false;
+  }
   if (password.empty()) {
     LOG_DEB("---Skipped empty password user : %s", logEscaped(name).c_str());
     return false;
@@ -127,6 +135,10 @@ int autoPwdUpgader::upgrade(autopItemList& items) {
 int autoPwdUpgader::renameUser(const std::string& oldName, const std::string& newName) {
   if (oldName.empty() || newName.empty()) {
     LOG_NULL_POINTER();
+    return 0;
+  }
+  if (!isValidLoginName(newName)) {
+    LOG_WAR("Refused web login name [%s] : it holds ':' or a control character", logEscaped(newName).c_str());
     return 0;
   }
   autoPwdEntryList entries;

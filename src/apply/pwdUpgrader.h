@@ -11,6 +11,10 @@
 // fsync, rename), so the web server never reads half a file. When the administrator's password
 // changes, the plain password also goes to the TR-069 agent's configuration.
 //
+// A login name holding ":" or a control character is refused wherever it would enter the file (a
+// new user, a rename): "root:AAxxx" would read back as the user "root" with a broken hash, and a
+// line end would make two lines, so the administrator would be locked out.
+//
 // Lines without ":" name no user the server could check; the reader drops them (and empty lines),
 // so a file written by savePasswordFile reads back unchanged.
 #pragma once
@@ -41,6 +45,8 @@ class autoPwdUpgader : public autoFileUpgrader {
   static int loadPasswordFile(const std::string& path, autoPwdEntryList& entries);
   // Writes the entries whole, in order, atomically. 1, or 0 when the file can't be written.
   static int savePasswordFile(const std::string& path, const autoPwdEntryList& entries);
+  // False for a name holding ":" or a control character (refused with a log line where it is used).
+  static bool isValidLoginName(const std::string& name);
   // The line reader behind loadPasswordFile.
   static void parsePasswordText(const std::string& text, autoPwdEntryList& entries);
 

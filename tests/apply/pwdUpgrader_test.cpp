@@ -72,3 +72,49 @@ TEST_F(PwdUpgraderTest, AddChangeKeepDeleteAndTheAdministratorsHandOver) {
 }
 
 }  // namespace
+
+namespace {
+
+// A web login name is a name of the password file: one holding ":" or a control character is
+// refused when the login is renamed and when a user is added, and the administrator keeps its
+// login and password.
+TEST_F(PwdUpgraderTest, LoginNamesWithColonsOrControlCharactersAreRefused) {
+  const std::string renameFile = "/config/data/htpasswd";
+  const std::string adminLine = "admin:" + cryptPassword("pw", nullptr) + "\n";
+  // the new login name; whether it is taken
+  const std::pair<const char*, bool> names[] = {
+      {"root:AAxxxxxxxxxxx", false}, {"ro\not", false}, {"ro\x7fot", false}, {"\x1b[2Jroot", false}, {"root", true},
+  };
+  for (const auto& [name, taken] : names) {
+    SCOPED_TRACE(name);
+    root->write(renameFile, adminLine);
+    root->write("/config/user/user.ini", "[UserName]\nadmin = admin\n");
+    registryResetCache();
+    autopItemList items;
+    autopItem& item = *items.emplace_back(std::make_unique<autopItem>());
+    item.path = "/config/user/user.ini";
+    item.section = "UserName";
+    item.key = "admin";
+    item.value = name;
+    EXPECT_EQ(autoCfgUpgrader().upgrade(items), taken ? 1 : 0);
+    registryResetCache();
+    const std::string login = brisaGetProfileString("/config/user/user.ini", "UserName", "admin", "<none>");
+    EXPECT_EQ(login, taken ? name : "admin");
+    // The login the phone now names still opens with the old password.
+    autoPwdEntryList entries;
+    ASSERT_TRUE(autoPwdUpgader::loadPasswordFile(renameFile, entries));
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0].name, login);
+    EXPECT_EQ(cryptPassword("pw", entries[0].hash.c_str()), entries[0].hash);
+    if (!taken) {
+      EXPECT_EQ(root->read(renameFile), adminLine);
+    }
+    // Added directly as a user of the web server's file: refused the same way.
+    root->write(kFile, adminLine);
+    std::string user = name;
+    EXPECT_EQ(apply("cover.user", user.substr(0, user.find(':')) + "x\x01:pw"), 0);
+    EXPECT_EQ(root->read(kFile), adminLine);
+  }
+}
+
+}  // namespace
