@@ -3,7 +3,9 @@
 #include "autopSettings.h"
 
 #include <crypt.h>
+#include <openssl/rand.h>
 #include <strings.h>
+#include <sys/random.h>
 
 #include <algorithm>
 #include <cctype>
@@ -88,8 +90,21 @@ class registryStore : public autoConfigStore {
 
 // --- crypt ---------------------------------------------------------------------------------------
 
+// From the system's random source: rand() repeats its sequence in every process that seeds it
+// alike (or not at all), so phones started in the same second, or two runs of a tool, would share
+// their salts. 64 characters divide 256, so every character is equally likely.
 void appendRandomSalt(std::string& salt, size_t length) {
-  while (salt.size() < length) salt.push_back(kSaltCharacters[rand() % 64]);
+  static_assert(sizeof kSaltCharacters - 1 == 64, "one salt character per 6 bits");
+  while (salt.size() < length) {
+    unsigned char bytes[32];
+    size_t want = std::min(sizeof bytes, length - salt.size());
+    if (RAND_bytes(bytes, static_cast<int>(want)) != 1 &&
+        getrandom(bytes, want, 0) != static_cast<ssize_t>(want)) {
+      LOG_ERR("No random source for a password salt !");
+      return;
+    }
+    for (size_t i = 0; i < want; ++i) salt.push_back(kSaltCharacters[bytes[i] % 64]);
+  }
 }
 
 // The hashes of the password's blocks, or "" when the library refused the salt.

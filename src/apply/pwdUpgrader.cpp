@@ -93,11 +93,13 @@ bool autoPwdUpgader::applyItem(const autopItem& item, autoPwdEntryList& entries,
     LOG_ERR("Can not find username,update password failed!!");
     return false;
   }
+  std::string hash = cryptPassword(password.c_str(), found == entries.end() ? nullptr : found->hash.c_str());
+  // No hash (no random source for its salt): an empty one would let any password in.
+  if (hash.empty()) return false;
   if (found == entries.end()) {
     LOG_IFO("Add Web Login User [%s]", logEscaped(name).c_str());
-    entries.push_back({name, cryptPassword(password.c_str(), nullptr)});
+    entries.push_back({name, hash});
   } else {
-    std::string hash = cryptPassword(password.c_str(), found->hash.c_str());
     if (hash == found->hash) return false;  // same password: nothing to write
     LOG_IFO("Modify Web Login User[%s]'s Password !", logEscaped(name).c_str());
     found->hash = hash;

@@ -223,6 +223,13 @@ TEST(CryptPassword, ReproducesFromItsOwnSaltAndCutsAt20) {
   std::set<std::string> salts;
   for (int i = 0; i < 20; ++i) salts.insert(cryptPassword("pw", nullptr).substr(0, 2));
   EXPECT_GT(salts.size(), 1u);
+  // Nor does a process seeded like another (phones started in the same second) repeat its salts.
+  std::set<std::string> seededAlike;
+  for (int i = 0; i < 4; ++i) {
+    srand(1);
+    seededAlike.insert(cryptPassword("pw", nullptr));
+  }
+  EXPECT_EQ(seededAlike.size(), 4u);
   // A salt the library refuses (a damaged password file entry) still gives a usable hash.
   std::string repaired = cryptPassword("pw", "*0");
   ASSERT_EQ(repaired.size(), 13u);

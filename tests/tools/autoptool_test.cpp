@@ -5,6 +5,7 @@
 // elsewhere.
 #include <gtest/gtest.h>
 
+#include <set>
 #include <thread>
 
 #include "device.h"
@@ -82,6 +83,23 @@ TEST(Autoptool, EncryptAndDecryptMatchOpensslAndCheckWritesNothing) {
 
   // A run that reaches no file fails; runs that apply are in the power-loss test.
   EXPECT_EQ(tool("provision /srv/nothing/"), 1);
+}
+
+// Two runs of the tool in fresh roots add the same user and password with different salts.
+TEST(Autoptool, SaltsDifferBetweenFreshRuns) {
+  std::set<std::string> hashes;
+  for (int run = 0; run < 2; ++run) {
+    TempRoot root;
+    root.write("/phone/resource/autopTranslator.xml", readHostFile(kSampleTable));
+    root.write("/valdrun/config/.htpasswd", "");
+    root.write("/srv/p.cfg", "#!version:1.0.0.1\nsecurity.user_password = admin:samepw\n");
+    std::string out;
+    EXPECT_EQ(tool("provision /srv/p.cfg", &out), 0) << out;
+    std::string line = root.read("/valdrun/config/.htpasswd");
+    ASSERT_EQ(line.rfind("admin:", 0), 0u) << line << out;
+    hashes.insert(line);
+  }
+  EXPECT_EQ(hashes.size(), 2u);
 }
 
 // The tool prints secrets by the rule the daemon's log follows: URL passwords in its own error
