@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "autoptool.h"
 #include "autopUrl.h"
+#include "autoptool.h"
 #include "fileStream.h"
 #include "redact.h"
 

@@ -98,8 +98,7 @@ void appendRandomSalt(std::string& salt, size_t length) {
   while (salt.size() < length) {
     unsigned char bytes[32];
     size_t want = std::min(sizeof bytes, length - salt.size());
-    if (RAND_bytes(bytes, static_cast<int>(want)) != 1 &&
-        getrandom(bytes, want, 0) != static_cast<ssize_t>(want)) {
+    if (RAND_bytes(bytes, static_cast<int>(want)) != 1 && getrandom(bytes, want, 0) != static_cast<ssize_t>(want)) {
       LOG_ERR("No random source for a password salt !");
       return;
     }

@@ -16,8 +16,8 @@
 #include "log.h"
 #include "mutex.h"
 #include "paths.h"
-#include "registry.h"
 #include "redact.h"
+#include "registry.h"
 
 namespace {
 

@@ -11,10 +11,10 @@
 #include "device.h"
 #include "log.h"
 #include "paths.h"
+#include "redact.h"
 #include "registry.h"
 #include "sipAnswer.h"
 #include "sipMessage.h"
-#include "redact.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <cstring>
 
 #include "autoLaunch.h"
-#include "autopSettings.h"
 #include "autopMessages.h"
+#include "autopSettings.h"
 #include "baseMethod.h"
 #include "callMethod.h"
 #include "clock.h"
@@ -15,8 +15,8 @@
 #include "log.h"
 #include "paths.h"
 #include "provisor.h"
-#include "registry.h"
 #include "redact.h"
+#include "registry.h"
 
 namespace {
 

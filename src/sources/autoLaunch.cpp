@@ -18,8 +18,8 @@
 #include "inifile.h"
 #include "log.h"
 #include "msgqueue.h"
-#include "registry.h"
 #include "redact.h"
+#include "registry.h"
 
 namespace autoLaunch {
 namespace {

@@ -37,8 +37,8 @@ bool waitNetworkReady();
 
 // The URL with the user name and password put into it (only where the URL carries none of its own
 // and names a server). With `protectedPassword` and the platform's value protection on, the
-// password is turned back into text first (left as it is when it is not in the protected form). Never logged as it is: see
-// urlForLog in redact.h.
+// password is turned back into text first (left as it is when it is not in the protected form).
+// Never logged as it is: see urlForLog in redact.h.
 std::string composeUrl(const std::string& url, const std::string& user, const std::string& password,
                        bool protectedPassword);
 // A DHCP option value as a URL text: plain text as it is; a value of hexadecimal byte pairs only

@@ -9,8 +9,8 @@
 #include "autopTranslator.h"
 #include "device.h"
 #include "log.h"
-#include "registry.h"
 #include "redact.h"
+#include "registry.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include "device.h"
 #include "firmwareImages.h"
 #include "firmwareUrl.h"
-#include "registry.h"
 #include "redact.h"
+#include "registry.h"
 #include "testRoot.h"
 
 using namespace testing_support;
