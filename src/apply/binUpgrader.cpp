@@ -69,7 +69,7 @@ int autoBinUpgrader::coverItem(autopItem& item, autoBinParser& parser) {
   std::string name = fileNamePart(item.value);
   // Decided here: a name that is not a file of its own is refused before anything is fetched.
   if (!isSafeDownloadName(name)) {
-    LOG_WAR("Refused the file name of the resource URL");
+    LOG_WAR("Refused the file name of the resource URL [%s]", logEscaped(name).c_str());
     LOG_WAR("Fail to download bin file");
     return 0;
   }

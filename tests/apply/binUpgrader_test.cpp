@@ -94,6 +94,7 @@ TEST_F(BinUpgraderTest, InstallSkipByMd5DirectoriesOneResourcePerObjectAndDelete
     log.clear();
     provision(std::string("xmldir.url = ") + url);
     EXPECT_TRUE(log.contains("Refused the file name of the resource URL")) << url;
+    EXPECT_EQ(log.text().find('\x01'), std::string::npos) << "the name is logged escaped";
   }
 
   provision("xmldir.delete = http://localhost/bar.xml");
