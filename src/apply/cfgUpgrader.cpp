@@ -212,7 +212,7 @@ int autoCfgUpgrader::prepareByTarget(autopItem& item) {
     return 1;
   }
   if (item.section == kRandomKeySection && item.path == kRandomKeyFile) {
-    if (m_store.getInt(kSystemIni, "AutoProvision", "use_build_in_aes_key_16_mac", 0) == 0) return 0;
+    if (m_store.getInt(kSystemIni, kAutoProvisionSection, autop_key::kBuiltInDeviceKey, 0) == 0) return 0;
     if (isAlnumKey(item.value)) return 0;
     LOG_WAR("AES_RANDOM_KEY is invalid ! Will clear it !");
     item.value.clear();

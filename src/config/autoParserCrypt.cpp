@@ -107,9 +107,9 @@ bool looksEncrypted(const std::string& path) {
 }
 
 bool plainFilesAllowed() {
-  if (brisaGetProfileInt(kSystemIni, kAutoProvisionSection, "UpdateFileMode", 0) == 0) return true;
-  std::string key = configured("strKeyAES16MAC");
-  if (isBuiltInOrEmpty(key)) key = configured("strKeyAES16");
+  if (brisaGetProfileInt(kSystemIni, kAutoProvisionSection, autop_key::kUpdateFileMode, 0) == 0) return true;
+  std::string key = configured(autop_key::kDeviceAesKey);
+  if (isBuiltInOrEmpty(key)) key = configured(autop_key::kCommonAesKey);
   return isBuiltInOrEmpty(key);
 }
 
@@ -149,9 +149,9 @@ bool selectAesKey(bool perDevice, const AesKeySources& sources, AesKey& key) {
       text = sources.infoCommonKey;
     } else {
       LOG_IFO("Use Config COM AES KEY");
-      text = configured("strKeyAES16");
+      text = configured(autop_key::kCommonAesKey);
     }
-  } else if (brisaGetProfileInt(kSystemIni, kAutoProvisionSection, "use_build_in_aes_key_16_mac", 0) != 0) {
+  } else if (brisaGetProfileInt(kSystemIni, kAutoProvisionSection, autop_key::kBuiltInDeviceKey, 0) != 0) {
     LOG_IFO("Use build in aes key");
     key = derivedDeviceKey(netGetMACText());
     return true;
@@ -161,10 +161,10 @@ bool selectAesKey(bool perDevice, const AesKeySources& sources, AesKey& key) {
   } else if (!sources.infoCommonKey.empty()) {
     LOG_IFO("Use AutopInfo Struct AES Key !");
     text = sources.infoCommonKey;
-  } else if (!isBuiltInOrEmpty(configured("strKeyAES16MAC"))) {
+  } else if (!isBuiltInOrEmpty(configured(autop_key::kDeviceAesKey))) {
     // The built-in key text there is no custom key: the common file's key serves instead.
     LOG_IFO("Use Config MAC AES KEY");
-    text = configured("strKeyAES16MAC");
+    text = configured(autop_key::kDeviceAesKey);
     std::string plain = unprotected(text);
     // A key stored as plain text is used as it stands.
     if (!plain.empty()) {
@@ -173,7 +173,7 @@ bool selectAesKey(bool perDevice, const AesKeySources& sources, AesKey& key) {
     }
   } else {
     LOG_IFO("Config MAC AES_KEY is empty! Use Config COM AES_KEY !");
-    text = configured("strKeyAES16");
+    text = configured(autop_key::kCommonAesKey);
   }
   if (text.empty()) return false;
   if (!alreadyUnprotected && valueEncryptionInUse()) {

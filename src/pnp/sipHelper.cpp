@@ -154,7 +154,7 @@ void PNPManger::OnThreadStart() { OpenSocket(); }
 bool PNPManger::OpenSocket() {
   if (socket_.handle() != ns_net::INVALID_SOCKET) return true;
   const char* reason = nullptr;
-  if (brisaGetProfileInt(kSystemIni, kAutoProvisionSection, "bEnablePNP", 0) == 0)
+  if (brisaGetProfileInt(kSystemIni, kAutoProvisionSection, autop_key::kEnablePnp, 0) == 0)
     reason = "PNP CLOSED";
   else if (netGetNetworkSta() != kNetworkUp)
     reason = "NET UNAVAIL";
@@ -196,7 +196,7 @@ void PNPManger::SendRequest() {
   // The link may have come up since the thread started.
   if (!OpenSocket()) {
     LOG_DEB("PNP Socket invalid,EnablePnp=%d,PnpPort=%d,socket=%d",
-            brisaGetProfileInt(kSystemIni, kAutoProvisionSection, "bEnablePNP", 0), kPnpPort, socket_.handle());
+            brisaGetProfileInt(kSystemIni, kAutoProvisionSection, autop_key::kEnablePnp, 0), kPnpPort, socket_.handle());
     return;
   }
   LOG_IFO("Requset PNP URL (%s)", requestTarget_.c_str());
@@ -315,7 +315,7 @@ void PNPManger::HandleDatagram(const ns_net::netAddress& from) {
 }
 
 void PNPManger::HandleNotify(const sipMessage& notify, const ns_net::netAddress& from, size_t size) {
-  if (brisaGetProfileInt(kSystemIni, kAutoProvisionSection, "PNPOutDialogMSGEnable", 1) == 0) {
+  if (brisaGetProfileInt(kSystemIni, kAutoProvisionSection, autop_key::kPnpOutDialogMessages, 1) == 0) {
     LOG_DEB("HandleNoDialogMSG is 0");
     if (notify.callId() != lastCallId_) {
       LOG_WAR("Call-ID is not same as SubScribe!Do not Autop!");

@@ -34,8 +34,8 @@ int32_t dateNumber(const chTime& time) { return time.GetYear() * 10000 + time.Ge
 void repeatPolicy::Load(const REGHANDLE& handle) {
   timer_.KillTimer();
   interval_ = 0;
-  if (registryGetInt(handle, "bEnableRepeat", 0) == 0) return;
-  int32_t minutes = registryGetInt(handle, "nRepeatMinutes", 60);
+  if (registryGetInt(handle, autop_key::kEnableRepeat, 0) == 0) return;
+  int32_t minutes = registryGetInt(handle, autop_key::kRepeatMinutes, 60);
   if (minutes <= 0) return;
   interval_ = static_cast<uint64_t>(minutes) * 60000u;
   timer_.SetTimer(interval_);
@@ -68,10 +68,10 @@ uint32_t weeklyPolicy::parseMask(const std::string& text) {
 void weeklyPolicy::Load(const REGHANDLE& handle) {
   mask_ = 0;
   timer_.KillTimer();
-  if (registryGetInt(handle, "bEnableWeekly", 0) != 0) {
-    mask_ = parseMask(registryGetString(handle, "strWeeklyMask", ""));
-    int32_t begin = parseTime(registryGetString(handle, "strWeeklyBeginTime", ""));
-    int32_t end = parseTime(registryGetString(handle, "strWeeklyEndTime", ""));
+  if (registryGetInt(handle, autop_key::kEnableWeekly, 0) != 0) {
+    mask_ = parseMask(registryGetString(handle, autop_key::kWeeklyMask, ""));
+    int32_t begin = parseTime(registryGetString(handle, autop_key::kWeeklyBeginTime, ""));
+    int32_t end = parseTime(registryGetString(handle, autop_key::kWeeklyEndTime, ""));
     double r = rand() / 2147483647.0;
     // A window that crosses midnight, or an empty one, reaches into the next day.
     int32_t span = begin < end ? end - begin : end - begin + kSecondsPerDay;

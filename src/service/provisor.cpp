@@ -170,7 +170,7 @@ void provisorObject::StartPnpOrPowerOn() {
   // The discovery thread must be there to take the request; a failure leaves only the wait. With
   // plug-and-play off it only logs why it stays idle.
   if (!pnpManager.Start()) LOG_ERR("Can't start thread [%s] !", kThreadPnpManager);
-  if (brisaGetProfileInt(kSystemIni, kAutoProvisionSection, "bEnablePNP", 0)) {
+  if (brisaGetProfileInt(kSystemIni, kAutoProvisionSection, autop_key::kEnablePnp, 0)) {
     while (netGetNetworkSta() != kNetworkUp && networkWaitCount < kNetworkWaitSeconds) {
       ++networkWaitCount;
       LOG_IFO("PNP Network Fail,sleep 1 seconds");

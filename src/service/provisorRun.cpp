@@ -47,7 +47,7 @@ void logSystemConfig() {
     LOG_WAR("Can't open autop file [%s]", kSystemIni);
     return;
   }
-  std::string url = urlForLog(system.GetTextValue("AutoProvision", "strServerURL", ""));
+  std::string url = urlForLog(system.GetTextValue(kAutoProvisionSection, autop_key::kServerUrl, ""));
   LOG_IFO("Current Autoprovision URL [%s]", url.c_str());
 }
 

@@ -46,7 +46,7 @@ int32_t settingInt(const char* key, int32_t defaultValue) {
 }
 
 // At power-on the configured server is used only when bEnablePoweron allows it.
-bool configUrlAllowed() { return powerOnMarkSet() || settingInt("bEnablePoweron", 0) != 0; }
+bool configUrlAllowed() { return powerOnMarkSet() || settingInt(autop_key::kEnablePowerOn, 0) != 0; }
 
 bool isHexDigits(const std::string& text) {
   for (char c : text)
@@ -127,7 +127,7 @@ std::string composeUrl(const std::string& url, const std::string& user, const st
 
 bool launchConfigUrlUpgrade() {
   LOG_IFO("***** Launch Config URL Upgrade *****");
-  std::string url = composeUrl(setting("strServerURL"), setting("strUserName"), setting("strPassword"), true);
+  std::string url = composeUrl(setting(autop_key::kServerUrl), setting(autop_key::kUserName), setting(autop_key::kPassword), true);
   return autoUpgrade::UpgradeFromURL(url);
 }
 
@@ -138,11 +138,11 @@ bool launchDhcpUpgrade(bool waitNetwork) {
   }
   LOG_IFO("***** Launch DHCP Upgrade *****");
   if (waitNetwork && !waitNetworkReady()) return false;
-  if (settingInt("bEnableDHCPOption", 1) == 0 || netGetNetworkType() != kWiredNetwork) return false;
+  if (settingInt(autop_key::kEnableDhcpOption, 1) == 0 || netGetNetworkType() != kWiredNetwork) return false;
   iniFile store;
   if (!store.LoadFromFile(kDhcpOptionStore)) return false;
-  if (tryDhcpOption(store, setting("listUserOptions"), "user")) return true;
-  for (const std::string& option : splitOptions(setting("listSystemOptions", kDefaultSystemOptions)))
+  if (tryDhcpOption(store, setting(autop_key::kUserDhcpOptions), "user")) return true;
+  for (const std::string& option : splitOptions(setting(autop_key::kSystemDhcpOptions, kDefaultSystemOptions)))
     if (tryDhcpOption(store, option, "system")) return true;
   return false;
 }
@@ -152,7 +152,7 @@ bool launchUpgrade() {
   LOG_IFO("***** Launch Upgrade *****");
   if (!waitNetworkReady()) return false;
   LOG_DEB("Not launch pnp upgrade by policy!");
-  if (settingInt("url_priority", 0) == 0) {
+  if (settingInt(autop_key::kUrlPriority, 0) == 0) {
     if (launchDhcpUpgrade(false)) return true;
     return configUrlAllowed() && launchConfigUrlUpgrade();
   }
@@ -186,11 +186,11 @@ bool launchPnpUpgrade() {
     return false;
   }
   LOG_IFO("***** Launch PNP Upgrade *****");
-  if (settingInt("bEnablePNP", 0) == 0) {
+  if (settingInt(autop_key::kEnablePnp, 0) == 0) {
     LOG_IFO("Skipped ! PNP Mode is Closed.");
     return false;
   }
-  std::string address = setting("strPNPMulticastIP", kDefaultPnpMulticast);
+  std::string address = setting(autop_key::kPnpMulticastIp, kDefaultPnpMulticast);
   in_addr parsed;
   if (inet_pton(AF_INET, address.c_str(), &parsed) != 1) {
     LOG_WAR("PNP Server IP [%s] is Invalid !", logEscaped(address).c_str());

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "autoParser.h"
+#include "autopSettings.h"
 #include "autopTranslator.h"
 #include "device.h"
 #include "log.h"
@@ -78,8 +79,8 @@ bool isConfigFileName(const char* path) {
 }
 
 std::string getCommonConfigName() {
-  std::string name = brisaGetProfileString("/config/system/system.ini", "AutoProvision", "strCommName", "");
-  if (name.empty()) name = brisaGetProfileString("/phone/factory/system.ini", "AutoProvision", "strCommName", "");
+  std::string name = brisaGetProfileString(kSystemIni, kAutoProvisionSection, autop_key::kCommonFileName, "");
+  if (name.empty()) name = brisaGetProfileString("/phone/factory/system.ini", kAutoProvisionSection, autop_key::kCommonFileName, "");
   if (name.empty()) LOG_ERR("Fail to get COM config name !");
   return name;
 }
