@@ -109,6 +109,11 @@ int autoptoolCheck(int argc, char** argv) {
   int unknown = 0;
   printf("model %s%s\n", model == ConfigModel::kM7 ? "M7 version " : "M1/M2", version.c_str());
   for (const RawPair& pair : pairs) {
+    // The daemon skips "a.b=" before it looks the key up; only "%NULL%" sets the empty value.
+    if (pair.second.empty()) {
+      printf("%s -> skipped: empty value\n", logEscaped(pair.first).c_str());
+      continue;
+    }
     autopItem item;
     if (!table.findItem(pair.first, item)) {
       printf("%s -> unknown\n", logEscaped(pair.first).c_str());

@@ -73,6 +73,12 @@ TEST(Autoptool, EncryptAndDecryptMatchOpensslAndCheckWritesNothing) {
   EXPECT_TRUE(has(out, "no.such.setting -> unknown"));
   EXPECT_TRUE(has(out, "3 keys, 1 unknown"));
 
+  // "a.b=" is skipped by the daemon, "a.b = %NULL%" sets the empty value: check tells them apart.
+  root.write("/e.cfg", "#!version:1.0.0.1\naccount.1.label=\naccount.1.label = %NULL%\n");
+  EXPECT_EQ(tool("check --table " + kSampleTable + " " + root.host("/e.cfg"), &out), 0) << out;
+  EXPECT_TRUE(has(out, "account.1.label -> skipped: empty value\n")) << out;
+  EXPECT_TRUE(has(out, "account.1.label -> cfg /config/user/voip/sipAccount0.cfg [account] Label = \n")) << out;
+
   // An older-model file with a byte-order mark is left exactly as it was.
   std::string m2 = "\xEF\xBB\xBF[cfg:/config/user/voip/sipAccount0.cfg]\naccount.Label = Front\n";
   root.write("/m2.cfg", m2);
