@@ -123,6 +123,7 @@ int autoParser::fetchPushed() {
 }
 
 bool autoParser::isPerDeviceFile() const {
+  if (m_role != ConfigFileRole::kNamedByUrl) return m_role == ConfigFileRole::kPerDevice;
   std::string mac = netGetMACText();
   return !mac.empty() && m_download.UrlText().find(mac) != std::string::npos;
 }

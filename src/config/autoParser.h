@@ -33,6 +33,12 @@ constexpr const char* kPushedConfigPath = "/tmp/XML.cfg";
 
 class autopTranslator;
 
+// Which file of the pair a download is; it picks the digest memory and the AES key. A directory
+// knows its common and its per-device file, whatever their URLs hold: "http://server/$mac/" puts
+// the MAC in both, a custom per-device location in neither. A file named by its own URL has only
+// its text to go by: it is the per-device one when that text holds the device's MAC.
+enum class ConfigFileRole { kNamedByUrl, kCommon, kPerDevice };
+
 class autoParser {
  public:
   // `info`, when given, brings the AES keys of the request.
@@ -56,6 +62,7 @@ class autoParser {
   bool rebootRequested() const { return m_rebootRequested; }
   // Called (once per parser) when an applied item needs a reboot; the service arranges it.
   void setRebootHandler(std::function<void()> handler) { m_onReboot = std::move(handler); }
+  void setFileRole(ConfigFileRole role) { m_role = role; }
   // The table used for lookups (the process's single table unless a test gives another).
   void setTranslator(const autopTranslator* table) { m_table = table; }
 
@@ -98,6 +105,7 @@ class autoParser {
   bool m_olderModel = false;
   std::vector<std::string> m_pendingMethods;
   std::string m_customMacUrl;
+  ConfigFileRole m_role = ConfigFileRole::kNamedByUrl;
   bool m_rebootRequested = false;
   std::function<void()> m_onReboot;
 };

@@ -33,9 +33,10 @@ std::string withTrailingSlash(const std::string& text) {
 }
 
 // Opens and applies one file of a directory; the update's code, -3 when it could not be opened.
-int updateOneFile(autoParser& parser, const std::string& urlText) {
+int updateOneFile(autoParser& parser, const std::string& urlText, ConfigFileRole role) {
   ns_net::autopUrl url;
   if (!url.Parse(urlText) || !parser.OpenDownloadStream(url)) return kUpdateNotDownloaded;
+  parser.setFileRole(role);
   int code = parser.updateConfig(false);
   parser.CloseDownloadStream();
   return code;
@@ -51,7 +52,7 @@ bool upgradeDirectory(autoParser& parser, const std::string& urlText) {
   const std::string directory = withTrailingSlash(urlText);
   const std::string commonName = getCommonConfigName();
   LOG_IFO("strCommName = [%s]", commonName.c_str());
-  int commonCode = updateOneFile(parser, directory + commonName);
+  int commonCode = updateOneFile(parser, directory + commonName, ConfigFileRole::kCommon);
 
   const std::string deviceFile = netGetMACText() + ".cfg";
   std::string deviceUrl = directory + deviceFile;
@@ -60,7 +61,7 @@ bool upgradeDirectory(autoParser& parser, const std::string& urlText) {
     LOG_IFO("Get Custom MAC.CFG's URL: %s", urlForLog(custom).c_str());
     deviceUrl = isConfigFileName(custom.c_str()) ? custom : withTrailingSlash(custom) + deviceFile;
   }
-  int deviceCode = updateOneFile(parser, deviceUrl);
+  int deviceCode = updateOneFile(parser, deviceUrl, ConfigFileRole::kPerDevice);
   return commonCode != kUpdateNotDownloaded || deviceCode != kUpdateNotDownloaded;
 }
 
@@ -80,7 +81,8 @@ bool isConfigFileName(const char* path) {
 
 std::string getCommonConfigName() {
   std::string name = brisaGetProfileString(kSystemIni, kAutoProvisionSection, autop_key::kCommonFileName, "");
-  if (name.empty()) name = brisaGetProfileString("/phone/factory/system.ini", kAutoProvisionSection, autop_key::kCommonFileName, "");
+  if (name.empty())
+    name = brisaGetProfileString("/phone/factory/system.ini", kAutoProvisionSection, autop_key::kCommonFileName, "");
   if (name.empty()) LOG_ERR("Fail to get COM config name !");
   return name;
 }

@@ -4,6 +4,8 @@
 // limit, and no password of any URL in the log.
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "autoParser.h"
 #include "autoUpgrade.h"
 #include "autopTranslator.h"
@@ -205,4 +207,62 @@ TEST_F(UpgradeTest, OpeningIsRetriedOnlyOnAWiredNetwork) {
     EXPECT_TRUE(log.contains("Failed connect to server ! Try [" + std::to_string(tries) + "] times ... ")) << type;
     EXPECT_FALSE(log.contains("Try [" + std::to_string(tries + 1) + "] times")) << type;
   }
+}
+
+// Power-on after power-on with the same files: each file keeps its own digest, so only the first
+// run applies anything and asks for the reboot. In "$mac" directories both URLs hold the MAC, with
+// a custom per-device location neither does; the pair is told apart by its place in the directory.
+TEST_F(UpgradeTest, SameFilesRebootOnlyOnceWhereverTheMacIs) {
+  const std::string device = std::string(kMac) + ".cfg";
+  const std::string rebootItem = "network.internet_port.mtu = 1400\n";
+  struct Layout {
+    const char* name;
+    std::map<std::string, std::string> files;
+    std::string url;
+  };
+  const Layout layouts[] = {
+      {"$mac directory",
+       {{std::string("/srv/") + kMac + "/common.cfg", m7(rebootItem)},
+        {std::string("/srv/") + kMac + "/" + device, m7("account.1.label = Mine\n")}},
+       "/srv/$mac/"},
+      {"custom per-device file",
+       {{"/srv/c/common.cfg", m7(rebootItem + "custom_mac_cfg.url = /srv/devs/mine.cfg\n")},
+        {"/srv/devs/mine.cfg", m7("account.1.label = Mine\n")}},
+       "/srv/c/"},
+  };
+  for (const Layout& layout : layouts) {
+    root->write("/config/system/system.ini", "[AutoProvision]\nstrCommName = common.cfg\n");
+    for (const auto& [path, contents] : layout.files) root->write(path, contents);
+    reboots = 0;
+    for (int boot = 0; boot < 3; ++boot) ASSERT_TRUE(autoUpgrade::UpgradeFromURL(layout.url)) << layout.name;
+    EXPECT_EQ(reboots, 1) << layout.name;
+    EXPECT_EQ(account(0), "Mine") << layout.name;
+  }
+}
+
+// An encrypted common and per-device file in a "$mac" directory, each made by openssl with its own
+// key: each is opened with the key of its role.
+TEST_F(UpgradeTest, EachFileOfAMacDirectoryIsDecryptedWithTheKeyOfItsRole) {
+  root->write("/config/system/system.ini",
+              "[AutoProvision]\nstrCommName = common.cfg\nstrKeyAES16 = commonKey0123456\n"
+              "strKeyAES16MAC = deviceKey012345\n");
+  const std::string directory = std::string("/srv/") + kMac + "/";
+  const std::pair<std::string, std::pair<std::string, std::string>> files[] = {
+      {"common.cfg", {"636f6d6d6f6e4b657930313233343536", m7("account.2.label = Shared\n")}},
+      {std::string(kMac) + ".cfg",
+       {"6465766963654b6579303132333435"
+        "00",
+        m7("account.1.label = Mine\n")}},
+  };
+  for (const auto& [name, keyAndPlain] : files) {
+    std::string plain = keyAndPlain.second + std::string((16 - keyAndPlain.second.size() % 16) % 16, ' ');
+    root->write("/tmp/plain.in", plain);
+    root->write(directory + name, "");
+    ASSERT_EQ(runCommand("openssl enc -aes-128-ecb -nopad -K " + keyAndPlain.first + " -in '" +
+                         root->host("/tmp/plain.in") + "' -out '" + root->host(directory + name) + "'"),
+              0);
+  }
+  EXPECT_TRUE(autoUpgrade::UpgradeFromURL("/srv/$mac/"));
+  EXPECT_EQ(account(1), "Shared");
+  EXPECT_EQ(account(0), "Mine");
 }
