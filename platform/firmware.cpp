@@ -1,17 +1,21 @@
 #define LOG_MODULE "./platform/firmware"
 #include "firmware.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
+#include <openssl/rand.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
 
+#include "descriptor.h"
 #include "log.h"
 #include "paths.h"
 
@@ -29,7 +33,6 @@ constexpr size_t kOffSignature = kOffDigest + kFirmwareDigestSize;
 static_assert(kOffSignature == kFirmwareSignedSize, "the signature follows every signed field");
 static_assert(kOffSignature + kFirmwareSignatureSize == kFirmwareHeaderSize, "header layout");
 
-constexpr const char* kStagingPath = "/tmp/firmware.stage";
 constexpr int kPayloadChunk = 256 * 1024;
 
 struct StatusName {
@@ -140,26 +143,64 @@ size_t readFull(firmwareImageSource& source, uint8_t* buffer, size_t size) {
   return got;
 }
 
-// Hashes the payload (and stages it when `stage` is open); checks its length and digest.
-int readPayload(firmwareImageSource& source, const firmwareHeader& header, FILE* stage) {
-  MdCtxPtr ctx(EVP_MD_CTX_new());
-  if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1) return FW_ERR_BAD_ARGUMENT;
+using Digest = std::array<uint8_t, kFirmwareDigestSize>;
+
+bool finishDigest(EVP_MD_CTX* ctx, Digest& digest) {
+  uint8_t out[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (EVP_DigestFinal_ex(ctx, out, &length) != 1 || length != kFirmwareDigestSize) return false;
+  memcpy(digest.data(), out, kFirmwareDigestSize);
+  return true;
+}
+
+// Moves exactly the announced payload from the source to `sink` one chunk at a time, so memory stays
+// at one chunk whatever the image size; then makes sure nothing follows it.
+template <class Sink>
+int streamPayload(firmwareImageSource& source, uint64_t length, Sink sink) {
   std::vector<uint8_t> chunk(kPayloadChunk);
-  uint64_t left = header.payloadLength;
+  uint64_t left = length;
   while (left > 0) {
     size_t want = static_cast<size_t>(std::min<uint64_t>(left, chunk.size()));
     size_t got = readFull(source, chunk.data(), want);
-    EVP_DigestUpdate(ctx.get(), chunk.data(), got);
-    if (stage && fwrite(chunk.data(), 1, got, stage) != got) return FW_ERR_WRITE;
+    if (!sink(chunk.data(), got)) return FW_ERR_WRITE;
     left -= got;
     if (got < want) return FW_ERR_PAYLOAD_SHORT;
   }
   uint8_t extra = 0;
-  if (readFull(source, &extra, 1) != 0) return FW_ERR_PAYLOAD_LONG;
-  uint8_t digest[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  if (EVP_DigestFinal_ex(ctx.get(), digest, &length) != 1 || length != kFirmwareDigestSize) return FW_ERR_BAD_ARGUMENT;
-  return memcmp(digest, header.digest, kFirmwareDigestSize) == 0 ? FW_OK : FW_ERR_BAD_DIGEST;
+  return readFull(source, &extra, 1) != 0 ? FW_ERR_PAYLOAD_LONG : FW_OK;
+}
+
+// The digest of the first `length` bytes behind a descriptor, read back from it.
+bool digestOfDescriptor(int fd, uint64_t length, Digest& digest) {
+  MdCtxPtr ctx(EVP_MD_CTX_new());
+  if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1) return false;
+  std::vector<uint8_t> chunk(kPayloadChunk);
+  uint64_t offset = 0;
+  while (offset < length) {
+    size_t want = static_cast<size_t>(std::min<uint64_t>(length - offset, chunk.size()));
+    ssize_t got = pread(fd, chunk.data(), want, static_cast<off_t>(offset));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    EVP_DigestUpdate(ctx.get(), chunk.data(), static_cast<size_t>(got));
+    offset += static_cast<uint64_t>(got);
+  }
+  return finishDigest(ctx.get(), digest);
+}
+
+int compareDigest(const Digest& digest, const firmwareHeader& header) {
+  return memcmp(digest.data(), header.digest, kFirmwareDigestSize) == 0 ? FW_OK : FW_ERR_BAD_DIGEST;
+}
+
+// Only checks: hashes the payload as it streams past.
+int verifyPayload(firmwareImageSource& source, const firmwareHeader& header) {
+  MdCtxPtr ctx(EVP_MD_CTX_new());
+  if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1) return FW_ERR_BAD_ARGUMENT;
+  int status = streamPayload(source, header.payloadLength, [&](const uint8_t* data, size_t size) {
+    return EVP_DigestUpdate(ctx.get(), data, size) == 1;
+  });
+  if (status != FW_OK) return status;
+  Digest digest;
+  return finishDigest(ctx.get(), digest) ? compareDigest(digest, header) : FW_ERR_BAD_ARGUMENT;
 }
 
 // mkdir -p of a host directory.
@@ -171,34 +212,102 @@ bool makeParents(const std::string& dir) {
   }
 }
 
-void syncDirectory(const std::string& dir) {
-  int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY);
-  if (fd < 0) return;
-  fsync(fd);
-  close(fd);
-}
-
-// Copies the staged payload beside the slot, syncs it and renames it over the slot.
-bool installStaged(const std::string& stagedHost, const std::string& slotPath) {
-  std::string slotHost = hostPath(slotPath);
-  std::string dir = slotHost.substr(0, slotHost.rfind('/'));
-  if (!makeParents(dir)) return false;
-  std::string temp = slotHost + ".new";
-  FilePtr in(fopen(stagedHost.c_str(), "rb"));
-  FilePtr out(fopen(temp.c_str(), "wb"));
-  if (!in || !out) return false;
-  std::vector<char> chunk(kPayloadChunk);
-  size_t n;
-  bool ok = true;
-  while (ok && (n = fread(chunk.data(), 1, chunk.size(), in.get())) > 0) ok = fwrite(chunk.data(), 1, n, out.get()) == n;
-  ok = ok && !ferror(in.get()) && fflush(out.get()) == 0 && fsync(fileno(out.get())) == 0;
-  out.reset();
-  if (!ok || rename(temp.c_str(), slotHost.c_str()) != 0) {
-    remove(temp.c_str());
-    return false;
+// The payload's way into the slot: a file of our own in the slot's folder, created exclusively and
+// never through a link, written, checked by reading it back from the same descriptor, and renamed
+// over the slot only then. Nothing is reopened by name, so a file renamed or a link planted by
+// another process never becomes the slot; and the payload never sits in /tmp (RAM on the phone).
+// Unless committed, the file is unlinked when the writer goes.
+class slotWriter {
+ public:
+  explicit slotWriter(const std::string& slotHost) : m_slot(slotHost) {}
+  ~slotWriter() {
+    if (!m_temporary.empty() && !m_committed) unlink(m_temporary.c_str());
   }
-  syncDirectory(dir);
-  return true;
+  slotWriter(const slotWriter&) = delete;
+  slotWriter& operator=(const slotWriter&) = delete;
+
+  bool create() {
+    size_t slash = m_slot.rfind('/');
+    if (slash == std::string::npos || !makeParents(m_slot.substr(0, slash))) return false;
+    removeLeftovers(m_slot.substr(0, slash), m_slot.substr(slash + 1) + kTemporaryMark);
+    for (int attempt = 0; attempt < 8 && !m_fd.valid(); ++attempt) {
+      std::string name = m_slot + kTemporaryMark + randomHex();
+      m_fd.reset(open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+      if (m_fd.valid()) m_temporary = name;
+      else if (errno != EEXIST) return false;
+    }
+    return m_fd.valid();
+  }
+
+  bool write(const uint8_t* data, size_t size) {
+    m_written += size;
+    return writeAll(m_fd.get(), data, size);
+  }
+
+  // The digest of what the file holds, checked against the header.
+  int check(const firmwareHeader& header) {
+    Digest digest;
+    if (m_written != header.payloadLength || !digestOfDescriptor(m_fd.get(), m_written, digest)) return FW_ERR_WRITE;
+    return compareDigest(digest, header);
+  }
+
+  // fsync, then rename over the slot while the name still holds our file; the folder is synced so
+  // the rename survives a power loss.
+  bool commit() {
+    if (fsync(m_fd.get()) != 0 || !stillOurs()) return false;
+    if (rename(m_temporary.c_str(), m_slot.c_str()) != 0) return false;
+    m_committed = true;
+    syncParentDirectory(m_slot);
+    return true;
+  }
+
+ private:
+  static constexpr const char* kTemporaryMark = ".new-";
+
+  static std::string randomHex() {
+    uint8_t bytes[8];
+    if (RAND_bytes(bytes, sizeof bytes) != 1) return std::to_string(getpid());
+    char text[2 * sizeof bytes + 1];
+    for (size_t i = 0; i < sizeof bytes; ++i) snprintf(text + 2 * i, 3, "%02x", bytes[i]);
+    return text;
+  }
+
+  // A power loss mid-write leaves a file of ours beside the slot: removed before the next install
+  // (links and folders of that name are not ours and stay).
+  static void removeLeftovers(const std::string& dir, const std::string& prefix) {
+    DIR* listing = opendir(dir.c_str());
+    if (!listing) return;
+    while (dirent* entry = readdir(listing)) {
+      std::string path = dir + "/" + entry->d_name;
+      struct stat st;
+      if (strncmp(entry->d_name, prefix.c_str(), prefix.size()) == 0 && lstat(path.c_str(), &st) == 0 &&
+          S_ISREG(st.st_mode))
+        unlink(path.c_str());
+    }
+    closedir(listing);
+  }
+
+  bool stillOurs() const {
+    struct stat mine, named;
+    return fstat(m_fd.get(), &mine) == 0 && lstat(m_temporary.c_str(), &named) == 0 && mine.st_dev == named.st_dev &&
+           mine.st_ino == named.st_ino;
+  }
+
+  std::string m_slot;
+  std::string m_temporary;
+  UniqueFd m_fd;
+  uint64_t m_written = 0;
+  bool m_committed = false;
+};
+
+int flashPayload(firmwareImageSource& source, const firmwareHeader& header, const std::string& slotPath) {
+  slotWriter slot(hostPath(slotPath));
+  if (!slot.create()) return FW_ERR_WRITE;
+  int status = streamPayload(source, header.payloadLength,
+                             [&](const uint8_t* data, size_t size) { return slot.write(data, size); });
+  if (status == FW_OK) status = slot.check(header);
+  if (status == FW_OK && !slot.commit()) status = FW_ERR_WRITE;
+  return status;
 }
 
 std::mutex& servicesMutex() {
@@ -304,18 +413,7 @@ int firmwareVerifyImage(firmwareImageSource& source, const std::string& family, 
   firmwareHeader header;
   int status = firmwareCheckHeader(headerBytes, got, family, keyPath, &header);
   if (status != FW_OK) return status;
-  std::string stagedHost;
-  FilePtr stage;
-  if (!slotPath.empty()) {
-    stagedHost = hostPath(kStagingPath);
-    makeParents(stagedHost.substr(0, stagedHost.rfind('/')));
-    stage.reset(fopen(stagedHost.c_str(), "wb"));
-    if (!stage) return FW_ERR_WRITE;
-  }
-  status = readPayload(source, header, stage.get());
-  if (stage && fclose(stage.release()) != 0 && status == FW_OK) status = FW_ERR_WRITE;
-  if (status == FW_OK && !slotPath.empty() && !installStaged(stagedHost, slotPath)) status = FW_ERR_WRITE;
-  if (!stagedHost.empty()) remove(stagedHost.c_str());
+  status = slotPath.empty() ? verifyPayload(source, header) : flashPayload(source, header, slotPath);
   if (status == FW_OK && out) *out = header;
   return status;
 }

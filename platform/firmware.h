@@ -113,9 +113,10 @@ void firmwareSetServices(const firmwareServices& services);
 const firmwareServices& firmwareGetServices();
 
 // Reads a whole image from `source` and checks header, family, signature, payload length and digest
-// before anything reaches the slot. With a non-empty `slotPath` (logical) the payload is staged
-// under /tmp while it is hashed and put into the slot atomically only after every check passed; a
-// failure leaves the slot as it was. With an empty `slotPath` it only verifies.
+// before anything reaches the slot. With a non-empty `slotPath` (logical) the payload streams into a
+// new file beside the slot (exclusive, 0600), its digest is read back from that file's descriptor,
+// and only then is it synced and renamed over the slot; a failure unlinks it and leaves the slot as
+// it was. With an empty `slotPath` it only verifies. Memory stays at one 256 KiB chunk.
 int firmwareVerifyImage(firmwareImageSource& source, const std::string& family, const std::string& keyPath,
                         const std::string& slotPath, firmwareHeader* out);
 
