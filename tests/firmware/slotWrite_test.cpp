@@ -75,10 +75,16 @@ TEST_P(SlotWriteTest, AFileSwappedMidDownloadNeverReachesTheSlotAndPlantedLinksA
 
   std::string target = root->host("/tmp/firmware.stage");
   if (c.besideSlot) {
-    target.clear();
-    for (const std::string& name : entriesOf(root->host(kSlotFolder)))
-      if (name != "firmware.bin" && name != "firmware.bin.new") target = root->host(kSlotFolder + "/" + name);
-    EXPECT_FALSE(target.empty()) << "no file of the download beside the slot";
+    // The file being written: neither the slot, nor the planted link, nor the leftover (which the
+    // install removes once the header has passed).
+    auto findWritten = [&] {
+      target.clear();
+      for (const std::string& name : entriesOf(root->host(kSlotFolder)))
+        if (name != "firmware.bin" && name != "firmware.bin.new" && name != "firmware.bin.new-5eed")
+          target = root->host(kSlotFolder + "/" + name);
+      return !target.empty();
+    };
+    EXPECT_TRUE(pollFor(findWritten, 5000)) << "no file of the download beside the slot";
   }
   if (!target.empty()) {
     EXPECT_EQ(rename(root->host("/scratch/forged").c_str(), target.c_str()), 0);
