@@ -56,6 +56,11 @@ const StatusName kStatusNames[] = {
     {FW_ERR_PAYLOAD_LONG, "payload longer than announced"},
     {FW_ERR_BAD_DIGEST, "payload digest mismatch"},
     {FW_ERR_WRITE, "cannot write firmware slot"},
+    {FW_ERR_EMPTY_PAYLOAD, "empty payload"},
+    {FW_ERR_UNKNOWN_FAMILY, "device family unknown"},
+    {FW_ERR_WRONG_MODEL, "image for another model"},
+    {FW_ERR_DOWNGRADE, "older than the running firmware"},
+    {FW_ALREADY_INSTALLED, "already installed"},
 };
 
 struct PkeyFree {
@@ -319,9 +324,9 @@ firmwareServices& servicesSlot() {
   return services;
 }
 
-std::string deviceFamily() {
-  const firmwareServices& services = firmwareGetServices();
-  return services.deviceFamily ? services.deviceFamily() : "";
+firmwareDevice thisDevice() {
+  const firmwareServices services = firmwareGetServices();
+  return services.device ? services.device() : firmwareDevice();
 }
 
 }  // namespace
@@ -371,13 +376,50 @@ std::string firmwareEncodeHeader(const firmwareHeader& h) {
   return out;
 }
 
-int firmwareCheckHeader(const uint8_t* data, size_t size, const std::string& family, const std::string& keyPath,
+int firmwareCompareVersions(const std::string& a, const std::string& b) {
+  size_t i = 0, j = 0;
+  while (i < a.size() || j < b.size()) {
+    size_t endA = std::min(a.find('.', i), a.size()), endB = std::min(b.find('.', j), b.size());
+    std::string fieldA = i < a.size() ? a.substr(i, endA - i) : "", fieldB = j < b.size() ? b.substr(j, endB - j) : "";
+    size_t digitsA = fieldA.find_first_not_of("0123456789"), digitsB = fieldB.find_first_not_of("0123456789");
+    std::string numberA = fieldA.substr(0, digitsA), numberB = fieldB.substr(0, digitsB);
+    // As numbers of any length: without leading zeros, the longer is the larger.
+    numberA.erase(0, std::min(numberA.find_first_not_of('0'), numberA.size()));
+    numberB.erase(0, std::min(numberB.find_first_not_of('0'), numberB.size()));
+    if (numberA.size() != numberB.size()) return numberA.size() < numberB.size() ? -1 : 1;
+    if (int c = numberA.compare(numberB)) return c < 0 ? -1 : 1;
+    std::string restA = digitsA == std::string::npos ? "" : fieldA.substr(digitsA);
+    std::string restB = digitsB == std::string::npos ? "" : fieldB.substr(digitsB);
+    if (int c = restA.compare(restB)) return c < 0 ? -1 : 1;
+    i = endA + 1;
+    j = endB + 1;
+  }
+  return 0;
+}
+
+int firmwareJudgeHeader(const firmwareHeader& header, const firmwareDevice& device) {
+  // Fail closed: an image for a guessed family could brick the phone.
+  if (device.family.empty()) return FW_ERR_UNKNOWN_FAMILY;
+  if (header.family != device.family) return FW_ERR_WRONG_FAMILY;
+  if (std::find(header.models.begin(), header.models.end(), device.model) == header.models.end())
+    return FW_ERR_WRONG_MODEL;
+  if (device.runningVersion.empty()) return FW_OK;
+  int order = firmwareCompareVersions(header.version, device.runningVersion);
+  if (order == 0) return FW_ALREADY_INSTALLED;
+  // A validly signed old release may be a known-vulnerable one replayed: only on the owner's word.
+  if (order < 0 && !device.allowDowngrade) return FW_ERR_DOWNGRADE;
+  return FW_OK;
+}
+
+int firmwareCheckHeader(const uint8_t* data, size_t size, const firmwareDevice* device, const std::string& keyPath,
                         firmwareHeader* out) {
   firmwareHeader header;
   int status = firmwareParseHeader(data, size, &header);
   if (status != FW_OK) return status;
-  if (!family.empty() && header.family != family) return FW_ERR_WRONG_FAMILY;
+  if (header.payloadLength == 0) return FW_ERR_EMPTY_PAYLOAD;
+  // The device rules judge signed fields only.
   status = verifySignature(data, keyPath);
+  if (status == FW_OK && device) status = firmwareJudgeHeader(header, *device);
   if (status == FW_OK && out) *out = header;
   return status;
 }
@@ -406,12 +448,12 @@ const firmwareServices& firmwareGetServices() {
   return servicesSlot();
 }
 
-int firmwareVerifyImage(firmwareImageSource& source, const std::string& family, const std::string& keyPath,
+int firmwareVerifyImage(firmwareImageSource& source, const firmwareDevice* device, const std::string& keyPath,
                         const std::string& slotPath, firmwareHeader* out) {
   uint8_t headerBytes[kFirmwareHeaderSize];
   size_t got = readFull(source, headerBytes, sizeof headerBytes);
   firmwareHeader header;
-  int status = firmwareCheckHeader(headerBytes, got, family, keyPath, &header);
+  int status = firmwareCheckHeader(headerBytes, got, device, keyPath, &header);
   if (status != FW_OK) return status;
   status = slotPath.empty() ? verifyPayload(source, header) : flashPayload(source, header, slotPath);
   if (status == FW_OK && out) *out = header;
@@ -426,16 +468,17 @@ int firmware_Upgrade(const char* url, int32_t timeoutMs, bool flash, bool header
   int status = FW_ERR_OPEN;
   std::unique_ptr<firmwareImageSource> source = services.open(url, timeoutMs, onlyHeader, resume, &status);
   if (!source) return status < 0 ? status : FW_ERR_OPEN;
-  std::string family = deviceFamily();
+  const firmwareDevice device = thisDevice();
   std::string keyPath = hostPath(kFirmwareKeyPath);
   if (onlyHeader) {
     uint8_t headerBytes[kFirmwareHeaderSize];
     size_t got = readFull(*source, headerBytes, sizeof headerBytes);
-    return firmwareCheckHeader(headerBytes, got, family, keyPath, nullptr);
+    return firmwareCheckHeader(headerBytes, got, &device, keyPath, nullptr);
   }
-  return firmwareVerifyImage(*source, family, keyPath, flash ? kFirmwareSlotPath : "", nullptr);
+  return firmwareVerifyImage(*source, &device, keyPath, flash ? kFirmwareSlotPath : "", nullptr);
 }
 
 int firmwareFlashFromSource(firmwareImageSource& source) {
-  return firmwareVerifyImage(source, deviceFamily(), hostPath(kFirmwareKeyPath), kFirmwareSlotPath, nullptr);
+  const firmwareDevice device = thisDevice();
+  return firmwareVerifyImage(source, &device, hostPath(kFirmwareKeyPath), kFirmwareSlotPath, nullptr);
 }

@@ -86,6 +86,8 @@ int imageBuild(const Options& o) {
   }
   std::string payload;
   if (!readWhole(o.positional[0], payload)) return fail("build", "cannot read " + o.positional[0]);
+  // No phone takes an image without firmware in it.
+  if (payload.empty()) return fail("build", "empty payload " + o.positional[0]);
   firmwareHeader header;
   header.family = o.family;
   header.models = splitList(o.models);
@@ -142,7 +144,7 @@ int imageVerify(const Options& o) {
   std::string key = o.key.empty() ? hostPath(kFirmwareKeyPath) : o.key;
   fileImageSource source(f.get());
   firmwareHeader header;
-  int status = firmwareVerifyImage(source, "", key, "", &header);
+  int status = firmwareVerifyImage(source, nullptr, key, "", &header);
   if (status < 0) return fail("verify", firmware_GetStatusName(status));
   printHeader(header);
   return 0;
@@ -178,6 +180,11 @@ int autoptoolSafemodeInstall(int argc, char**) {
   int status = firmware_Upgrade(url.c_str(), kSafeModeTimeoutMs, true, false, true);
   // Cleared only now: a power loss during the install starts the install again.
   bool cleared = userenv_set("BOOTMODE", "") == 0;
+  if (status == FW_ALREADY_INSTALLED) {
+    LOG_IFO("Safe mode install: the image is the running firmware, nothing to do");
+    printf("already installed, nothing to do\n");
+    return cleared ? 0 : fail("safemode-install", "cannot clear BOOTMODE");
+  }
   if (status < 0) {
     LOG_ERR("Safe mode install failed : %s", firmware_GetStatusName(status));
     return fail("safemode-install", firmware_GetStatusName(status));

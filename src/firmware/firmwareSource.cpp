@@ -1,8 +1,11 @@
 #define LOG_MODULE "./src/romInstaller"
 #include "firmwareSource.h"
 
+#include "autoDefine.h"
+#include "autopSettings.h"
 #include "deviceFamily.h"
 #include "log.h"
+#include "registry.h"
 
 namespace {
 
@@ -90,12 +93,22 @@ std::unique_ptr<firmwareImageSource> openImage(const std::string& urlText, int32
   return source;
 }
 
+firmwareDevice thisDevice() {
+  firmwareDevice device;
+  device.family = deviceFamily();
+  char model[kModelNameSize] = {};
+  if (getModelName(model) == 0) device.model = model;
+  device.runningVersion = brisaGetProfileString(kFirmwareVersionFile, "version", "FIRMWARE_VERSION", "");
+  device.allowDowngrade = brisaGetProfileInt(kSystemIni, "AutoProvision", "bAllowFirmwareDowngrade", 0) == 1;
+  return device;
+}
+
 }  // namespace
 
 void installFirmwareStreams() {
   firmwareServices services;
   services.open = openImage;
-  services.deviceFamily = deviceFamily;
+  services.device = thisDevice;
   firmwareSetServices(services);
 }
 

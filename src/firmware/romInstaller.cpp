@@ -37,9 +37,42 @@ const FamilyInstaller kInstallers[] = {
     {"duna", [] { return static_cast<romInstaller*>(new (std::nothrow) duna_romInstaller()); }},
 };
 
+// A URL record a transfer can start from: a host, a path and a port other than 0.
+bool usableLocation(const std::string& location) {
+  ns_net::autopUrl url;
+  return url.Parse(location) && !url.host.empty() && !url.path.empty() && url.port != 0;
+}
+
 }  // namespace
 
 romInstaller::~romInstaller() = default;
+
+int romInstaller::checkHeader(const char* location, int attempts) {
+  LOG_DEB("firmware_Upgrade-verify rom header ...");
+  installFirmwareStreams();
+  int status = FW_ERR_OPEN;
+  for (int attempt = 1; attempt <= attempts; ++attempt) {
+    status = firmware_Upgrade(location, kHeaderCheckTimeoutMs, false, true, false);
+    if (status != FW_ERR_OPEN || attempts == 1) break;
+    LOG_AT(1, "ERR", "Can't connect to server!retry %d", attempt);
+    if (attempt == attempts) {
+      LOG_AT(1, "ERR", "Open DownloadStream fail!!");
+      return 0;
+    }
+  }
+  LOG_DEB("upgrade status = %d", status);
+  // The image the phone already runs: nothing to install, no safe mode, no stopped process, no reboot.
+  if (status == FW_ALREADY_INSTALLED) {
+    LOG_IFO("The rom file is the running firmware, nothing to upgrade");
+    m_alreadyInstalled = true;
+    return 1;
+  }
+  if (status < 0) {
+    LOG_AT(1, "ERR", "Invalid rom header! status description = %s", firmware_GetStatusName(status));
+    return 0;
+  }
+  return 1;
+}
 
 int romInstaller::install(const char* location) {
   if (!location) {
@@ -49,6 +82,10 @@ int romInstaller::install(const char* location) {
   LOG_IFO("");
   LOG_IFO("***** Upgrade Rom File ****");
   if (!prepare(location)) return 0;
+  if (m_alreadyInstalled) {
+    finish();
+    return kRomAlreadyInstalled;
+  }
   if (!apply()) return 0;
   finish();
   return 1;
@@ -86,11 +123,14 @@ int romInstaller::openDownload(const std::string& location) {
 
 // ---------------------------------------------------------------------------------------------
 
+// Everything that can refuse the image is decided here, before apply stops any application: the
+// location and the header (family, model, version, signature) at the server.
 int lyra_romInstaller::prepare(const char* location) {
-  if (!location || !*location) {
+  if (!location || !usableLocation(location)) {
     LOG_AT(1, "ERR", "The rom server url is invalid !");
     return 0;
   }
+  if (!checkHeader(location, kRomOpenAttempts)) return 0;
   m_location = location;
   return 1;
 }
@@ -122,11 +162,13 @@ int lyra_romInstaller::apply() {
   }
   LOG_IFO("Wait 3 seconds for server ...");
   brisaSleep(kServerWaitMs);
+  // From here the applications are gone: a failure restarts the phone rather than leave it up
+  // without them.
   if (url.host.empty() || url.path.empty() || url.port == 0) {
     LOG_AT(1, "ERR", "The rom server url is invalid !");
-    return 0;
+    return rebootAfterFailure();
   }
-  if (!openDownload(m_location)) return 0;
+  if (!openDownload(m_location)) return rebootAfterFailure();
   LOG_DEB("-------ParserRomFile");
   LOG_IFO("Parse rom file finished !");
   backupLog();
@@ -136,7 +178,7 @@ int lyra_romInstaller::apply() {
   int status = firmwareFlashFromSource(*image);
   if (status < 0) {
     LOG_ERR("Flasher refused the rom file ! status description = %s", firmware_GetStatusName(status));
-    return 0;
+    return rebootAfterFailure();
   }
   LOG_ERR("Flasher is controlling the device. Sleep (1 hour) till reboot");
   brisaSleep(kRomHandOverSleepMs);
@@ -144,13 +186,22 @@ int lyra_romInstaller::apply() {
   return 1;
 }
 
+int lyra_romInstaller::rebootAfterFailure() {
+  LOG_AT(1, "ERR", "Fail to parse rom file !");
+  reboot();
+  return 0;
+}
+
 // ---------------------------------------------------------------------------------------------
 
+// The same header check as duna: an installer that looked at nothing would reboot the phone on every
+// run, also for the firmware it already runs.
 int orin_romInstaller::prepare(const char* location) {
   if (!location) {
     LOG_NULL_POINTER();
     return 0;
   }
+  if (!checkHeader(location)) return 0;
   m_location = location;
   return 1;
 }
@@ -162,14 +213,7 @@ int duna_romInstaller::prepare(const char* location) {
     LOG_NULL_POINTER();
     return 0;
   }
-  LOG_DEB("firmware_Upgrade-verify rom header ...");
-  installFirmwareStreams();
-  int status = firmware_Upgrade(location, kHeaderCheckTimeoutMs, false, true, false);
-  LOG_DEB("upgrade status = %d", status);
-  if (status < 0) {
-    LOG_AT(1, "ERR", "Invalid rom header! status description = %s", firmware_GetStatusName(status));
-    return 0;
-  }
+  if (!checkHeader(location)) return 0;
   m_location = location;
   return 1;
 }

@@ -31,6 +31,11 @@ int switchToSafeMode(const std::string& urlText) {
   installFirmwareStreams();
   int status = firmware_Upgrade(urlText.c_str(), kHeaderCheckTimeoutMs, false, true, false);
   LOG_DEB("upgrade status = %d", status);
+  // The running firmware: done as asked, without safe mode or restart.
+  if (status == FW_ALREADY_INSTALLED) {
+    LOG_IFO("The rom file is the running firmware, nothing to upgrade");
+    return 1;
+  }
   if (status < 0) {
     LOG_ERR("Invalid rom header! status description = %s", firmware_GetStatusName(status));
     return 0;
