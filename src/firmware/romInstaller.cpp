@@ -12,10 +12,10 @@
 #include "firmwareSource.h"
 #include "log.h"
 #include "msgqueue.h"
+#include "safeMode.h"
 
 namespace {
 
-constexpr int32_t kHeaderCheckTimeoutMs = 10000;
 constexpr uint32_t kQuitSettleMs = 3000;
 constexpr uint32_t kQuitRetryMs = 5000;
 constexpr uint32_t kServerWaitMs = 3000;
@@ -48,30 +48,10 @@ bool usableLocation(const std::string& location) {
 romInstaller::~romInstaller() = default;
 
 int romInstaller::checkHeader(const char* location, int attempts) {
-  LOG_DEB("firmware_Upgrade-verify rom header ...");
-  installFirmwareStreams();
-  int status = FW_ERR_OPEN;
-  for (int attempt = 1; attempt <= attempts; ++attempt) {
-    status = firmware_Upgrade(location, kHeaderCheckTimeoutMs, false, true, false);
-    if (status != FW_ERR_OPEN || attempts == 1) break;
-    LOG_AT(1, "ERR", "Can't connect to server!retry %d", attempt);
-    if (attempt == attempts) {
-      LOG_AT(1, "ERR", "Open DownloadStream fail!!");
-      return 0;
-    }
-  }
-  LOG_DEB("upgrade status = %d", status);
+  int status = checkFirmwareHeader(location, attempts);
   // The image the phone already runs: nothing to install, no safe mode, no stopped process, no reboot.
-  if (status == FW_ALREADY_INSTALLED) {
-    LOG_IFO("The rom file is the running firmware, nothing to upgrade");
-    m_alreadyInstalled = true;
-    return 1;
-  }
-  if (status < 0) {
-    LOG_AT(1, "ERR", "Invalid rom header! status description = %s", firmware_GetStatusName(status));
-    return 0;
-  }
-  return 1;
+  if (status == FW_ALREADY_INSTALLED) m_alreadyInstalled = true;
+  return status == FW_OK || status == FW_ALREADY_INSTALLED ? 1 : 0;
 }
 
 int romInstaller::install(const char* location) {
@@ -218,19 +198,7 @@ int duna_romInstaller::prepare(const char* location) {
   return 1;
 }
 
-int duna_romInstaller::apply() {
-  ns_net::autopUrl url;
-  url.Parse(m_location);
-  std::string shown = url.IsValid() ? url.LogText() : m_location;
-  LOG_IFO("To set userenv[BOOTMODE] to value[safemode]");
-  LOG_IFO("To set userenv[strUpgradeURL] to value[%s]", shown.c_str());
-  // One write: safe mode without its URL (or with the last one's) must not survive a power loss.
-  if (userenv_set_all({{"BOOTMODE", "safemode"}, {"strUpgradeURL", m_location}}) != 0) {
-    LOG_ERR("Fail to set user env 'BOOTMODE' to value 'safemode' !");
-    return 0;
-  }
-  return 1;
-}
+int duna_romInstaller::apply() { return armSafeMode(m_location); }
 
 // ---------------------------------------------------------------------------------------------
 

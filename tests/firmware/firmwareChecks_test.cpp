@@ -11,6 +11,7 @@
 #include "firmware.h"
 #include "firmwareImages.h"
 #include "firmwareSource.h"
+#include "firmwareUrl.h"
 #include "registry.h"
 #include "romInstaller.h"
 #include "servers.h"
@@ -161,6 +162,22 @@ TEST_F(FirmwareChecksTest, RunsNamingTheRunningFirmwareNeitherInstallNorRebootAn
   }
   autoUpgrade::setRebootHandler(nullptr);
   autoUpgrade::setTranslator(nullptr);
+}
+
+// A TR-069 request for the running firmware is done as asked: no safe mode and no restart.
+TEST_F(FirmwareChecksTest, ATr069RequestForTheRunningFirmwareArmsNoSafeMode) {
+  useDevice("duna", "3.1.0.9");
+  const struct {
+    const char* version;
+    bool safeMode;
+  } cases[] = {{"3.1.0.9", false}, {"3.1.0.10", true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.version);
+    std::string url = serve(std::string("tr") + c.version + ".rom", kit->image("duna", kPayload, false, c.version));
+    root->write(tr069RequestFile(), "[firmware]\nhttp_url = " + url + "\nfirmware_name = fw.rom\n");
+    EXPECT_EQ(tr069DownloadRom(), 1);
+    EXPECT_EQ(userenv_get("BOOTMODE"), c.safeMode ? "safemode" : "");
+  }
 }
 
 TEST_F(FirmwareChecksTest, LyraRefusesALocationOrAnImageBeforeStoppingAnyApplication) {
