@@ -238,8 +238,10 @@ class slotWriter {
     for (int attempt = 0; attempt < 8 && !m_fd.valid(); ++attempt) {
       std::string name = m_slot + kTemporaryMark + randomHex();
       m_fd.reset(open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-      if (m_fd.valid()) m_temporary = name;
-      else if (errno != EEXIST) return false;
+      if (m_fd.valid())
+        m_temporary = name;
+      else if (errno != EEXIST)
+        return false;
     }
     return m_fd.valid();
   }
@@ -348,8 +350,9 @@ int firmwareParseHeader(const uint8_t* data, size_t size, firmwareHeader* out) {
   firmwareHeader h;
   h.headerVersion = static_cast<uint16_t>(readBig(data + kOffVersion, 2));
   std::string models;
-  if (readBig(data + kOffSize, 2) != kFirmwareHeaderSize || !readText(data + kOffFamily, kFirmwareFamilyField, h.family) ||
-      h.family.empty() || !readText(data + kOffModels, kFirmwareModelsField, models) ||
+  if (readBig(data + kOffSize, 2) != kFirmwareHeaderSize ||
+      !readText(data + kOffFamily, kFirmwareFamilyField, h.family) || h.family.empty() ||
+      !readText(data + kOffModels, kFirmwareModelsField, models) ||
       !readText(data + kOffFirmwareVersion, kFirmwareVersionField, h.version))
     return FW_ERR_BAD_FIELD;
   h.models = splitModels(models);

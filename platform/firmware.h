@@ -22,7 +22,8 @@
 // belong to the service above the platform, and the platform may not include from there. So this
 // library works on bytes and on an abstract image source; the service installs, once, the opener
 // that turns a URL into a source over its own streams and the function that tells what the device
-// accepts: family, model, running version, downgrades (src/firmware/firmwareSource.h). Without them firmware_Upgrade fails with FW_ERR_NO_SOURCE.
+// accepts: family, model, running version, downgrades (src/firmware/firmwareSource.h). Without them firmware_Upgrade
+// fails with FW_ERR_NO_SOURCE.
 #pragma once
 
 #include <cstddef>

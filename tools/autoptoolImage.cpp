@@ -35,8 +35,11 @@ struct Options {
 bool parseOptions(int argc, char** argv, Options& o) {
   for (int i = 0; i < argc; ++i) {
     std::string a = argv[i];
-    std::string* target = a == "--key" ? &o.key : a == "--family" ? &o.family : a == "--models" ? &o.models
-                                                : a == "--version" ? &o.version : nullptr;
+    std::string* target = a == "--key"       ? &o.key
+                          : a == "--family"  ? &o.family
+                          : a == "--models"  ? &o.models
+                          : a == "--version" ? &o.version
+                                             : nullptr;
     if (a == "--header-only") {
       o.headerOnly = true;
     } else if (target) {
@@ -124,6 +127,15 @@ void printHeader(const firmwareHeader& h) {
          static_cast<unsigned long long>(h.payloadLength), digest);
 }
 
+// What this phone (under $PROVISOR_ROOT) would do with an image that passed its own checks.
+void printVerdict(const firmwareHeader& header) {
+  firmwareDevice device = currentFirmwareDevice();
+  int judged = firmwareJudgeHeader(header, device);
+  printf("running version: %s\non this phone: %s%s\n",
+         device.runningVersion.empty() ? "unknown" : device.runningVersion.c_str(),
+         judged == FW_OK ? "would be installed" : "refused, ", judged == FW_OK ? "" : firmware_GetStatusName(judged));
+}
+
 // A local image: every check, header fields printed. A URL: what the phone's library does with it,
 // against the key under $PROVISOR_ROOT.
 int imageVerify(const Options& o) {
@@ -135,6 +147,8 @@ int imageVerify(const Options& o) {
   if (image.find("://") != std::string::npos) {
     installFirmwareStreams();
     int status = firmware_Upgrade(image.c_str(), kSafeModeTimeoutMs, false, o.headerOnly, true);
+    std::string running = currentFirmwareDevice().runningVersion;
+    printf("running version: %s\n", running.empty() ? "unknown" : running.c_str());
     if (status < 0) return fail("verify", firmware_GetStatusName(status));
     printf("image ok\n");
     return 0;
@@ -147,6 +161,7 @@ int imageVerify(const Options& o) {
   int status = firmwareVerifyImage(source, nullptr, key, "", &header);
   if (status < 0) return fail("verify", firmware_GetStatusName(status));
   printHeader(header);
+  printVerdict(header);
   return 0;
 }
 

@@ -13,8 +13,8 @@ bool isHttp(const ns_net::autopUrl& url) { return url.scheme == "http" || url.sc
 
 // Opens an HTTP(S) stream on a byte range and hands it to the download.
 template <class Stream>
-bool openRange(ns_net::fileDownload& download, const ns_net::autopUrl& url, int32_t timeoutMs,
-               const std::string& range, int64_t skipIfWhole) {
+bool openRange(ns_net::fileDownload& download, const ns_net::autopUrl& url, int32_t timeoutMs, const std::string& range,
+               int64_t skipIfWhole) {
   auto stream = std::make_unique<Stream>();
   stream->SetByteRange(range);
   if (!stream->Open(url.ToText(), timeoutMs < 0 ? ns_net::pipeStream::kDefaultTimeoutMs : timeoutMs)) return false;
@@ -28,8 +28,8 @@ bool openRange(ns_net::fileDownload& download, const ns_net::autopUrl& url, int3
   return true;
 }
 
-bool openFrom(ns_net::fileDownload& download, const ns_net::autopUrl& url, int32_t timeoutMs,
-              const std::string& range, int64_t offset) {
+bool openFrom(ns_net::fileDownload& download, const ns_net::autopUrl& url, int32_t timeoutMs, const std::string& range,
+              int64_t offset) {
   if (url.scheme == "https") return openRange<ns_net::httpsStream>(download, url, timeoutMs, range, offset);
   return openRange<ns_net::httpStream>(download, url, timeoutMs, range, offset);
 }
@@ -38,7 +38,9 @@ class streamImageSource : public firmwareImageSource {
  public:
   // `owned` is used when the source opens its own download; otherwise it reads the caller's.
   streamImageSource(ns_net::fileDownload* borrowed, const ns_net::autopUrl& url, bool resume, int32_t timeoutMs)
-      : m_download(borrowed ? borrowed : &m_owned), m_url(url), m_resume(resume && isHttp(url)),
+      : m_download(borrowed ? borrowed : &m_owned),
+        m_url(url),
+        m_resume(resume && isHttp(url)),
         m_timeoutMs(timeoutMs) {}
 
   ns_net::fileDownload& download() { return *m_download; }
@@ -93,7 +95,9 @@ std::unique_ptr<firmwareImageSource> openImage(const std::string& urlText, int32
   return source;
 }
 
-firmwareDevice thisDevice() {
+}  // namespace
+
+firmwareDevice currentFirmwareDevice() {
   firmwareDevice device;
   device.family = deviceFamily();
   char model[kModelNameSize] = {};
@@ -103,12 +107,10 @@ firmwareDevice thisDevice() {
   return device;
 }
 
-}  // namespace
-
 void installFirmwareStreams() {
   firmwareServices services;
   services.open = openImage;
-  services.device = thisDevice;
+  services.device = currentFirmwareDevice;
   firmwareSetServices(services);
 }
 

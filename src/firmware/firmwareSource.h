@@ -23,6 +23,8 @@ constexpr const char* kFirmwareVersionFile = "/phone/version";
 // [AutoProvision] bAllowFirmwareDowngrade = 1 lets an older image in. Everything that calls
 // firmware_Upgrade calls this first.
 void installFirmwareStreams();
+// What this device accepts, as installFirmwareStreams hands it to the library.
+firmwareDevice currentFirmwareDevice();
 
 // A source over a download the caller already opened (the hand-over to the flashing tool); it reads
 // from `download` and, with `resumeUrl` non-empty, resumes a cut HTTP transfer from that URL.

@@ -70,7 +70,8 @@ TEST_F(FirmwareChecksTest, TheHeaderCheckAndTheSafeModeInstallApplyTheVersionMod
     std::string image;
     std::string refusal;  // "" installed; "already installed" is nothing to do
   } cases[] = {
-      {"newer by a two-digit field", "lyra", "-", "3.1.0.9", false, kit->image("lyra", kPayload, false, "3.1.0.10"), ""},
+      {"newer by a two-digit field", "lyra", "-", "3.1.0.9", false, kit->image("lyra", kPayload, false, "3.1.0.10"),
+       ""},
       {"the running version", "lyra", "-", "3.1.0.10", false, kit->image("lyra", kPayload, false, "3.1.0.10"),
        "already installed"},
       {"older", "lyra", "-", "3.1.0.10", false, kit->image("lyra", kPayload, false, "3.1.0.9"),
@@ -119,6 +120,27 @@ TEST_F(FirmwareChecksTest, AnEmptyPayloadIsNotBuilt) {
       << out;
   EXPECT_FALSE(root->exists("/scratch/empty.rom"));
   EXPECT_TRUE(out.find("empty payload") != std::string::npos) << out;
+}
+
+TEST_F(FirmwareChecksTest, VerifyTellsTheRunningVersionAndWhatThisPhoneWouldDo) {
+  useDevice("lyra", "3.1.0.9");
+  const struct {
+    const char* what;
+    std::string image, verdict;
+  } cases[] = {
+      {"newer", kit->image("lyra", kPayload, false, "3.1.0.10"), "would be installed"},
+      {"same", kit->image("lyra", kPayload, false, "3.1.0.9"), "refused, already installed"},
+      {"older", kit->image("lyra", kPayload, false, "3.1.0.8"), "refused, older than the running firmware"},
+      {"another model", kit->image("lyra", kPayload, false, "3.1.0.10", "QF5"), "refused, image for another model"},
+      {"another family", kit->image("orin", kPayload, false, "3.1.0.10"), "refused, image for another device family"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    root->write("/scratch/verify.rom", c.image);
+    std::string out;
+    EXPECT_EQ(tool("image verify " + root->host("/scratch/verify.rom"), &out), 0) << out;
+    EXPECT_TRUE(out.find("running version: 3.1.0.9\non this phone: " + c.verdict + "\n") != std::string::npos) << out;
+  }
 }
 
 // Power-on after power-on with the same configuration file: the running firmware is named each

@@ -94,7 +94,8 @@ TEST_P(SlotWriteTest, AFileSwappedMidDownloadNeverReachesTheSlotAndPlantedLinksA
   setClock(&fakeClock);
 
   EXPECT_TRUE(root->read(kSlotFolder + "/firmware.bin") == (c.expected == FW_OK ? payload : "running firmware"));
-  EXPECT_TRUE(root->read(kSystemIni) == "[AutoProvision]\nstrServerURL = keep\n") << "system.ini was written through a link";
+  EXPECT_TRUE(root->read(kSystemIni) == "[AutoProvision]\nstrServerURL = keep\n")
+      << "system.ini was written through a link";
   EXPECT_TRUE(isLink(root->host(kSlotFolder + "/firmware.bin.new")));
   EXPECT_EQ(entriesOf(root->host(kSlotFolder)), (std::set<std::string>{"firmware.bin", "firmware.bin.new"}));
 }
@@ -103,6 +104,5 @@ INSTANTIATE_TEST_SUITE_P(Swaps, SlotWriteTest,
                          ::testing::Values(SwapCase{"OldStagingName", false, FW_OK},
                                            SwapCase{"BesideTheSlot", true, FW_ERR_WRITE}),
                          [](const ::testing::TestParamInfo<SwapCase>& info) { return std::string(info.param.name); });
-
 
 }  // namespace

@@ -15,8 +15,8 @@ std::string FirmwareKit::image(const std::string& family, const std::string& pay
   dir_.write("payload.bin", payload);
   std::string key = dir_.file(foreignKey ? "foreign.pem" : "key.pem");
   std::string out;
-  if (runCommand(programCommand("autoptool") + " image build --key '" + key + "' --family " + family +
-                     " --models '" + models + "' --version '" + version + "' '" + dir_.file("payload.bin") + "' '" +
+  if (runCommand(programCommand("autoptool") + " image build --key '" + key + "' --family " + family + " --models '" +
+                     models + "' --version '" + version + "' '" + dir_.file("payload.bin") + "' '" +
                      dir_.file("image.rom") + "'",
                  &out) != 0) {
     ADD_FAILURE() << "image build failed: " << out;
