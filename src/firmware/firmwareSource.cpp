@@ -11,13 +11,27 @@ namespace {
 
 bool isHttp(const ns_net::autopUrl& url) { return url.scheme == "http" || url.scheme == "https"; }
 
-// Opens an HTTP(S) stream on a byte range and hands it to the download.
+// Whether a 206 answer's Content-Range ("bytes FIRST-LAST/TOTAL") starts where `asked` ("FIRST-" or
+// "FIRST-LAST") does.
+bool rangeAnswered(const std::string& asked, const std::string& contentRange) {
+  return contentRange.rfind("bytes " + asked.substr(0, asked.find('-')) + "-", 0) == 0;
+}
+
+// Opens an HTTP(S) stream on a byte range and hands it to the download. A part other than the one
+// asked for would be spliced into the image at the wrong place: the attempt is dropped and the image
+// fetched from its start instead, skipping what was already read.
 template <class Stream>
 bool openRange(ns_net::fileDownload& download, const ns_net::autopUrl& url, int32_t timeoutMs, const std::string& range,
                int64_t skipIfWhole) {
   auto stream = std::make_unique<Stream>();
   stream->SetByteRange(range);
   if (!stream->Open(url.ToText(), timeoutMs < 0 ? ns_net::pipeStream::kDefaultTimeoutMs : timeoutMs)) return false;
+  if (!range.empty() && stream->ResponseCode() == 206 && !rangeAnswered(range, stream->ContentRange())) {
+    LOG_WAR("Image server sent range [%s] for [%s], fetching from the start",
+            logEscaped(stream->ContentRange()).c_str(), range.c_str());
+    stream->Close();
+    return openRange<Stream>(download, url, timeoutMs, "", skipIfWhole);
+  }
   bool whole = stream->ResponseCode() != 206;
   if (!download.Attach(stream.release())) return false;
   // A server that ignores the range sends the image from its start again.
