@@ -458,6 +458,7 @@ int firmwareVerifyImage(firmwareImageSource& source, const firmwareDevice* devic
   firmwareHeader header;
   int status = firmwareCheckHeader(headerBytes, got, device, keyPath, &header);
   if (status != FW_OK) return status;
+  source.SetExpectedSize(kFirmwareHeaderSize + header.payloadLength);
   status = slotPath.empty() ? verifyPayload(source, header) : flashPayload(source, header, slotPath);
   if (status == FW_OK && out) *out = header;
   return status;

@@ -123,6 +123,9 @@ class firmwareImageSource {
  public:
   virtual ~firmwareImageSource() = default;
   virtual int Read(void* buffer, int n) = 0;
+  // The whole image's length (header and payload), told once the header was read: a transfer that
+  // ends before it was cut short, even when it looked complete.
+  virtual void SetExpectedSize(uint64_t) {}
 };
 
 struct firmwareServices {

@@ -66,18 +66,24 @@ class streamImageSource : public firmwareImageSource {
       int r = m_download->IsOpen() ? m_download->Read(out + got, n - got) : 0;
       got += r;
       m_offset += r;
-      if (got == n || !resumeAfterBreak()) break;
+      if (got == n || !resumeAfterBreak(r == 0)) break;
     }
     return got;
   }
 
+  void SetExpectedSize(uint64_t bytes) override { m_expected = static_cast<int64_t>(bytes); }
+
  private:
-  bool resumeAfterBreak() {
+  // A transfer that broke, or one that ended (`ended`) before the signed length although it looked
+  // whole (a close-delimited answer without Content-Length), is taken up again where it stopped.
+  bool resumeAfterBreak(bool ended) {
     ns_net::pipeStream* stream = m_download->CurrentStream();
-    if (!m_resume || !stream || !stream->IsBroken() || m_attempts >= kResumeAttempts) return false;
+    if (!m_resume || !stream || m_attempts >= kResumeAttempts) return false;
+    bool broken = stream->IsBroken();
+    if (!broken && !(ended && m_expected > 0 && m_offset < m_expected)) return false;
     ++m_attempts;
     LOG_WAR("Image transfer broken at %lld bytes, resume %d : %s", static_cast<long long>(m_offset), m_attempts,
-            stream->BrokenReason().c_str());
+            broken ? stream->BrokenReason().c_str() : "ended before the signed length");
     m_download->Close();
     return openFrom(*m_download, m_url, m_timeoutMs, std::to_string(m_offset) + "-", m_offset);
   }
@@ -88,6 +94,7 @@ class streamImageSource : public firmwareImageSource {
   bool m_resume;
   int32_t m_timeoutMs;
   int64_t m_offset = 0;
+  int64_t m_expected = 0;  // the whole image's length, once its header told it
   int m_attempts = 0;
 };
 

@@ -168,3 +168,34 @@ TEST_F(RomInstallerTest, APartialAnswerForAnotherRangeIsRetriedFromTheStart) {
   EXPECT_EQ(requests[2].find("Range:"), std::string::npos) << requests[2];
   EXPECT_TRUE(root->read(kFirmwareSlotPath) == payload);
 }
+
+// A close-delimited 200 (no Content-Length) cut short looks complete to HTTP; the signed length
+// tells otherwise, so the rest is asked for with a Range request.
+TEST_F(RomInstallerTest, AShortAnswerWithoutLengthIsResumedUpToTheSignedLength) {
+  useFamily("lyra");
+  std::string payload = testBytes(150000, 13);
+  std::string image = kit->image("lyra", payload);
+  net_test::TcpPeer server;
+  std::string resumed;
+  const size_t cut = image.size() / 3;
+  std::thread peer([&] {
+    int first = server.accept();
+    net_test::readRequest(first);
+    net_test::sendText(first, "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + image.substr(0, cut));
+    close(first);
+    int second = server.accept(3000);
+    if (second < 0) return;
+    resumed = net_test::readRequest(second);
+    net_test::sendText(second, "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(cut) + "-" +
+                                   std::to_string(image.size() - 1) + "/" + std::to_string(image.size()) +
+                                   "\r\nContent-Length: " + std::to_string(image.size() - cut) + "\r\n\r\n" +
+                                   image.substr(cut));
+    close(second);
+  });
+  installFirmwareStreams();
+  std::string url = "http://127.0.0.1:" + std::to_string(server.port()) + "/fw.rom";
+  EXPECT_EQ(firmware_GetStatusName(firmware_Upgrade(url.c_str(), 5000, true, false, true)), std::string("ok"));
+  peer.join();
+  EXPECT_NE(resumed.find("\r\nRange: bytes=" + std::to_string(cut) + "-\r\n"), std::string::npos) << resumed;
+  EXPECT_TRUE(root->read(kFirmwareSlotPath) == payload);
+}
