@@ -73,7 +73,8 @@ TEST_F(MediaTest, PicturesAreCheckedAndScaledByTheScript) {
       // Pixel bombs: a few KB on disk, refused from their header before any pixel is decoded.
       {"bomb.png", "-size 4100x4100 xc:red", wallpaper, false,
        "the picture has too many pixels ! (4100x4100, at most 4096x4096)"},
-      {"tall.jpg", "-size 16x4097 xc:red", photo, false, "the picture has too many pixels ! (16x4097, at most 4096x4096)"},
+      {"tall.jpg", "-size 16x4097 xc:red", photo, false,
+       "the picture has too many pixels ! (16x4097, at most 4096x4096)"},
   };
   for (const auto& [name, convertArguments, makeParser, installed, expected] : cases) {
     SCOPED_TRACE(name);
