@@ -23,5 +23,6 @@ void fuzzFirmwareHeader(const uint8_t* data, size_t size) {
     abort();
   }
   // A signature check on whatever came must refuse cleanly without a key.
-  if (firmwareCheckHeader(data, size, "lyra", "/nonexistent/firmware.pem", nullptr) == FW_OK) abort();
+  firmwareDevice lyra{"lyra", "QA5", "", false};
+  if (firmwareCheckHeader(data, size, &lyra, "/nonexistent/firmware.pem", nullptr) == FW_OK) abort();
 }

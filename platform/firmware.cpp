@@ -1,17 +1,21 @@
 #define LOG_MODULE "./platform/firmware"
 #include "firmware.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
+#include <openssl/rand.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
 
+#include "descriptor.h"
 #include "log.h"
 #include "paths.h"
 
@@ -29,7 +33,6 @@ constexpr size_t kOffSignature = kOffDigest + kFirmwareDigestSize;
 static_assert(kOffSignature == kFirmwareSignedSize, "the signature follows every signed field");
 static_assert(kOffSignature + kFirmwareSignatureSize == kFirmwareHeaderSize, "header layout");
 
-constexpr const char* kStagingPath = "/tmp/firmware.stage";
 constexpr int kPayloadChunk = 256 * 1024;
 
 struct StatusName {
@@ -53,6 +56,11 @@ const StatusName kStatusNames[] = {
     {FW_ERR_PAYLOAD_LONG, "payload longer than announced"},
     {FW_ERR_BAD_DIGEST, "payload digest mismatch"},
     {FW_ERR_WRITE, "cannot write firmware slot"},
+    {FW_ERR_EMPTY_PAYLOAD, "empty payload"},
+    {FW_ERR_UNKNOWN_FAMILY, "device family unknown"},
+    {FW_ERR_WRONG_MODEL, "image for another model"},
+    {FW_ERR_DOWNGRADE, "older than the running firmware"},
+    {FW_ALREADY_INSTALLED, "already installed"},
 };
 
 struct PkeyFree {
@@ -140,26 +148,64 @@ size_t readFull(firmwareImageSource& source, uint8_t* buffer, size_t size) {
   return got;
 }
 
-// Hashes the payload (and stages it when `stage` is open); checks its length and digest.
-int readPayload(firmwareImageSource& source, const firmwareHeader& header, FILE* stage) {
-  MdCtxPtr ctx(EVP_MD_CTX_new());
-  if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1) return FW_ERR_BAD_ARGUMENT;
+using Digest = std::array<uint8_t, kFirmwareDigestSize>;
+
+bool finishDigest(EVP_MD_CTX* ctx, Digest& digest) {
+  uint8_t out[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (EVP_DigestFinal_ex(ctx, out, &length) != 1 || length != kFirmwareDigestSize) return false;
+  memcpy(digest.data(), out, kFirmwareDigestSize);
+  return true;
+}
+
+// Moves exactly the announced payload from the source to `sink` one chunk at a time, so memory stays
+// at one chunk whatever the image size; then makes sure nothing follows it.
+template <class Sink>
+int streamPayload(firmwareImageSource& source, uint64_t length, Sink sink) {
   std::vector<uint8_t> chunk(kPayloadChunk);
-  uint64_t left = header.payloadLength;
+  uint64_t left = length;
   while (left > 0) {
     size_t want = static_cast<size_t>(std::min<uint64_t>(left, chunk.size()));
     size_t got = readFull(source, chunk.data(), want);
-    EVP_DigestUpdate(ctx.get(), chunk.data(), got);
-    if (stage && fwrite(chunk.data(), 1, got, stage) != got) return FW_ERR_WRITE;
+    if (!sink(chunk.data(), got)) return FW_ERR_WRITE;
     left -= got;
     if (got < want) return FW_ERR_PAYLOAD_SHORT;
   }
   uint8_t extra = 0;
-  if (readFull(source, &extra, 1) != 0) return FW_ERR_PAYLOAD_LONG;
-  uint8_t digest[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  if (EVP_DigestFinal_ex(ctx.get(), digest, &length) != 1 || length != kFirmwareDigestSize) return FW_ERR_BAD_ARGUMENT;
-  return memcmp(digest, header.digest, kFirmwareDigestSize) == 0 ? FW_OK : FW_ERR_BAD_DIGEST;
+  return readFull(source, &extra, 1) != 0 ? FW_ERR_PAYLOAD_LONG : FW_OK;
+}
+
+// The digest of the first `length` bytes behind a descriptor, read back from it.
+bool digestOfDescriptor(int fd, uint64_t length, Digest& digest) {
+  MdCtxPtr ctx(EVP_MD_CTX_new());
+  if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1) return false;
+  std::vector<uint8_t> chunk(kPayloadChunk);
+  uint64_t offset = 0;
+  while (offset < length) {
+    size_t want = static_cast<size_t>(std::min<uint64_t>(length - offset, chunk.size()));
+    ssize_t got = pread(fd, chunk.data(), want, static_cast<off_t>(offset));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    EVP_DigestUpdate(ctx.get(), chunk.data(), static_cast<size_t>(got));
+    offset += static_cast<uint64_t>(got);
+  }
+  return finishDigest(ctx.get(), digest);
+}
+
+int compareDigest(const Digest& digest, const firmwareHeader& header) {
+  return memcmp(digest.data(), header.digest, kFirmwareDigestSize) == 0 ? FW_OK : FW_ERR_BAD_DIGEST;
+}
+
+// Only checks: hashes the payload as it streams past.
+int verifyPayload(firmwareImageSource& source, const firmwareHeader& header) {
+  MdCtxPtr ctx(EVP_MD_CTX_new());
+  if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1) return FW_ERR_BAD_ARGUMENT;
+  int status = streamPayload(source, header.payloadLength, [&](const uint8_t* data, size_t size) {
+    return EVP_DigestUpdate(ctx.get(), data, size) == 1;
+  });
+  if (status != FW_OK) return status;
+  Digest digest;
+  return finishDigest(ctx.get(), digest) ? compareDigest(digest, header) : FW_ERR_BAD_ARGUMENT;
 }
 
 // mkdir -p of a host directory.
@@ -171,34 +217,104 @@ bool makeParents(const std::string& dir) {
   }
 }
 
-void syncDirectory(const std::string& dir) {
-  int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY);
-  if (fd < 0) return;
-  fsync(fd);
-  close(fd);
-}
-
-// Copies the staged payload beside the slot, syncs it and renames it over the slot.
-bool installStaged(const std::string& stagedHost, const std::string& slotPath) {
-  std::string slotHost = hostPath(slotPath);
-  std::string dir = slotHost.substr(0, slotHost.rfind('/'));
-  if (!makeParents(dir)) return false;
-  std::string temp = slotHost + ".new";
-  FilePtr in(fopen(stagedHost.c_str(), "rb"));
-  FilePtr out(fopen(temp.c_str(), "wb"));
-  if (!in || !out) return false;
-  std::vector<char> chunk(kPayloadChunk);
-  size_t n;
-  bool ok = true;
-  while (ok && (n = fread(chunk.data(), 1, chunk.size(), in.get())) > 0) ok = fwrite(chunk.data(), 1, n, out.get()) == n;
-  ok = ok && !ferror(in.get()) && fflush(out.get()) == 0 && fsync(fileno(out.get())) == 0;
-  out.reset();
-  if (!ok || rename(temp.c_str(), slotHost.c_str()) != 0) {
-    remove(temp.c_str());
-    return false;
+// The payload's way into the slot: a file of our own in the slot's folder, created exclusively and
+// never through a link, written, checked by reading it back from the same descriptor, and renamed
+// over the slot only then. Nothing is reopened by name, so a file renamed or a link planted by
+// another process never becomes the slot; and the payload never sits in /tmp (RAM on the phone).
+// Unless committed, the file is unlinked when the writer goes.
+class slotWriter {
+ public:
+  explicit slotWriter(const std::string& slotHost) : m_slot(slotHost) {}
+  ~slotWriter() {
+    if (!m_temporary.empty() && !m_committed) unlink(m_temporary.c_str());
   }
-  syncDirectory(dir);
-  return true;
+  slotWriter(const slotWriter&) = delete;
+  slotWriter& operator=(const slotWriter&) = delete;
+
+  bool create() {
+    size_t slash = m_slot.rfind('/');
+    if (slash == std::string::npos || !makeParents(m_slot.substr(0, slash))) return false;
+    removeLeftovers(m_slot.substr(0, slash), m_slot.substr(slash + 1) + kTemporaryMark);
+    for (int attempt = 0; attempt < 8 && !m_fd.valid(); ++attempt) {
+      std::string name = m_slot + kTemporaryMark + randomHex();
+      m_fd.reset(open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+      if (m_fd.valid())
+        m_temporary = name;
+      else if (errno != EEXIST)
+        return false;
+    }
+    return m_fd.valid();
+  }
+
+  bool write(const uint8_t* data, size_t size) {
+    m_written += size;
+    return writeAll(m_fd.get(), data, size);
+  }
+
+  // The digest of what the file holds, checked against the header.
+  int check(const firmwareHeader& header) {
+    Digest digest;
+    if (m_written != header.payloadLength || !digestOfDescriptor(m_fd.get(), m_written, digest)) return FW_ERR_WRITE;
+    return compareDigest(digest, header);
+  }
+
+  // fsync, then rename over the slot while the name still holds our file; the folder is synced so
+  // the rename survives a power loss.
+  bool commit() {
+    if (fsync(m_fd.get()) != 0 || !stillOurs()) return false;
+    if (rename(m_temporary.c_str(), m_slot.c_str()) != 0) return false;
+    m_committed = true;
+    syncParentDirectory(m_slot);
+    return true;
+  }
+
+ private:
+  static constexpr const char* kTemporaryMark = ".new-";
+
+  static std::string randomHex() {
+    uint8_t bytes[8];
+    if (RAND_bytes(bytes, sizeof bytes) != 1) return std::to_string(getpid());
+    char text[2 * sizeof bytes + 1];
+    for (size_t i = 0; i < sizeof bytes; ++i) snprintf(text + 2 * i, 3, "%02x", bytes[i]);
+    return text;
+  }
+
+  // A power loss mid-write leaves a file of ours beside the slot: removed before the next install
+  // (links and folders of that name are not ours and stay).
+  static void removeLeftovers(const std::string& dir, const std::string& prefix) {
+    DIR* listing = opendir(dir.c_str());
+    if (!listing) return;
+    while (dirent* entry = readdir(listing)) {
+      std::string path = dir + "/" + entry->d_name;
+      struct stat st;
+      if (strncmp(entry->d_name, prefix.c_str(), prefix.size()) == 0 && lstat(path.c_str(), &st) == 0 &&
+          S_ISREG(st.st_mode))
+        unlink(path.c_str());
+    }
+    closedir(listing);
+  }
+
+  bool stillOurs() const {
+    struct stat mine, named;
+    return fstat(m_fd.get(), &mine) == 0 && lstat(m_temporary.c_str(), &named) == 0 && mine.st_dev == named.st_dev &&
+           mine.st_ino == named.st_ino;
+  }
+
+  std::string m_slot;
+  std::string m_temporary;
+  UniqueFd m_fd;
+  uint64_t m_written = 0;
+  bool m_committed = false;
+};
+
+int flashPayload(firmwareImageSource& source, const firmwareHeader& header, const std::string& slotPath) {
+  slotWriter slot(hostPath(slotPath));
+  if (!slot.create()) return FW_ERR_WRITE;
+  int status = streamPayload(source, header.payloadLength,
+                             [&](const uint8_t* data, size_t size) { return slot.write(data, size); });
+  if (status == FW_OK) status = slot.check(header);
+  if (status == FW_OK && !slot.commit()) status = FW_ERR_WRITE;
+  return status;
 }
 
 std::mutex& servicesMutex() {
@@ -210,9 +326,9 @@ firmwareServices& servicesSlot() {
   return services;
 }
 
-std::string deviceFamily() {
-  const firmwareServices& services = firmwareGetServices();
-  return services.deviceFamily ? services.deviceFamily() : "";
+firmwareDevice thisDevice() {
+  const firmwareServices services = firmwareGetServices();
+  return services.device ? services.device() : firmwareDevice();
 }
 
 }  // namespace
@@ -234,8 +350,9 @@ int firmwareParseHeader(const uint8_t* data, size_t size, firmwareHeader* out) {
   firmwareHeader h;
   h.headerVersion = static_cast<uint16_t>(readBig(data + kOffVersion, 2));
   std::string models;
-  if (readBig(data + kOffSize, 2) != kFirmwareHeaderSize || !readText(data + kOffFamily, kFirmwareFamilyField, h.family) ||
-      h.family.empty() || !readText(data + kOffModels, kFirmwareModelsField, models) ||
+  if (readBig(data + kOffSize, 2) != kFirmwareHeaderSize ||
+      !readText(data + kOffFamily, kFirmwareFamilyField, h.family) || h.family.empty() ||
+      !readText(data + kOffModels, kFirmwareModelsField, models) ||
       !readText(data + kOffFirmwareVersion, kFirmwareVersionField, h.version))
     return FW_ERR_BAD_FIELD;
   h.models = splitModels(models);
@@ -262,13 +379,50 @@ std::string firmwareEncodeHeader(const firmwareHeader& h) {
   return out;
 }
 
-int firmwareCheckHeader(const uint8_t* data, size_t size, const std::string& family, const std::string& keyPath,
+int firmwareCompareVersions(const std::string& a, const std::string& b) {
+  size_t i = 0, j = 0;
+  while (i < a.size() || j < b.size()) {
+    size_t endA = std::min(a.find('.', i), a.size()), endB = std::min(b.find('.', j), b.size());
+    std::string fieldA = i < a.size() ? a.substr(i, endA - i) : "", fieldB = j < b.size() ? b.substr(j, endB - j) : "";
+    size_t digitsA = fieldA.find_first_not_of("0123456789"), digitsB = fieldB.find_first_not_of("0123456789");
+    std::string numberA = fieldA.substr(0, digitsA), numberB = fieldB.substr(0, digitsB);
+    // As numbers of any length: without leading zeros, the longer is the larger.
+    numberA.erase(0, std::min(numberA.find_first_not_of('0'), numberA.size()));
+    numberB.erase(0, std::min(numberB.find_first_not_of('0'), numberB.size()));
+    if (numberA.size() != numberB.size()) return numberA.size() < numberB.size() ? -1 : 1;
+    if (int c = numberA.compare(numberB)) return c < 0 ? -1 : 1;
+    std::string restA = digitsA == std::string::npos ? "" : fieldA.substr(digitsA);
+    std::string restB = digitsB == std::string::npos ? "" : fieldB.substr(digitsB);
+    if (int c = restA.compare(restB)) return c < 0 ? -1 : 1;
+    i = endA + 1;
+    j = endB + 1;
+  }
+  return 0;
+}
+
+int firmwareJudgeHeader(const firmwareHeader& header, const firmwareDevice& device) {
+  // Fail closed: an image for a guessed family could brick the phone.
+  if (device.family.empty()) return FW_ERR_UNKNOWN_FAMILY;
+  if (header.family != device.family) return FW_ERR_WRONG_FAMILY;
+  if (std::find(header.models.begin(), header.models.end(), device.model) == header.models.end())
+    return FW_ERR_WRONG_MODEL;
+  if (device.runningVersion.empty()) return FW_OK;
+  int order = firmwareCompareVersions(header.version, device.runningVersion);
+  if (order == 0) return FW_ALREADY_INSTALLED;
+  // A validly signed old release may be a known-vulnerable one replayed: only on the owner's word.
+  if (order < 0 && !device.allowDowngrade) return FW_ERR_DOWNGRADE;
+  return FW_OK;
+}
+
+int firmwareCheckHeader(const uint8_t* data, size_t size, const firmwareDevice* device, const std::string& keyPath,
                         firmwareHeader* out) {
   firmwareHeader header;
   int status = firmwareParseHeader(data, size, &header);
   if (status != FW_OK) return status;
-  if (!family.empty() && header.family != family) return FW_ERR_WRONG_FAMILY;
+  if (header.payloadLength == 0) return FW_ERR_EMPTY_PAYLOAD;
+  // The device rules judge signed fields only.
   status = verifySignature(data, keyPath);
+  if (status == FW_OK && device) status = firmwareJudgeHeader(header, *device);
   if (status == FW_OK && out) *out = header;
   return status;
 }
@@ -297,25 +451,15 @@ const firmwareServices& firmwareGetServices() {
   return servicesSlot();
 }
 
-int firmwareVerifyImage(firmwareImageSource& source, const std::string& family, const std::string& keyPath,
+int firmwareVerifyImage(firmwareImageSource& source, const firmwareDevice* device, const std::string& keyPath,
                         const std::string& slotPath, firmwareHeader* out) {
   uint8_t headerBytes[kFirmwareHeaderSize];
   size_t got = readFull(source, headerBytes, sizeof headerBytes);
   firmwareHeader header;
-  int status = firmwareCheckHeader(headerBytes, got, family, keyPath, &header);
+  int status = firmwareCheckHeader(headerBytes, got, device, keyPath, &header);
   if (status != FW_OK) return status;
-  std::string stagedHost;
-  FilePtr stage;
-  if (!slotPath.empty()) {
-    stagedHost = hostPath(kStagingPath);
-    makeParents(stagedHost.substr(0, stagedHost.rfind('/')));
-    stage.reset(fopen(stagedHost.c_str(), "wb"));
-    if (!stage) return FW_ERR_WRITE;
-  }
-  status = readPayload(source, header, stage.get());
-  if (stage && fclose(stage.release()) != 0 && status == FW_OK) status = FW_ERR_WRITE;
-  if (status == FW_OK && !slotPath.empty() && !installStaged(stagedHost, slotPath)) status = FW_ERR_WRITE;
-  if (!stagedHost.empty()) remove(stagedHost.c_str());
+  source.SetExpectedSize(kFirmwareHeaderSize + header.payloadLength);
+  status = slotPath.empty() ? verifyPayload(source, header) : flashPayload(source, header, slotPath);
   if (status == FW_OK && out) *out = header;
   return status;
 }
@@ -328,16 +472,17 @@ int firmware_Upgrade(const char* url, int32_t timeoutMs, bool flash, bool header
   int status = FW_ERR_OPEN;
   std::unique_ptr<firmwareImageSource> source = services.open(url, timeoutMs, onlyHeader, resume, &status);
   if (!source) return status < 0 ? status : FW_ERR_OPEN;
-  std::string family = deviceFamily();
+  const firmwareDevice device = thisDevice();
   std::string keyPath = hostPath(kFirmwareKeyPath);
   if (onlyHeader) {
     uint8_t headerBytes[kFirmwareHeaderSize];
     size_t got = readFull(*source, headerBytes, sizeof headerBytes);
-    return firmwareCheckHeader(headerBytes, got, family, keyPath, nullptr);
+    return firmwareCheckHeader(headerBytes, got, &device, keyPath, nullptr);
   }
-  return firmwareVerifyImage(*source, family, keyPath, flash ? kFirmwareSlotPath : "", nullptr);
+  return firmwareVerifyImage(*source, &device, keyPath, flash ? kFirmwareSlotPath : "", nullptr);
 }
 
 int firmwareFlashFromSource(firmwareImageSource& source) {
-  return firmwareVerifyImage(source, deviceFamily(), hostPath(kFirmwareKeyPath), kFirmwareSlotPath, nullptr);
+  const firmwareDevice device = thisDevice();
+  return firmwareVerifyImage(source, &device, hostPath(kFirmwareKeyPath), kFirmwareSlotPath, nullptr);
 }

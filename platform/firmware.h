@@ -21,8 +21,9 @@
 // Why the library reads through a seam: the download streams (TFTP, FTP, HTTP, HTTPS, local files)
 // belong to the service above the platform, and the platform may not include from there. So this
 // library works on bytes and on an abstract image source; the service installs, once, the opener
-// that turns a URL into a source over its own streams and the function that names the device family
-// (src/firmware/firmwareSource.h). Without them firmware_Upgrade fails with FW_ERR_NO_SOURCE.
+// that turns a URL into a source over its own streams and the function that tells what the device
+// accepts: family, model, running version, downgrades (src/firmware/firmwareSource.h). Without them firmware_Upgrade
+// fails with FW_ERR_NO_SOURCE.
 #pragma once
 
 #include <cstddef>
@@ -64,7 +65,28 @@ enum firmwareStatus : int {
   FW_ERR_PAYLOAD_LONG = -13,
   FW_ERR_BAD_DIGEST = -14,
   FW_ERR_WRITE = -15,
+  FW_ERR_EMPTY_PAYLOAD = -16,
+  FW_ERR_UNKNOWN_FAMILY = -17,
+  FW_ERR_WRONG_MODEL = -18,
+  FW_ERR_DOWNGRADE = -19,
+  // Not a fault: the image is the firmware the phone runs. Callers treat it as nothing to do.
+  FW_ALREADY_INSTALLED = -20,
 };
+
+// What this phone accepts. An image is refused when the family is unknown (empty) or another, when
+// its models list does not name `model`, when its version is the running one (FW_ALREADY_INSTALLED)
+// or older, unless `allowDowngrade`. An empty `runningVersion` (no version file) skips the version
+// rules, so a phone that lost it can still be repaired.
+struct firmwareDevice {
+  std::string family;
+  std::string model;
+  std::string runningVersion;
+  bool allowDowngrade = false;
+};
+
+// Compares version texts field by field ("3.1.0.10" is newer than "3.1.0.9"): each dot-separated
+// field by its leading number, then by the rest as text; a missing field counts as 0. <0, 0, >0.
+int firmwareCompareVersions(const std::string& a, const std::string& b);
 
 const char* firmware_GetStatusName(int status);
 
@@ -84,9 +106,12 @@ struct firmwareHeader {
 int firmwareParseHeader(const uint8_t* data, size_t size, firmwareHeader* out);
 // The header bytes of a record (signature field as given).
 std::string firmwareEncodeHeader(const firmwareHeader& header);
-// Parses, compares the family (skipped when `family` is empty) and checks the signature with the
-// PEM public key at `keyPath` (a host path).
-int firmwareCheckHeader(const uint8_t* data, size_t size, const std::string& family, const std::string& keyPath,
+// The rules of firmwareDevice on a parsed header: FW_OK or the refusal.
+int firmwareJudgeHeader(const firmwareHeader& header, const firmwareDevice& device);
+// Parses, refuses an empty payload, checks the signature with the PEM public key at `keyPath` (a
+// host path), then, with a `device`, judges the signed fields. Without one (the administrator's
+// check of an image on its own) no device rule applies.
+int firmwareCheckHeader(const uint8_t* data, size_t size, const firmwareDevice* device, const std::string& keyPath,
                         firmwareHeader* out);
 // Signs encoded header bytes in place with a PEM Ed25519 private key (host path). FW_OK,
 // FW_ERR_NO_KEY or FW_ERR_BAD_ARGUMENT.
@@ -98,6 +123,9 @@ class firmwareImageSource {
  public:
   virtual ~firmwareImageSource() = default;
   virtual int Read(void* buffer, int n) = 0;
+  // The whole image's length (header and payload), told once the header was read: a transfer that
+  // ends before it was cut short, even when it looked complete.
+  virtual void SetExpectedSize(uint64_t) {}
 };
 
 struct firmwareServices {
@@ -106,17 +134,18 @@ struct firmwareServices {
   // taken up again where it stopped.
   std::unique_ptr<firmwareImageSource> (*open)(const std::string& url, int32_t timeoutMs, bool headerOnly, bool resume,
                                                int* status) = nullptr;
-  // The family of this device ("" when it has none).
-  std::string (*deviceFamily)() = nullptr;
+  // What this device accepts; without it every image is refused (the family is unknown).
+  firmwareDevice (*device)() = nullptr;
 };
 void firmwareSetServices(const firmwareServices& services);
 const firmwareServices& firmwareGetServices();
 
 // Reads a whole image from `source` and checks header, family, signature, payload length and digest
-// before anything reaches the slot. With a non-empty `slotPath` (logical) the payload is staged
-// under /tmp while it is hashed and put into the slot atomically only after every check passed; a
-// failure leaves the slot as it was. With an empty `slotPath` it only verifies.
-int firmwareVerifyImage(firmwareImageSource& source, const std::string& family, const std::string& keyPath,
+// before anything reaches the slot. With a non-empty `slotPath` (logical) the payload streams into a
+// new file beside the slot (exclusive, 0600), its digest is read back from that file's descriptor,
+// and only then is it synced and renamed over the slot; a failure unlinks it and leaves the slot as
+// it was. With an empty `slotPath` it only verifies. Memory stays at one 256 KiB chunk.
+int firmwareVerifyImage(firmwareImageSource& source, const firmwareDevice* device, const std::string& keyPath,
                         const std::string& slotPath, firmwareHeader* out);
 
 // The upgrade entry of the library.

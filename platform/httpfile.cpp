@@ -6,6 +6,7 @@
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <strings.h>
 
 #include <algorithm>
 #include <chrono>
@@ -101,6 +102,7 @@ class httpTransfer {
   int64_t missing = -1;
   std::string error;
   long responseCode = 0;
+  std::string contentRange;  // of the final answer
 
  private:
   void configure(const char* url, int32_t timeoutMs, bool tls);
@@ -155,6 +157,16 @@ size_t httpTransfer::onHeader(char* data, size_t size, size_t count, void* self)
   auto* t = static_cast<httpTransfer*>(self);
   size_t bytes = size * count;
   bool blankLine = (bytes == 2 && data[0] == '\r' && data[1] == '\n') || (bytes == 1 && data[0] == '\n');
+  // Each answer's own: a redirect's header must not stand for the final one.
+  static constexpr char kStatusLine[] = "HTTP/";
+  static constexpr char kContentRange[] = "content-range:";
+  if (bytes >= sizeof kStatusLine - 1 && strncmp(data, kStatusLine, sizeof kStatusLine - 1) == 0)
+    t->contentRange.clear();
+  if (bytes > sizeof kContentRange - 1 && strncasecmp(data, kContentRange, sizeof kContentRange - 1) == 0) {
+    std::string value(data + sizeof kContentRange - 1, bytes - (sizeof kContentRange - 1));
+    size_t first = value.find_first_not_of(" \t"), last = value.find_last_not_of(" \t\r\n");
+    t->contentRange = first == std::string::npos ? "" : value.substr(first, last - first + 1);
+  }
   if (blankLine) {
     long code = 0;
     curl_easy_getinfo(t->easy_, CURLINFO_RESPONSE_CODE, &code);
@@ -317,3 +329,5 @@ bool httpFileBase::TransferBroken() const { return transfer_ && transfer_->broke
 int64_t httpFileBase::MissingBytes() const { return transfer_ ? transfer_->missing : -1; }
 std::string httpFileBase::ErrorText() const { return transfer_ ? transfer_->error : ""; }
 long httpFileBase::ResponseCode() const { return transfer_ ? transfer_->responseCode : 0; }
+
+std::string httpFileBase::ContentRange() const { return transfer_ ? transfer_->contentRange : ""; }

@@ -38,6 +38,8 @@ class httpFileBase {
   std::string ErrorText() const;
   // Final HTTP status of the open (0 before any response).
   long ResponseCode() const;
+  // The Content-Range value of the final answer ("bytes 340-999/1000"; "" when it had none).
+  std::string ContentRange() const;
   // Asks the next open for part of the resource only ("0-339", "1048576-"): firmware checks read a
   // header without moving the whole image, and a cut transfer resumes where it stopped. A server
   // may still answer with the whole resource (200 instead of 206); ResponseCode tells which.

@@ -35,8 +35,11 @@ struct Options {
 bool parseOptions(int argc, char** argv, Options& o) {
   for (int i = 0; i < argc; ++i) {
     std::string a = argv[i];
-    std::string* target = a == "--key" ? &o.key : a == "--family" ? &o.family : a == "--models" ? &o.models
-                                                : a == "--version" ? &o.version : nullptr;
+    std::string* target = a == "--key"       ? &o.key
+                          : a == "--family"  ? &o.family
+                          : a == "--models"  ? &o.models
+                          : a == "--version" ? &o.version
+                                             : nullptr;
     if (a == "--header-only") {
       o.headerOnly = true;
     } else if (target) {
@@ -86,6 +89,8 @@ int imageBuild(const Options& o) {
   }
   std::string payload;
   if (!readWhole(o.positional[0], payload)) return fail("build", "cannot read " + o.positional[0]);
+  // No phone takes an image without firmware in it.
+  if (payload.empty()) return fail("build", "empty payload " + o.positional[0]);
   firmwareHeader header;
   header.family = o.family;
   header.models = splitList(o.models);
@@ -122,6 +127,15 @@ void printHeader(const firmwareHeader& h) {
          static_cast<unsigned long long>(h.payloadLength), digest);
 }
 
+// What this phone (under $PROVISOR_ROOT) would do with an image that passed its own checks.
+void printVerdict(const firmwareHeader& header) {
+  firmwareDevice device = currentFirmwareDevice();
+  int judged = firmwareJudgeHeader(header, device);
+  printf("running version: %s\non this phone: %s%s\n",
+         device.runningVersion.empty() ? "unknown" : device.runningVersion.c_str(),
+         judged == FW_OK ? "would be installed" : "refused, ", judged == FW_OK ? "" : firmware_GetStatusName(judged));
+}
+
 // A local image: every check, header fields printed. A URL: what the phone's library does with it,
 // against the key under $PROVISOR_ROOT.
 int imageVerify(const Options& o) {
@@ -133,6 +147,8 @@ int imageVerify(const Options& o) {
   if (image.find("://") != std::string::npos) {
     installFirmwareStreams();
     int status = firmware_Upgrade(image.c_str(), kSafeModeTimeoutMs, false, o.headerOnly, true);
+    std::string running = currentFirmwareDevice().runningVersion;
+    printf("running version: %s\n", running.empty() ? "unknown" : running.c_str());
     if (status < 0) return fail("verify", firmware_GetStatusName(status));
     printf("image ok\n");
     return 0;
@@ -142,9 +158,10 @@ int imageVerify(const Options& o) {
   std::string key = o.key.empty() ? hostPath(kFirmwareKeyPath) : o.key;
   fileImageSource source(f.get());
   firmwareHeader header;
-  int status = firmwareVerifyImage(source, "", key, "", &header);
+  int status = firmwareVerifyImage(source, nullptr, key, "", &header);
   if (status < 0) return fail("verify", firmware_GetStatusName(status));
   printHeader(header);
+  printVerdict(header);
   return 0;
 }
 
@@ -178,6 +195,11 @@ int autoptoolSafemodeInstall(int argc, char**) {
   int status = firmware_Upgrade(url.c_str(), kSafeModeTimeoutMs, true, false, true);
   // Cleared only now: a power loss during the install starts the install again.
   bool cleared = userenv_set("BOOTMODE", "") == 0;
+  if (status == FW_ALREADY_INSTALLED) {
+    LOG_IFO("Safe mode install: the image is the running firmware, nothing to do");
+    printf("already installed, nothing to do\n");
+    return cleared ? 0 : fail("safemode-install", "cannot clear BOOTMODE");
+  }
   if (status < 0) {
     LOG_ERR("Safe mode install failed : %s", firmware_GetStatusName(status));
     return fail("safemode-install", firmware_GetStatusName(status));

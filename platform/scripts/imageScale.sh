@@ -31,6 +31,17 @@ case "$magic" in
   *) exit 1 ;;
 esac
 
+# Dimensions first, from the header alone (-ping decodes no pixel): a picture past the bound is
+# refused before any pixel cache exists, however small it is on disk. The reason follows the verdict.
+maxSide=4096
+dimensions=$(identify -ping -format '%w %h' "$coder:${source}[0]" 2>/dev/null) || exit 1
+pictureWidth=${dimensions% *} pictureHeight=${dimensions#* }
+case "$pictureWidth$pictureHeight" in *[!0-9]*|'') exit 1 ;; esac
+if [ "$pictureWidth" -gt "$maxSide" ] || [ "$pictureHeight" -gt "$maxSide" ]; then
+  printf '0 toolarge %s %s %s\n' "$pictureWidth" "$pictureHeight" "$maxSide" > "$verdict"
+  exit 1
+fi
+
 extension=$(printf '%s' "${output##*/}" | sed -n 's/^.*\.\([A-Za-z0-9]*\)$/\1/p' | tr 'A-Z' 'a-z')
 case "$extension" in
   jpg|jpeg) format=jpg ;;
@@ -40,9 +51,13 @@ esac
 
 scratch=$(mktemp "$(dirname "$output")/.imageScale.XXXXXX") || exit 1
 trap 'rm -f "$scratch"' EXIT
-# "[0]": only the first frame of an animated or multi-page picture.
-convert "$coder:${source}[0]" -auto-orient -resize "${width}x${height}^" -gravity center \
-  -extent "${width}x${height}" -strip "$format:$scratch" 2>/dev/null || exit 1
+# "[0]": only the first frame of an animated or multi-page picture. Resource limits: at most 256 MiB
+# of memory and 256 MiB of mapped cache, no pixel cache on disk (/tmp is RAM on the phone), 15 s of
+# run time; a JPEG is decoded at reduced scale (twice the target at least), which costs a fraction.
+convert -limit memory 256MiB -limit map 256MiB -limit disk 1MiB -limit area 17MP -limit time 15 \
+  -define "jpeg:size=$((width * 2))x$((height * 2))" "$coder:${source}[0]" -auto-orient \
+  -resize "${width}x${height}^" -gravity center -extent "${width}x${height}" -strip "$format:$scratch" 2>/dev/null ||
+  exit 1
 size=$(wc -c < "$scratch")
 [ "$size" -gt 0 ] && [ "$size" -le "$maxBytes" ] || exit 1
 mv -f "$scratch" "$output" || exit 1

@@ -62,7 +62,7 @@ int autoRomUpgrader::upgradeItem(autopItem* item) {
     return 0;
   }
   int result = installer->install(item->value.c_str());
-  if (result) item->changed = true;
+  if (result == 1) item->changed = true;
   return result;
 }
 
@@ -75,7 +75,7 @@ int autoRomUpgrader::upgrade(autopItemList& items) {
   built.key = "url";
   built.value = composeFirmwareUrl(items);
   int result = upgradeItem(&built);
-  if (result)
+  if (result == 1)
     for (auto& item : items)
       if (item) item->changed = true;
   return result;

@@ -14,12 +14,14 @@
 //   "http_url"     base URL used for "http" and "https"
 //
 // A success marks the items applied; the apply loop then arranges the reboot through the run
-// lifecycle (the deferred firmware object always asks for it).
+// lifecycle. kRomAlreadyInstalled (the image is the running firmware) changes nothing and asks for
+// no reboot.
 #pragma once
 
 #include "autopUrl.h"
 #include "fileStream.h"
 #include "fileUpgrader.h"
+#include "romInstaller.h"
 
 class autoRomUpgrader : public autoFileUpgrader, public ns_net::fileDownload {
  public:

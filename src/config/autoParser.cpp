@@ -18,6 +18,7 @@
 #include "paths.h"
 #include "redact.h"
 #include "registry.h"
+#include "romInstaller.h"
 
 namespace {
 
@@ -321,9 +322,11 @@ bool autoParser::applyBatches(bool unchanged) {
   runPendingMethods();
   if (!deferredFirmware.empty()) {
     std::unique_ptr<autoFileUpgrader> upgrader = createFileUpgrader(kUpgradeTypeRom);
-    if (upgrader && upgrader->upgrade(deferredFirmware))
+    int installed = upgrader ? upgrader->upgrade(deferredFirmware) : 0;
+    // The running firmware named again (kRomAlreadyInstalled) is nothing to do: no reboot.
+    if (installed == 1)
       requestReboot();
-    else
+    else if (installed != kRomAlreadyInstalled)
       LOG_WAR("Fail to upgrade rom file !");
   }
   return allWritten && wholeFileRead;

@@ -15,10 +15,16 @@
 #include "firmware.h"
 
 constexpr int kResumeAttempts = 3;
+// The running firmware: [version] FIRMWARE_VERSION.
+constexpr const char* kFirmwareVersionFile = "/phone/version";
 
-// Installs the opener and the device family into the upgrade library (idempotent). Everything that
-// calls firmware_Upgrade calls this first.
+// Installs the opener and what this device accepts into the upgrade library (idempotent): its
+// family (deviceFamily.h), its model name, the running firmware version, and whether
+// [AutoProvision] bAllowFirmwareDowngrade = 1 lets an older image in. Everything that calls
+// firmware_Upgrade calls this first.
 void installFirmwareStreams();
+// What this device accepts, as installFirmwareStreams hands it to the library.
+firmwareDevice currentFirmwareDevice();
 
 // A source over a download the caller already opened (the hand-over to the flashing tool); it reads
 // from `download` and, with `resumeUrl` non-empty, resumes a cut HTTP transfer from that URL.

@@ -12,10 +12,10 @@
 #include "firmwareSource.h"
 #include "log.h"
 #include "msgqueue.h"
+#include "safeMode.h"
 
 namespace {
 
-constexpr int32_t kHeaderCheckTimeoutMs = 10000;
 constexpr uint32_t kQuitSettleMs = 3000;
 constexpr uint32_t kQuitRetryMs = 5000;
 constexpr uint32_t kServerWaitMs = 3000;
@@ -37,9 +37,22 @@ const FamilyInstaller kInstallers[] = {
     {"duna", [] { return static_cast<romInstaller*>(new (std::nothrow) duna_romInstaller()); }},
 };
 
+// A URL record a transfer can start from: a host, a path and a port other than 0.
+bool usableLocation(const std::string& location) {
+  ns_net::autopUrl url;
+  return url.Parse(location) && !url.host.empty() && !url.path.empty() && url.port != 0;
+}
+
 }  // namespace
 
 romInstaller::~romInstaller() = default;
+
+int romInstaller::checkHeader(const char* location, int attempts) {
+  int status = checkFirmwareHeader(location, attempts);
+  // The image the phone already runs: nothing to install, no safe mode, no stopped process, no reboot.
+  if (status == FW_ALREADY_INSTALLED) m_alreadyInstalled = true;
+  return status == FW_OK || status == FW_ALREADY_INSTALLED ? 1 : 0;
+}
 
 int romInstaller::install(const char* location) {
   if (!location) {
@@ -49,6 +62,10 @@ int romInstaller::install(const char* location) {
   LOG_IFO("");
   LOG_IFO("***** Upgrade Rom File ****");
   if (!prepare(location)) return 0;
+  if (m_alreadyInstalled) {
+    finish();
+    return kRomAlreadyInstalled;
+  }
   if (!apply()) return 0;
   finish();
   return 1;
@@ -86,11 +103,14 @@ int romInstaller::openDownload(const std::string& location) {
 
 // ---------------------------------------------------------------------------------------------
 
+// Everything that can refuse the image is decided here, before apply stops any application: the
+// location and the header (family, model, version, signature) at the server.
 int lyra_romInstaller::prepare(const char* location) {
-  if (!location || !*location) {
+  if (!location || !usableLocation(location)) {
     LOG_AT(1, "ERR", "The rom server url is invalid !");
     return 0;
   }
+  if (!checkHeader(location, kRomOpenAttempts)) return 0;
   m_location = location;
   return 1;
 }
@@ -122,11 +142,13 @@ int lyra_romInstaller::apply() {
   }
   LOG_IFO("Wait 3 seconds for server ...");
   brisaSleep(kServerWaitMs);
+  // From here the applications are gone: a failure restarts the phone rather than leave it up
+  // without them.
   if (url.host.empty() || url.path.empty() || url.port == 0) {
     LOG_AT(1, "ERR", "The rom server url is invalid !");
-    return 0;
+    return rebootAfterFailure();
   }
-  if (!openDownload(m_location)) return 0;
+  if (!openDownload(m_location)) return rebootAfterFailure();
   LOG_DEB("-------ParserRomFile");
   LOG_IFO("Parse rom file finished !");
   backupLog();
@@ -136,7 +158,7 @@ int lyra_romInstaller::apply() {
   int status = firmwareFlashFromSource(*image);
   if (status < 0) {
     LOG_ERR("Flasher refused the rom file ! status description = %s", firmware_GetStatusName(status));
-    return 0;
+    return rebootAfterFailure();
   }
   LOG_ERR("Flasher is controlling the device. Sleep (1 hour) till reboot");
   brisaSleep(kRomHandOverSleepMs);
@@ -144,13 +166,22 @@ int lyra_romInstaller::apply() {
   return 1;
 }
 
+int lyra_romInstaller::rebootAfterFailure() {
+  LOG_AT(1, "ERR", "Fail to parse rom file !");
+  reboot();
+  return 0;
+}
+
 // ---------------------------------------------------------------------------------------------
 
+// The same header check as duna: an installer that looked at nothing would reboot the phone on every
+// run, also for the firmware it already runs.
 int orin_romInstaller::prepare(const char* location) {
   if (!location) {
     LOG_NULL_POINTER();
     return 0;
   }
+  if (!checkHeader(location)) return 0;
   m_location = location;
   return 1;
 }
@@ -162,31 +193,12 @@ int duna_romInstaller::prepare(const char* location) {
     LOG_NULL_POINTER();
     return 0;
   }
-  LOG_DEB("firmware_Upgrade-verify rom header ...");
-  installFirmwareStreams();
-  int status = firmware_Upgrade(location, kHeaderCheckTimeoutMs, false, true, false);
-  LOG_DEB("upgrade status = %d", status);
-  if (status < 0) {
-    LOG_AT(1, "ERR", "Invalid rom header! status description = %s", firmware_GetStatusName(status));
-    return 0;
-  }
+  if (!checkHeader(location)) return 0;
   m_location = location;
   return 1;
 }
 
-int duna_romInstaller::apply() {
-  ns_net::autopUrl url;
-  url.Parse(m_location);
-  std::string shown = url.IsValid() ? url.LogText() : m_location;
-  LOG_IFO("To set userenv[BOOTMODE] to value[safemode]");
-  LOG_IFO("To set userenv[strUpgradeURL] to value[%s]", shown.c_str());
-  // One write: safe mode without its URL (or with the last one's) must not survive a power loss.
-  if (userenv_set_all({{"BOOTMODE", "safemode"}, {"strUpgradeURL", m_location}}) != 0) {
-    LOG_ERR("Fail to set user env 'BOOTMODE' to value 'safemode' !");
-    return 0;
-  }
-  return 1;
-}
+int duna_romInstaller::apply() { return armSafeMode(m_location); }
 
 // ---------------------------------------------------------------------------------------------
 

@@ -2,11 +2,16 @@
 // device family (deviceFamily.h), so romInstaller is a base with one variant per family:
 //
 //   variant             prepare                                 apply
-//   lyra_romInstaller   keeps the location                      stops the other applications, opens
+//   lyra_romInstaller   checks the location and the header      stops the other applications, opens
 //                                                               the download and hands the phone to
-//                                                               the flashing tool
-//   orin_romInstaller   keeps the location, fetches nothing     nothing, succeeds
-//   duna_romInstaller   checks the image header at the server   boot loader to safe mode with the URL
+//                                                               the flashing tool; a failure after
+//                                                               the stop restarts the phone
+//   orin_romInstaller   checks the header                       nothing, succeeds
+//   duna_romInstaller   checks the header                       boot loader to safe mode with the URL
+//
+// The header check refuses another family, an unknown family, another model, an empty payload and
+// an older version (unless downgrades are allowed); an image of the running version is nothing to
+// do: install returns kRomAlreadyInstalled without apply.
 //
 // The firmware upgrader creates the installer of the running device with createRomInstaller, calls
 // install once and deletes it.
@@ -14,7 +19,7 @@
 // On the host the flashing tool of the lyra hand-over is the upgrade library's
 // firmwareFlashFromSource, run before the hand-over sleep: it verifies the whole image and writes
 // the slot file. When it refuses the image, install fails (the real tool would keep the phone in
-// its old firmware); the applications stopped before stay stopped, as on the phone.
+// its old firmware) and the phone is restarted, as it is once its applications are stopped.
 #pragma once
 
 #include <cstdint>
@@ -27,6 +32,8 @@
 constexpr uint32_t MSG_ROM_UPGRADE_REQUEST = 0x10009;
 constexpr int kRomOpenAttempts = 5;
 constexpr uint32_t kRomHandOverSleepMs = 216000u * 1000u;
+// install's result when the image is the running firmware: done, nothing changed, no reboot due.
+constexpr int kRomAlreadyInstalled = 2;
 
 class romInstaller {
  public:
@@ -34,7 +41,8 @@ class romInstaller {
   romInstaller(const romInstaller&) = delete;
   romInstaller& operator=(const romInstaller&) = delete;
 
-  // prepare, apply, finish; 1 on success, 0 when a step failed (nothing is rolled back).
+  // prepare, apply, finish; 1 on success, 0 when a step failed (nothing is rolled back), and
+  // kRomAlreadyInstalled, without apply, when prepare found the running firmware.
   int install(const char* location);
   // Downloads from the location: opens the download stream (five attempts) and keeps it open.
   virtual int prepare(const char* location);
@@ -48,9 +56,15 @@ class romInstaller {
   romInstaller() = default;
   // Opens the download with up to five attempts, no pause between them. 1 or 0.
   int openDownload(const std::string& location);
+  // The upgrade library's header check at the location (family, model, version, signature), with
+  // its log lines; 1 when the image may be installed or is the running one (then
+  // m_alreadyInstalled is set), else 0. A server that cannot be reached is tried `attempts` times,
+  // as openDownload does.
+  int checkHeader(const char* location, int attempts = 1);
 
   ns_net::fileDownload m_download;
   std::string m_location;
+  bool m_alreadyInstalled = false;
 };
 
 class lyra_romInstaller : public romInstaller {
@@ -61,6 +75,8 @@ class lyra_romInstaller : public romInstaller {
   int quitOtherProcesses();
 
  private:
+  // A failure once the applications are stopped: restarts the phone. 0 where a restart returns.
+  int rebootAfterFailure();
   int m_result = 0;
 };
 

@@ -1,9 +1,13 @@
 #define LOG_MODULE "./src/mediaParser"
 #include "mediaParser.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -11,6 +15,8 @@
 #include <vector>
 
 #include "baseMethod.h"
+#include "clock.h"
+#include "descriptor.h"
 #include "log.h"
 #include "paths.h"
 
@@ -27,10 +33,14 @@ bool extensionOf(const std::string& path, std::string& extension) {
 
 bool equalsIgnoringCase(const std::string& a, const char* b) { return strcasecmp(a.c_str(), b) == 0; }
 
-// Runs a program with an argument vector and waits for it; its exit status, or -1 when it could
-// not be started or did not exit normally. No shell is involved, so no character of an argument
-// has a meaning to anyone but the program.
-int runProgram(const std::vector<std::string>& arguments) {
+// Starts a program with an argument vector, never through a shell, so no character of an argument
+// has a meaning to anyone but the program. It leads a process group of its own (its children are
+// stopped with it) and holds the write end of `alive`, which reads end-of-file once it and all its
+// children are gone. -1 when it could not be started.
+pid_t startProgram(const std::vector<std::string>& arguments, UniqueFd& alive) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return -1;
+  UniqueFd readEnd(ends[0]), writeEnd(ends[1]);
   std::vector<char*> argv;
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
@@ -38,22 +48,55 @@ int runProgram(const std::vector<std::string>& arguments) {
   pid_t child = fork();
   if (child < 0) return -1;
   if (child == 0) {
+    setpgid(0, 0);
+    fcntl(writeEnd.get(), F_SETFD, 0);  // inherited by the program and what it starts
     execv(argv[0], argv.data());
     _exit(127);
   }
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) return -1;
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  setpgid(child, child);  // either side may run first; both make the group
+  alive = std::move(readEnd);
+  return child;
 }
 
-// The script's verdict: the first word of its result file is "1".
+// Waits for the program and its children on the service clock, at most `timeoutMs`; past that the
+// whole group is stopped. Killing is safe here: the group is our own child's, which has not been
+// reaped, so its id cannot have been reused. False when it ran out of time.
+bool waitBounded(pid_t child, UniqueFd& alive, int32_t timeoutMs) {
+  Clock& clock = serviceClock();
+  chTimeout deadline(timeoutMs);
+  bool ended = false;
+  while (!ended && !deadline.IsTimeout()) {
+    // Short steps: the fake clock of the tests waits a moment of real time per step, so a
+    // program still gets a good share of the bound in real time.
+    int step = std::min<int32_t>(kPictureScaleStepMs, deadline.GetLeftMillisecond());
+    pollfd pfd{alive.get(), POLLIN, 0};
+    int ready = poll(&pfd, 1, clock.realWaitMs(step));
+    if (ready == 0) clock.waited(step);
+    char byte;
+    ended = ready > 0 && read(alive.get(), &byte, 1) <= 0;
+  }
+  if (!ended) {
+    kill(-child, SIGKILL);
+    kill(child, SIGKILL);
+  }
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return ended;
+}
+
+// The script's verdict: the first word of its result file is "1". A picture refused for its
+// dimensions is reported as "0 toolarge WIDTH HEIGHT BOUND" and logged here.
 bool scaleReportedDone() {
   FilePtr result = openFile(kImageScaleResult, "rb");
   if (!result) return false;
   char word[32] = {};
-  return fscanf(result.get(), "%31s", word) == 1 && strcmp(word, "1") == 0;
+  if (fscanf(result.get(), "%31s", word) != 1) return false;
+  if (strcmp(word, "1") == 0) return true;
+  long width = 0, height = 0, bound = 0;
+  if (fscanf(result.get(), " toolarge %ld %ld %ld", &width, &height, &bound) == 3)
+    LOG_ERR("the picture has too many pixels ! (%ldx%ld, at most %ldx%ld)", width, height, bound, bound);
+  return false;
 }
 
 }  // namespace
@@ -109,9 +152,15 @@ int autoScaledPicture::scalePicture() {
   // A verdict left by an earlier run must not count for this one.
   remove(hostPath(kImageScaleResult).c_str());
   std::string source = hostPath(m_srcPath);
-  runProgram({hostPath(kImageScaleScript), source, std::to_string(m_width), std::to_string(m_height), source,
-              std::to_string(kScaledPictureMaxBytes)});
-  if (!scaleReportedDone()) {
+  UniqueFd alive;
+  pid_t child = startProgram({hostPath(kImageScaleScript), source, std::to_string(m_width), std::to_string(m_height),
+                              source, std::to_string(kScaledPictureMaxBytes)},
+                             alive);
+  if (child > 0 && !waitBounded(child, alive, kPictureScaleTimeoutMs)) {
+    LOG_ERR("Picture scaling stopped after %d ms", kPictureScaleTimeoutMs);
+    return 0;
+  }
+  if (child < 0 || !scaleReportedDone()) {
     LOG_ERR("Fail to adjust image scale !");
     return 0;
   }

@@ -13,8 +13,9 @@
 // Scaling: the script gets the source, the width, the height, the output and the size bound
 // 5000000; it scales in place (the output is the source in /tmp, which the copy then installs) and
 // leaves its verdict, "1" for done, in /tmp/imageScale.out. The script is started by fork and exec
-// with an argument vector, never through a shell, because the file name comes from a server. On the
-// host every path it gets is the real one under the platform root.
+// with an argument vector, never through a shell, because the file name comes from a server, and is
+// stopped with everything it started when it outlasts kPictureScaleTimeoutMs. On the host every path
+// it gets is the real one under the platform root.
 //
 // Each parser lives for one item, created by the parser factory and deleted by its owner.
 #pragma once
@@ -28,6 +29,11 @@ constexpr int64_t kPictureMaxBytes = 5242880;
 constexpr int32_t kScaledPictureMaxBytes = 5000000;
 constexpr const char* kImageScaleScript = "/phone/scripts/imageScale.sh";
 constexpr const char* kImageScaleResult = "/tmp/imageScale.out";
+// Wall-clock bound of one scaling run (the script and what it starts), on the service clock; past it
+// the run is stopped and the picture refused. The script itself refuses pictures wider or higher
+// than 4096 pixels before decoding them and runs ImageMagick within memory, disk and time limits.
+constexpr int32_t kPictureScaleTimeoutMs = 20000;
+constexpr int32_t kPictureScaleStepMs = 20;
 
 class autoRingParser : public autoBinParser {
  public:

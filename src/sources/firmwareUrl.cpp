@@ -13,10 +13,9 @@
 #include "log.h"
 #include "msgqueue.h"
 #include "registry.h"
+#include "safeMode.h"
 
 namespace {
-
-constexpr int32_t kHeaderCheckTimeoutMs = 10000;
 
 std::string lowerExtension(const std::string& name) {
   size_t dot = name.rfind('.');
@@ -25,21 +24,12 @@ std::string lowerExtension(const std::string& name) {
   return ext;
 }
 
-// Header check, then the two boot-loader values; 1 when both are in place.
+// Header check, then the two boot-loader values; 1 when both are in place, or when the image is the
+// running firmware (done as asked, without safe mode or restart).
 int switchToSafeMode(const std::string& urlText) {
-  LOG_DEB("firmware_Upgrade-verify rom header ...");
-  installFirmwareStreams();
-  int status = firmware_Upgrade(urlText.c_str(), kHeaderCheckTimeoutMs, false, true, false);
-  LOG_DEB("upgrade status = %d", status);
-  if (status < 0) {
-    LOG_ERR("Invalid rom header! status description = %s", firmware_GetStatusName(status));
-    return 0;
-  }
-  // One write: safe mode without its URL (or with the last one's) must not survive a power loss.
-  if (userenv_set_all({{"BOOTMODE", "safemode"}, {"strUpgradeURL", urlText}}) != 0) {
-    LOG_ERR("Fail to set user env 'BOOTMODE' to value 'safemode' !");
-    return 0;
-  }
+  int status = checkFirmwareHeader(urlText);
+  if (status == FW_ALREADY_INSTALLED) return 1;
+  if (status < 0 || !armSafeMode(urlText)) return 0;
   msgBroadpostThreadMsg(kMsgSafeModeRebootRequest, 0, 1);
   LOG_IFO("Set SafeMode Success,Reboot...");
   return 1;

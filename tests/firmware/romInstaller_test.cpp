@@ -1,6 +1,7 @@
 // ROM installers against real servers on loopback: the lyra hand-over (call check, recorded kills,
 // flashing, the hand-over sleep on the fake clock), a refusing server, the duna header check, and a cut HTTP
-// transfer resumed with a Range request.
+// transfer resumed with a Range request (and fetched again from its start when the server answers
+// with another part).
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -128,5 +129,73 @@ TEST_F(RomInstallerTest, ACutHttpTransferResumesWithARangeRequest) {
   EXPECT_EQ(firmware_Upgrade(url.c_str(), 5000, true, false, true), FW_OK);
   peer.join();
   EXPECT_NE(resumed.find("\r\nRange: bytes=" + std::to_string(half) + "-\r\n"), std::string::npos) << resumed;
+  EXPECT_TRUE(root->read(kFirmwareSlotPath) == payload);
+}
+
+// A resumed transfer answered with another part than the one asked for (206 from offset 0 again) is
+// not spliced into the image: the image is fetched from its start and what was read is skipped.
+TEST_F(RomInstallerTest, APartialAnswerForAnotherRangeIsRetriedFromTheStart) {
+  useFamily("lyra");
+  std::string payload = testBytes(200000, 12);
+  std::string image = kit->image("lyra", payload);
+  net_test::TcpPeer server;
+  std::vector<std::string> requests;
+  const size_t half = image.size() / 2;
+  std::thread peer([&] {
+    int first = server.accept();
+    requests.push_back(net_test::readRequest(first));
+    net_test::sendText(first, "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(image.size()) + "\r\n\r\n" +
+                                  image.substr(0, half));
+    close(first);
+    int second = server.accept();
+    requests.push_back(net_test::readRequest(second));
+    net_test::sendText(second, "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-" +
+                                   std::to_string(image.size() - 1) + "/" + std::to_string(image.size()) +
+                                   "\r\nContent-Length: " + std::to_string(image.size()) + "\r\n\r\n" + image);
+    close(second);
+    int third = server.accept(3000);
+    if (third < 0) return;
+    requests.push_back(net_test::readRequest(third));
+    net_test::sendText(third, "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(image.size()) + "\r\n\r\n" + image);
+    close(third);
+  });
+  installFirmwareStreams();
+  std::string url = "http://127.0.0.1:" + std::to_string(server.port()) + "/fw.rom";
+  EXPECT_EQ(firmware_GetStatusName(firmware_Upgrade(url.c_str(), 5000, true, false, true)), std::string("ok"));
+  peer.join();
+  ASSERT_EQ(requests.size(), 3u);
+  EXPECT_NE(requests[1].find("\r\nRange: bytes=" + std::to_string(half) + "-\r\n"), std::string::npos) << requests[1];
+  EXPECT_EQ(requests[2].find("Range:"), std::string::npos) << requests[2];
+  EXPECT_TRUE(root->read(kFirmwareSlotPath) == payload);
+}
+
+// A close-delimited 200 (no Content-Length) cut short looks complete to HTTP; the signed length
+// tells otherwise, so the rest is asked for with a Range request.
+TEST_F(RomInstallerTest, AShortAnswerWithoutLengthIsResumedUpToTheSignedLength) {
+  useFamily("lyra");
+  std::string payload = testBytes(150000, 13);
+  std::string image = kit->image("lyra", payload);
+  net_test::TcpPeer server;
+  std::string resumed;
+  const size_t cut = image.size() / 3;
+  std::thread peer([&] {
+    int first = server.accept();
+    net_test::readRequest(first);
+    net_test::sendText(first, "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + image.substr(0, cut));
+    close(first);
+    int second = server.accept(3000);
+    if (second < 0) return;
+    resumed = net_test::readRequest(second);
+    net_test::sendText(second, "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(cut) + "-" +
+                                   std::to_string(image.size() - 1) + "/" + std::to_string(image.size()) +
+                                   "\r\nContent-Length: " + std::to_string(image.size() - cut) + "\r\n\r\n" +
+                                   image.substr(cut));
+    close(second);
+  });
+  installFirmwareStreams();
+  std::string url = "http://127.0.0.1:" + std::to_string(server.port()) + "/fw.rom";
+  EXPECT_EQ(firmware_GetStatusName(firmware_Upgrade(url.c_str(), 5000, true, false, true)), std::string("ok"));
+  peer.join();
+  EXPECT_NE(resumed.find("\r\nRange: bytes=" + std::to_string(cut) + "-\r\n"), std::string::npos) << resumed;
   EXPECT_TRUE(root->read(kFirmwareSlotPath) == payload);
 }

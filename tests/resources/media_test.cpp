@@ -1,10 +1,14 @@
 // Ring tones, pictures and the logo: size limits, extensions, and pictures really scaled by the
 // platform script (ImageMagick) on files made by Python and ImageMagick at test time.
+#include <signal.h>
+
+#include <cstdlib>
 #include <functional>
 #include <tuple>
 
 #include "mediaParser.h"
 #include "parserFixture.h"
+#include "servers.h"
 
 namespace {
 
@@ -66,6 +70,11 @@ TEST_F(MediaTest, PicturesAreCheckedAndScaledByTheScript) {
       {"text.png", nullptr, wallpaper, false, "Fail to adjust image scale !"},
       {"huge.bmp", "-size 1400x1300 gradient:red-blue -type TrueColor", wallpaper, false, "the picture is too large !"},
       {"logo.png", "-size 60x40 xc:black", logo, false, "The device can't upgrade LOGO file!"},
+      // Pixel bombs: a few KB on disk, refused from their header before any pixel is decoded.
+      {"bomb.png", "-size 4100x4100 xc:red", wallpaper, false,
+       "the picture has too many pixels ! (4100x4100, at most 4096x4096)"},
+      {"tall.jpg", "-size 16x4097 xc:red", photo, false,
+       "the picture has too many pixels ! (16x4097, at most 4096x4096)"},
   };
   for (const auto& [name, convertArguments, makeParser, installed, expected] : cases) {
     SCOPED_TRACE(name);
@@ -88,6 +97,26 @@ TEST_F(MediaTest, PicturesAreCheckedAndScaledByTheScript) {
       EXPECT_TRUE(log.contains(expected)) << log.text();
     }
   }
+}
+
+// A scaling run that never ends (the script and a child it started) is stopped at the wall-clock
+// bound, on the service clock, and its late verdict does not count.
+TEST_F(MediaTest, AScalingRunPastItsTimeBoundIsStoppedWithItsChildrenAndThePictureRefused) {
+  root->write(kImageScaleScript,
+              "#!/bin/sh\nsleep 600 &\necho $! > \"$PROVISOR_ROOT/tmp/sleeper.pid\"\n"
+              "printf '1\\n' > \"$PROVISOR_ROOT/tmp/imageScale.out\"\nwait\n");
+  run("chmod 755 '" + root->host(kImageScaleScript) + "' && convert -size 30x20 xc:orange '" +
+      root->host("/tmp/slow.png") + "'");
+  root->write("/config/resource/wallpaper/slow.png", "installed before");
+  LogCapture log;
+  autoWallpaper parser;
+  EXPECT_EQ(install(parser, "slow.png", "/config/resource/wallpaper/slow.png"), 0);
+  EXPECT_TRUE(log.contains("Picture scaling stopped after 20000 ms")) << log.text();
+  EXPECT_GE(fakeClock.elapsedMs(), 20000u);
+  EXPECT_EQ(root->read("/config/resource/wallpaper/slow.png"), "installed before");
+  int sleeper = atoi(root->read("/tmp/sleeper.pid").c_str());
+  ASSERT_GT(sleeper, 1);
+  EXPECT_TRUE(testing_support::pollFor([&] { return kill(sleeper, 0) != 0; }, 5000)) << "the script's child lives on";
 }
 
 }  // namespace

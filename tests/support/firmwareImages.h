@@ -14,8 +14,14 @@ class FirmwareKit {
   // Makes the signing key pair and installs its public half as /phone/keys/firmware.pem.
   explicit FirmwareKit(const TempRoot& root);
   bool ready() const { return ready_; }
+  // The signing key (PEM, host path).
+  std::string signingKey() const { return dir_.file("key.pem"); }
   // An image of `family` around `payload`, signed with the kit's key (or with a second, foreign key).
-  std::string image(const std::string& family, const std::string& payload, bool foreignKey = false) const;
+  std::string image(const std::string& family, const std::string& payload, bool foreignKey = false,
+                    const std::string& version = "2.1.0.7", const std::string& models = "QA5,QE5") const;
+  // A validly signed image with no payload at all, which `autoptool image build` refuses to make:
+  // the header is laid out by Python and signed by openssl.
+  std::string emptyImage(const std::string& family, const std::string& version) const;
 
  private:
   ScratchDir dir_;
