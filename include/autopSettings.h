@@ -32,6 +32,7 @@ inline constexpr const char* kDeviceAesKey = "strKeyAES16MAC";
 inline constexpr const char* kBuiltInDeviceKey = "use_build_in_aes_key_16_mac";
 inline constexpr const char* kUpdateFileMode = "UpdateFileMode";
 inline constexpr const char* kCommonFileName = "strCommName";
+inline constexpr const char* kAllowFirmwareDowngrade = "bAllowFirmwareDowngrade";
 }  // namespace autop_key
 
 inline constexpr const char* kAutoProvisionKeysRead[] = {
@@ -57,4 +58,5 @@ inline constexpr const char* kAutoProvisionKeysRead[] = {
     autop_key::kBuiltInDeviceKey,
     autop_key::kUpdateFileMode,
     autop_key::kCommonFileName,
+    autop_key::kAllowFirmwareDowngrade,
 };

@@ -124,7 +124,8 @@ firmwareDevice currentFirmwareDevice() {
   char model[kModelNameSize] = {};
   if (getModelName(model) == 0) device.model = model;
   device.runningVersion = brisaGetProfileString(kFirmwareVersionFile, "version", "FIRMWARE_VERSION", "");
-  device.allowDowngrade = brisaGetProfileInt(kSystemIni, "AutoProvision", "bAllowFirmwareDowngrade", 0) == 1;
+  device.allowDowngrade =
+      brisaGetProfileInt(kSystemIni, kAutoProvisionSection, autop_key::kAllowFirmwareDowngrade, 0) == 1;
   return device;
 }
 
