@@ -115,7 +115,11 @@ void policyManger::Start() {
   monitorId_ = registryMonitorSection(kSystemIni, kAutoProvisionSection, [this](const REGHANDLE& handle) {
     OnSectionChanged(handle);
   });
-  REGHANDLE handle = registryOpen(kSystemIni, kAutoProvisionSection);
+  LoadBoth(registryOpen(kSystemIni, kAutoProvisionSection));
+}
+
+void policyManger::LoadBoth(const REGHANDLE& handle) {
+  loadedSection_ = registrySectionText(handle);
   repeat.Load(handle);
   weekly.Load(handle);
 }
@@ -129,13 +133,23 @@ void policyManger::Stop() {
 }
 
 int policyManger::OnSectionChanged(const REGHANDLE& handle) {
-  repeat.Load(handle);
-  weekly.Load(handle);
+  LoadBoth(handle);
   return 1;
 }
 
-void policyManger::ReloadRepeat() {
-  if (started_) repeat.Load(registryOpen(kSystemIni, kAutoProvisionSection));
+void policyManger::ReloadAfterRun() {
+  if (!started_) return;
+  REGHANDLE handle = registryOpen(kSystemIni, kAutoProvisionSection);
+  if (registrySectionText(handle) != loadedSection_)
+    LoadBoth(handle);
+  else
+    repeat.Load(handle);
+}
+
+void policyManger::ReloadIfChanged() {
+  if (!started_) return;
+  REGHANDLE handle = registryOpen(kSystemIni, kAutoProvisionSection);
+  if (registrySectionText(handle) != loadedSection_) LoadBoth(handle);
 }
 
 bool policyManger::OnTimerMessage(const msgObject& msg) {

@@ -71,9 +71,14 @@ class policyManger {
   void Stop();
   // Another application changed the section: both policies are read again.
   int OnSectionChanged(const REGHANDLE& handle);
-  // After every run: the repeat period counts from the end of that run. Nothing while the policies
-  // are not started (zero-touch mode): there runs come only from messages.
-  void ReloadRepeat();
+  // After every run: the repeat period counts from the end of that run, and when the run itself
+  // changed the section (which the monitor does not report to its own process) both policies are
+  // read again. Nothing while the policies are not started (zero-touch mode): there runs come only
+  // from messages.
+  void ReloadAfterRun();
+  // After this process changed settings outside a run (a pushed file applied): both policies are
+  // read again when the section differs from what they were loaded from.
+  void ReloadIfChanged();
   // MSG_WEEKLY_CHECK: the local time may have become trusted.
   void WeeklyCheck() { weekly.Schedule(); }
   // A thread timer message: true when it belonged to one of the policies.
@@ -83,6 +88,10 @@ class policyManger {
   weeklyPolicy weekly;
 
  private:
+  // Reads both policies from the section and remembers the text they were read from.
+  void LoadBoth(const REGHANDLE& handle);
+
   uint32_t monitorId_ = 0;
   bool started_ = false;
+  std::string loadedSection_;  // the section's text at the last load of both policies
 };

@@ -132,6 +132,7 @@ bool provisorObject::OnReparseConfig(msgObject& msg) {
   // Settings another application pushed to /tmp/XML.cfg: applied once, without a download.
   autoParser parser;
   parser.updateConfig(true);
+  g_policyManager.ReloadIfChanged();
   return true;
 }
 

@@ -233,8 +233,8 @@ int provisorObject::AfterAutoProvision(int32_t result) {
     brisaSetProfileInt(kSystemIni, "Redirect", "Enable", 0);
   }
   if (rebootPending) RebootNow();
-  // The next repeat counts from the end of this run.
-  g_policyManager.ReloadRepeat();
+  // The next repeat counts from the end of this run; settings the run changed take effect now.
+  g_policyManager.ReloadAfterRun();
   LOG_IFO("<<<<<< Autoprovision End >>>>>>");
   LOG_IFO("%s", "");
   return 1;

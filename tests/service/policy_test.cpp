@@ -37,7 +37,7 @@ class PolicyThread : public chThreadLocal {
     if (msg.message != MSG_START_AUTO_PROVISION) return false;
     starts.push_back(serviceClock().nowSeconds());
     brisaSleep(static_cast<uint32_t>(runSeconds_) * 1000u);
-    manager_.ReloadRepeat();
+    manager_.ReloadAfterRun();
     if (starts.size() == quitAfter_) Quit(0);
     return true;
   }
