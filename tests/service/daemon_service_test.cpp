@@ -76,4 +76,64 @@ TEST_F(ServiceDaemonTest, SettingsTheDaemonAppliesItselfArmBothPolicies) {
   EXPECT_EQ(daemon.stop(SIGTERM), 0);
 }
 
+// A server that takes connections and never says a word: a download from it waits until its
+// time-out. It writes its port, then one line per connection taken.
+const char* kSilentServer = R"PY(
+import socket, sys
+server = socket.socket()
+server.bind(("127.0.0.1", 0))
+server.listen(8)
+open(sys.argv[1], "w").write(str(server.getsockname()[1]))
+held = []
+while True:
+    connection, _ = server.accept()
+    held.append(connection)
+    with open(sys.argv[2], "a") as log:
+        log.write("accepted\n")
+)PY";
+
+// SIGTERM ends the daemon within its grace wherever it is: a talk wait that would last an hour ends
+// by itself at once; a download from a silent server is cut short. Neither restarts the phone.
+TEST_F(ServiceDaemonTest, SigtermEndsTheDaemonPromptlyWhereverItWaits) {
+  const struct {
+    const char* name;
+    int talkReply;
+    bool silentServer;
+    const char* waitingLine;  // logged once the daemon waits where SIGTERM is to find it
+    bool cutShort;            // ended by the grace rather than by the wait itself
+  } cases[] = {
+      {"talk wait", 0, false, "Talking, Delay [60] seconds ... ", false},
+      {"silent download", 1, true, "", true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    phone.stop(SIGKILL);
+    startPhone(c.talkReply);
+    root.write("/config/system/system.ini", "[AutoProvision]\nstrCommName = common.cfg\n");
+    root.write("/host/actions.log", "");
+    ServerProcess silent;
+    std::string url = serverUrl();
+    if (c.silentServer) {
+      peers.write("silent.py", kSilentServer);
+      ASSERT_TRUE(silent.start({"/usr/bin/python3", peers.file("silent.py"), peers.file("port"), peers.file("accepted")},
+                               peers.file("silent.log")));
+      ASSERT_TRUE(pollFor([&] { return !readHostFile(peers.file("port")).empty(); }, 5000));
+      url = "http://127.0.0.1:" + readHostFile(peers.file("port")) + "/prov/";
+    }
+    DaemonProcess daemon(root.path(), {"-byzero"});
+    ASSERT_TRUE(daemon.waitReachable());
+    EXPECT_EQ(msgctl("post provisor 0xa0002 0 0 --extra " + url), "");
+    if (c.silentServer)
+      ASSERT_TRUE(pollFor([&] { return !readHostFile(peers.file("accepted")).empty(); }, 10000));
+    else
+      ASSERT_TRUE(daemon.waitForLog(c.waitingLine)) << daemon.log();
+    // The grace is 1.5 s; the rest is room for a loaded machine.
+    EXPECT_EQ(daemon.stop(SIGTERM, 3000), 0) << daemon.log();
+    EXPECT_EQ(contains(daemon.log(), "Terminated while busy"), c.cutShort) << daemon.log();
+    EXPECT_FALSE(contains(daemon.log(), "Talking ..., Skipped !"));
+    EXPECT_EQ(root.read("/host/actions.log"), "");
+    silent.stop(SIGKILL);
+  }
+}
+
 }  // namespace
