@@ -8,8 +8,10 @@
 // built from the calendar date and that time of day through the platform's local time (the zone
 // rules decide the offset of each day), never by adding 86 400 seconds to an earlier moment. So a
 // day of 23 or 25 hours still gets its run at the same wall-clock time; a moment inside the hour
-// that is skipped in spring comes out an hour later on that day, and in autumn a date that already
-// had its run is never taken again, so the repeated hour cannot give a second run.
+// that is skipped in spring comes out an hour later on that day; in autumn a moment inside the
+// repeated hour is taken at its first occurrence, and once that passed the day's candidate is behind
+// `now`, so the repeated hour gives no second run. No record of past runs is kept: a timer message
+// handled late, behind a run that lasted past midnight, still finds that day's moment.
 //
 // The one policyManger instance lives beside the service object for the life of the process; the
 // service starts it in normal mode only.
@@ -60,7 +62,6 @@ class weeklyPolicy {
   chThreadTimer timer_;
   uint32_t mask_ = 0;        // bit 0 Sunday .. bit 6 Saturday
   int32_t secondOfDay_ = 0;  // the drawn moment
-  int32_t lastRunDate_ = 0;  // yyyymmdd of the last moment that fired (local calendar)
 };
 
 class policyManger {
