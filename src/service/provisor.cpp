@@ -187,7 +187,8 @@ int provisorObject::Start() {
     LOG_ERR("Can't launch thread [%s] !", name().c_str());
     return 0;
   }
-  SetTimer(g_consoleKeyTimer, kConsoleKeyPollMs, this, &provisorObject::OnConsoleKeyTimer);
+  // Keys come only from a terminal: a daemon started with a pipe or /dev/null polls nothing.
+  if (keyboard.isTerminal()) SetTimer(g_consoleKeyTimer, kConsoleKeyPollMs, this, &provisorObject::OnConsoleKeyTimer);
   autoLaunch::bindServiceState(&powerOnState, &g_zeroTouch);
   // An applied item that needs a restart announces it; the restart follows the run.
   autoUpgrade::setRebootHandler([this] { AnnounceReboot(); });
