@@ -71,8 +71,8 @@ bool provisorObject::WaitWhileTalking(int32_t stepSeconds) {
     return spent >= kTalkBudgetMs ? 0u : kTalkBudgetMs - spent;
   };
   for (;;) {
-    const int32_t answerMs = static_cast<int32_t>(std::min<uint32_t>(
-        std::max(leftMs(), kLastTalkQueryMs), static_cast<uint32_t>(kTalkStatusTimeoutMs)));
+    const int32_t answerMs = static_cast<int32_t>(
+        std::min<uint32_t>(std::max(leftMs(), kLastTalkQueryMs), static_cast<uint32_t>(kTalkStatusTimeoutMs)));
     // No answer at all counts as busy: a phone that cannot say it is idle is not restarted.
     int32_t idle = msgSendMsgToThreadTimeoutEx(msgGetThreadByName(kThreadPhone), MSG_CHECK_TALK_STATUS, 0, 1, 0,
                                                nullptr, answerMs);

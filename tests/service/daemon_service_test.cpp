@@ -115,8 +115,9 @@ TEST_F(ServiceDaemonTest, SigtermEndsTheDaemonPromptlyWhereverItWaits) {
     std::string url = serverUrl();
     if (c.silentServer) {
       peers.write("silent.py", kSilentServer);
-      ASSERT_TRUE(silent.start({"/usr/bin/python3", peers.file("silent.py"), peers.file("port"), peers.file("accepted")},
-                               peers.file("silent.log")));
+      ASSERT_TRUE(
+          silent.start({"/usr/bin/python3", peers.file("silent.py"), peers.file("port"), peers.file("accepted")},
+                       peers.file("silent.log")));
       ASSERT_TRUE(pollFor([&] { return !readHostFile(peers.file("port")).empty(); }, 5000));
       url = "http://127.0.0.1:" + readHostFile(peers.file("port")) + "/prov/";
     }

@@ -84,9 +84,14 @@ TEST(UnregisterDelay, IsTheConfiguredSecondsUpToAMinute) {
   const struct {
     int32_t configured;
     uint32_t expectedMs;
-  } cases[] = {{-5, 0}, {0, 0}, {3, 3000}, {60, 60000}, {61, 60000},
+  } cases[] = {{-5, 0},
+               {0, 0},
+               {3, 3000},
+               {60, 60000},
+               {61, 60000},
                // Seconds that wrap a 32-bit count of milliseconds.
-               {4294968, 60000}, {INT32_MAX, 60000}};
+               {4294968, 60000},
+               {INT32_MAX, 60000}};
   for (const auto& c : cases) EXPECT_EQ(unregisterDelayMs(c.configured), c.expectedMs) << c.configured;
 }
 
