@@ -23,6 +23,8 @@ uint64_t monotonicMs() {
 // Real waits of the fake clock are kept this short so that a loop waiting for hours of fake time
 // still notices a message that arrives meanwhile.
 constexpr int kFakeRealWaitMs = 5;
+// A live peer on this machine answers within milliseconds; a second leaves room for a loaded one.
+constexpr int kFakeAnswerGraceMs = 1000;
 
 bool fakeClockRequested() {
   const char* v = getenv("PROVISOR_FAKE_CLOCK");
@@ -62,6 +64,7 @@ struct FakeClock::State {
   std::mutex mutex;
   int32_t startSeconds;
   uint64_t elapsedMs = 0;
+  int answerGraceMs = kFakeAnswerGraceMs;
 };
 
 FakeClock::FakeClock(int32_t startSeconds) : state_(new State) { state_->startSeconds = startSeconds; }
@@ -81,6 +84,16 @@ int32_t FakeClock::nowSeconds() {
 void FakeClock::sleepMs(uint32_t ms) { advanceMs(ms); }
 
 int FakeClock::realWaitMs(int ms) { return ms < 0 ? kFakeRealWaitMs : std::min(ms, kFakeRealWaitMs); }
+
+int FakeClock::realAnswerWaitMs(int ms) {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  return ms < 0 ? state_->answerGraceMs : std::min(ms, state_->answerGraceMs);
+}
+
+void FakeClock::setAnswerGraceMs(int ms) {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  state_->answerGraceMs = ms;
+}
 
 void FakeClock::waited(int ms) {
   if (ms > 0) advanceMs(static_cast<uint64_t>(ms));

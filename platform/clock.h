@@ -16,6 +16,10 @@ class Clock {
   // Longest real wait the message loop may block for when it wants to wait `ms`; the fake clock
   // keeps real waits short and advances itself by the rest.
   virtual int realWaitMs(int ms) = 0;
+  // Longest real wait for another application's answer when the caller allows `ms`. A fake clock
+  // gives a live peer a moment of real time to answer; past it the peer counts as silent and the
+  // fake clock moves on by the whole `ms` (waited).
+  virtual int realAnswerWaitMs(int ms) = 0;
   // Called by the message loop when a wait of `ms` ended without a message.
   virtual void waited(int ms) = 0;
 };
@@ -26,6 +30,7 @@ class RealClock : public Clock {
   int32_t nowSeconds() override;
   void sleepMs(uint32_t ms) override;
   int realWaitMs(int ms) override { return ms; }
+  int realAnswerWaitMs(int ms) override { return ms; }
   void waited(int) override {}
 };
 
@@ -40,8 +45,12 @@ class FakeClock : public Clock {
   int32_t nowSeconds() override;
   void sleepMs(uint32_t ms) override;
   int realWaitMs(int ms) override;
+  int realAnswerWaitMs(int ms) override;
   void waited(int ms) override;
   void advanceMs(uint64_t ms);
+  // The real time a peer has to answer (1 s unless set): a test whose peer never answers sets it
+  // short.
+  void setAnswerGraceMs(int ms);
   uint64_t elapsedMs() const;  // total advanced since construction
 
  private:

@@ -12,6 +12,8 @@ class chStdInput {
   chStdInput(const chStdInput&) = delete;
   chStdInput& operator=(const chStdInput&) = delete;
   int getch();
+  // Whether keys can come at all: standard input is a terminal we could put in raw mode.
+  bool isTerminal() const { return raw_; }
 
  private:
   bool raw_ = false;

@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
+#include <cstdint>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -137,6 +139,32 @@ bool sendDatagram(int fd, const std::string& targetHost, const std::vector<char>
   return false;
 }
 
+// Waits up to `ms` of the service clock for `fd` (or only the time, fd -1): 1 readable, 0 the time
+// passed, -1 `quit` was set. `wakeFd` (or -1), a thread's wake-up descriptor, ends a real wait early
+// so that `quit` is seen at once; it is drained, and the loop looks at its queue before it blocks,
+// so a post that woke it is not lost.
+int waitOnClock(int fd, int wakeFd, const std::atomic<bool>* quit, uint32_t ms, bool forAnswer) {
+  Clock& clock = serviceClock();
+  const uint32_t start = clock.tickMs();
+  for (;;) {
+    if (quit && *quit) return -1;
+    const uint32_t spent = clock.tickMs() - start;
+    if (spent >= ms) return 0;
+    const int left = static_cast<int>(std::min<uint32_t>(ms - spent, INT32_MAX));
+    pollfd fds[2];
+    int count = 0;
+    if (fd >= 0) fds[count++] = pollfd{fd, POLLIN, 0};
+    if (wakeFd >= 0) fds[count++] = pollfd{wakeFd, POLLIN, 0};
+    int ready = poll(fds, count, forAnswer ? clock.realAnswerWaitMs(left) : clock.realWaitMs(left));
+    if (ready == 0) clock.waited(left);
+    if (ready <= 0) continue;
+    if (fd >= 0 && (fds[0].revents & (POLLIN | POLLERR | POLLHUP))) return 1;
+    uint64_t value;
+    while (read(wakeFd, &value, sizeof(value)) > 0) {
+    }
+  }
+}
+
 std::atomic<uint32_t> nextSequence{1};
 std::atomic<uint32_t> nextTimerId{0x10000};
 
@@ -249,6 +277,14 @@ void chThreadLocal::Shutdown() {
 }
 
 bool chThreadLocal::IsLaunched() const { return impl_->socket != nullptr; }
+
+bool chThreadLocal::QuitRequested() const { return impl_->quit; }
+
+bool chThreadLocal::SleepUnlessQuit(uint32_t ms) { return WaitReadable(-1, ms, false) == 0; }
+
+int chThreadLocal::WaitReadable(int fd, uint32_t ms, bool forAnswer) {
+  return waitOnClock(fd, impl_->wakeFd, &impl_->quit, ms, forAnswer);
+}
 
 void chThreadLocal::Quit(int exitCode) {
   impl_->exitCode = exitCode;
@@ -369,6 +405,11 @@ int chThreadLocal::Run() {
     }
     if (impl_->quit) break;
     if (!due.empty()) continue;  // timers may have been re-armed by their handlers
+    {
+      // A wait inside a handler may have taken the wake-up of a post that is still queued.
+      std::lock_guard<std::mutex> lock(impl_->mutex);
+      if (!impl_->localQueue.empty()) continue;
+    }
 
     pollfd fds[2];
     int count = 0;
@@ -449,16 +490,18 @@ int32_t msgSendMsgToThreadTimeoutEx(const msgThreadHandle& thread, uint32_t id, 
                     encode(kKindMessage, id, wParam, lParam, sequence, extraData, extraSize, replyPath)))
     return 0;
 
-  // The reply is a real peer's answer, so this wait is real time, bounded by the time-out.
-  const int32_t limit = timeoutMs < 0 ? kDefaultSendTimeoutMs : timeoutMs;
-  RealClock real;
-  const uint32_t start = real.tickMs();
+  // The reply wait is one of the service clock, so a peer that never answers costs its time-out
+  // there too; a thread told to quit stops waiting.
+  const uint32_t limit = static_cast<uint32_t>(timeoutMs < 0 ? kDefaultSendTimeoutMs : timeoutMs);
+  chThreadLocal* caller = chThreadLocal::Current();
+  const uint32_t start = brisaGetTickCount();
   std::vector<char> buffer(sizeof(WireHeader) + 512);
   for (;;) {
-    int32_t left = limit - static_cast<int32_t>(real.tickMs() - start);
-    if (left <= 0) return 0;
-    pollfd pfd{replySocket.fd(), POLLIN, 0};
-    if (poll(&pfd, 1, left) <= 0) continue;
+    const uint32_t spent = brisaGetTickCount() - start;
+    if (spent >= limit) return 0;
+    int ready = caller ? caller->WaitReadable(replySocket.fd(), limit - spent, true)
+                       : waitOnClock(replySocket.fd(), -1, nullptr, limit - spent, true);
+    if (ready <= 0) return 0;
     ssize_t n = recv(replySocket.fd(), buffer.data(), buffer.size(), MSG_DONTWAIT);
     WireHeader header;
     msgObject reply;

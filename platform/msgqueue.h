@@ -66,8 +66,18 @@ class chThreadLocal {
 
   // The message loop; returns the exit code given to Quit (0 by default).
   int Run();
-  // Ends Run after the message in hand; callable from any thread or a signal handler.
+  // Ends Run after the message in hand; callable from any thread or a signal handler. Sleeps and
+  // answer waits of the message in hand end at once (SleepUnlessQuit, msgSendMsgToThread...).
   void Quit(int exitCode = 0);
+  // True from Quit until the loop has ended.
+  bool QuitRequested() const;
+  // Sleeps `ms` of the service clock on this thread; false as soon as the thread is told to quit.
+  // Messages that arrive meanwhile wait in the queue for the loop.
+  bool SleepUnlessQuit(uint32_t ms);
+  // Waits up to `ms` of the service clock for `fd` to become readable: 1 readable, 0 the time
+  // passed, -1 the thread was told to quit. `forAnswer`: the wait is for another application's
+  // answer (Clock::realAnswerWaitMs).
+  int WaitReadable(int fd, uint32_t ms, bool forAnswer);
 
   void PostThreadMsg(uint32_t id, uint32_t wParam, uint32_t lParam);
   // Runs `fn` on this thread between messages (used by monitors and helper threads).
@@ -111,7 +121,8 @@ msgThreadHandle msgGetThreadByName(const std::string& name);
 bool msgPostMsgToThread(const msgThreadHandle& thread, uint32_t id, uint32_t wParam, uint32_t lParam);
 bool msgPostMsgToThreadEx(const msgThreadHandle& thread, uint32_t id, uint32_t wParam, uint32_t lParam,
                           uint32_t extraSize, const void* extraData);
-// Synchronous send with the default time-out (10 s); the reply, 0 when none came.
+// Synchronous send with the default time-out (10 s); the reply, 0 when none came. The wait is one of
+// the service clock; on a message-queue thread that is told to quit it ends at once with 0.
 int32_t msgSendMsgToThread(const msgThreadHandle& thread, uint32_t id, uint32_t wParam, uint32_t lParam);
 int32_t msgSendMsgToThreadTimeoutEx(const msgThreadHandle& thread, uint32_t id, uint32_t wParam, uint32_t lParam,
                                     uint32_t extraSize, const void* extraData, int32_t timeoutMs);

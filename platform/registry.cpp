@@ -125,6 +125,11 @@ class RegistryCache {
     return true;
   }
 
+  std::string sectionText(const std::string& file, const std::string& section) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return registry_internal::sectionText(entryLocked(file).ini, section);
+  }
+
   bool set(const std::string& file, const std::string& section, const std::string& key, const std::string& value) {
     if (key.empty()) return false;
     std::lock_guard<std::mutex> lock(mutex_);
@@ -354,6 +359,10 @@ int32_t registryGetInt(const REGHANDLE& handle, const std::string& key, int32_t 
 
 std::string registryGetString(const REGHANDLE& handle, const std::string& key, const std::string& defaultValue) {
   return handle ? getString(handle->file, handle->section, key, defaultValue) : defaultValue;
+}
+
+std::string registrySectionText(const REGHANDLE& handle) {
+  return handle ? cache().sectionText(handle->file, handle->section) : std::string();
 }
 
 bool registrySetString(const REGHANDLE& handle, const std::string& key, const std::string& value) {

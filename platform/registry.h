@@ -38,6 +38,9 @@ REGHANDLE registryOpen(const std::string& file, const std::string& section);
 void registryClose(REGHANDLE& handle);
 int32_t registryGetInt(const REGHANDLE& handle, const std::string& key, int32_t defaultValue);
 std::string registryGetString(const REGHANDLE& handle, const std::string& key, const std::string& defaultValue);
+// The section's keys as this process sees them (its unflushed writes included), "key=value" lines
+// in file order; "" when the section is missing. Two texts differ exactly when some key changed.
+std::string registrySectionText(const REGHANDLE& handle);
 bool registrySetString(const REGHANDLE& handle, const std::string& key, const std::string& value);
 // Writes the handle's file back atomically. True on success (or when nothing changed).
 bool registryFlush(const REGHANDLE& handle);

@@ -40,7 +40,6 @@ namespace {
 using registry_internal::sectionText;
 
 constexpr uint32_t kWatchEvents = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE;
-constexpr int kPollMs = 1000;
 
 struct Monitor {
   std::string file;  // as the caller named it
@@ -155,8 +154,9 @@ class RegistryWatcher {
   void watch(int fd) {
     alignas(inotify_event) char buffer[8192];
     for (;;) {
+      // Blocks until a watched directory changes: an idle daemon is not woken for nothing.
       pollfd waiter{fd, POLLIN, 0};
-      if (poll(&waiter, 1, kPollMs) <= 0) continue;
+      if (poll(&waiter, 1, -1) <= 0) continue;
       ssize_t length = read(fd, buffer, sizeof(buffer));
       if (length <= 0) continue;
       std::set<std::pair<int, std::string>> touched;

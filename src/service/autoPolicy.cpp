@@ -27,8 +27,6 @@ bool parseInteger(const std::string& text, long& out) {
   return errno == 0 && end && *end == '\0';
 }
 
-int32_t dateNumber(const chTime& time) { return time.GetYear() * 10000 + time.GetMonth() * 100 + time.GetDay(); }
-
 }  // namespace
 
 void repeatPolicy::Load(const REGHANDLE& handle) {
@@ -93,7 +91,7 @@ int weeklyPolicy::Schedule() {
     chTime candidate(now.GetYear(), now.GetMonth(), now.GetDay() + day, hour, minute, second);
     int weekday = candidate.GetDayOfWeek() % 7;  // 7 (Sunday) is bit 0
     int32_t ahead = candidate.GetTime() - now.GetTime();
-    if (!(mask_ & (1u << weekday)) || ahead <= 0 || dateNumber(candidate) == lastRunDate_) continue;
+    if (!(mask_ & (1u << weekday)) || ahead <= 0) continue;
     timer_.SetTimer(static_cast<uint64_t>(ahead) * 1000u);
     LOG_WAR("Weekly AutoProvision will active at : %s", candidate.Format("%Y-%m-%d %H:%M:%S").c_str());
     return 1;
@@ -103,7 +101,6 @@ int weeklyPolicy::Schedule() {
 }
 
 void weeklyPolicy::OnTimer() {
-  lastRunDate_ = dateNumber(chTime(netGetLocalTime()));
   postStartToOwner(timer_);
   Schedule();
 }
@@ -115,7 +112,11 @@ void policyManger::Start() {
   monitorId_ = registryMonitorSection(kSystemIni, kAutoProvisionSection, [this](const REGHANDLE& handle) {
     OnSectionChanged(handle);
   });
-  REGHANDLE handle = registryOpen(kSystemIni, kAutoProvisionSection);
+  LoadBoth(registryOpen(kSystemIni, kAutoProvisionSection));
+}
+
+void policyManger::LoadBoth(const REGHANDLE& handle) {
+  loadedSection_ = registrySectionText(handle);
   repeat.Load(handle);
   weekly.Load(handle);
 }
@@ -129,13 +130,23 @@ void policyManger::Stop() {
 }
 
 int policyManger::OnSectionChanged(const REGHANDLE& handle) {
-  repeat.Load(handle);
-  weekly.Load(handle);
+  LoadBoth(handle);
   return 1;
 }
 
-void policyManger::ReloadRepeat() {
-  if (started_) repeat.Load(registryOpen(kSystemIni, kAutoProvisionSection));
+void policyManger::ReloadAfterRun() {
+  if (!started_) return;
+  REGHANDLE handle = registryOpen(kSystemIni, kAutoProvisionSection);
+  if (registrySectionText(handle) != loadedSection_)
+    LoadBoth(handle);
+  else
+    repeat.Load(handle);
+}
+
+void policyManger::ReloadIfChanged() {
+  if (!started_) return;
+  REGHANDLE handle = registryOpen(kSystemIni, kAutoProvisionSection);
+  if (registrySectionText(handle) != loadedSection_) LoadBoth(handle);
 }
 
 bool policyManger::OnTimerMessage(const msgObject& msg) {

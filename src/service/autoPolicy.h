@@ -8,8 +8,10 @@
 // built from the calendar date and that time of day through the platform's local time (the zone
 // rules decide the offset of each day), never by adding 86 400 seconds to an earlier moment. So a
 // day of 23 or 25 hours still gets its run at the same wall-clock time; a moment inside the hour
-// that is skipped in spring comes out an hour later on that day, and in autumn a date that already
-// had its run is never taken again, so the repeated hour cannot give a second run.
+// that is skipped in spring comes out an hour later on that day; in autumn a moment inside the
+// repeated hour is taken at its first occurrence, and once that passed the day's candidate is behind
+// `now`, so the repeated hour gives no second run. No record of past runs is kept: a timer message
+// handled late, behind a run that lasted past midnight, still finds that day's moment.
 //
 // The one policyManger instance lives beside the service object for the life of the process; the
 // service starts it in normal mode only.
@@ -60,7 +62,6 @@ class weeklyPolicy {
   chThreadTimer timer_;
   uint32_t mask_ = 0;        // bit 0 Sunday .. bit 6 Saturday
   int32_t secondOfDay_ = 0;  // the drawn moment
-  int32_t lastRunDate_ = 0;  // yyyymmdd of the last moment that fired (local calendar)
 };
 
 class policyManger {
@@ -71,9 +72,14 @@ class policyManger {
   void Stop();
   // Another application changed the section: both policies are read again.
   int OnSectionChanged(const REGHANDLE& handle);
-  // After every run: the repeat period counts from the end of that run. Nothing while the policies
-  // are not started (zero-touch mode): there runs come only from messages.
-  void ReloadRepeat();
+  // After every run: the repeat period counts from the end of that run, and when the run itself
+  // changed the section (which the monitor does not report to its own process) both policies are
+  // read again. Nothing while the policies are not started (zero-touch mode): there runs come only
+  // from messages.
+  void ReloadAfterRun();
+  // After this process changed settings outside a run (a pushed file applied): both policies are
+  // read again when the section differs from what they were loaded from.
+  void ReloadIfChanged();
   // MSG_WEEKLY_CHECK: the local time may have become trusted.
   void WeeklyCheck() { weekly.Schedule(); }
   // A thread timer message: true when it belonged to one of the policies.
@@ -83,6 +89,10 @@ class policyManger {
   weeklyPolicy weekly;
 
  private:
+  // Reads both policies from the section and remembers the text they were read from.
+  void LoadBoth(const REGHANDLE& handle);
+
   uint32_t monitorId_ = 0;
   bool started_ = false;
+  std::string loadedSection_;  // the section's text at the last load of both policies
 };

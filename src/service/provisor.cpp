@@ -2,7 +2,6 @@
 #include "provisor.h"
 #include "autopSettings.h"
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,6 +18,7 @@
 #include "paths.h"
 #include "privateTmp.h"
 #include "registry.h"
+#include "termination.h"
 
 int32_t g_zeroTouch = 0;
 policyManger g_policyManager;
@@ -39,11 +39,6 @@ enum ConsoleKey { kKeyBack = 8, kKeyTab = 9, kKeyEsc = 27 };
 
 // Process-wide beside the service object, as the phone keeps them.
 chThreadTimer g_consoleKeyTimer;
-provisorObject* g_service = nullptr;
-
-void onTerminateSignal(int) {
-  if (g_service) g_service->Quit(0);
-}
 
 }  // namespace
 
@@ -133,6 +128,7 @@ bool provisorObject::OnReparseConfig(msgObject& msg) {
   // Settings another application pushed to /tmp/XML.cfg: applied once, without a download.
   autoParser parser;
   parser.updateConfig(true);
+  g_policyManager.ReloadIfChanged();
   return true;
 }
 
@@ -174,7 +170,7 @@ void provisorObject::StartPnpOrPowerOn() {
     while (netGetNetworkSta() != kNetworkUp && networkWaitCount < kNetworkWaitSeconds) {
       ++networkWaitCount;
       LOG_IFO("PNP Network Fail,sleep 1 seconds");
-      brisaSleep(1000);
+      if (!SleepUnlessQuit(1000)) return;
     }
     if (netGetNetworkSta() == kNetworkUp) {
       autoLaunch::launchPnpUpgrade();
@@ -192,7 +188,8 @@ int provisorObject::Start() {
     LOG_ERR("Can't launch thread [%s] !", name().c_str());
     return 0;
   }
-  SetTimer(g_consoleKeyTimer, kConsoleKeyPollMs, this, &provisorObject::OnConsoleKeyTimer);
+  // Keys come only from a terminal: a daemon started with a pipe or /dev/null polls nothing.
+  if (keyboard.isTerminal()) SetTimer(g_consoleKeyTimer, kConsoleKeyPollMs, this, &provisorObject::OnConsoleKeyTimer);
   autoLaunch::bindServiceState(&powerOnState, &g_zeroTouch);
   // An applied item that needs a restart announces it; the restart follows the run.
   autoUpgrade::setRebootHandler([this] { AnnounceReboot(); });
@@ -229,21 +226,16 @@ int provisorMain(int argc, char** argv) {
   g_zeroTouch = (argc == 2 && strcmp(argv[1], "-byzero") == 0) ? 1 : 0;
   if (g_zeroTouch) ::log(3, LOG_PREFIX "WAR Run by Zero-sp-Touch Thread !", kMainModule, __LINE__);
 
-  g_service = &service;
-  struct sigaction action;
-  memset(&action, 0, sizeof(action));
-  action.sa_handler = onTerminateSignal;
-  sigaction(SIGTERM, &action, nullptr);
-  sigaction(SIGINT, &action, nullptr);
+  if (!installTerminationHandlers(service)) LOG_ERR("Can't watch for the end of the process !");
 
   if (!service.Start()) {
-    g_service = nullptr;
+    releaseTerminationHandlers();
     uCSystemShareHelper::DestroyLocalThread(service);
     return 1;
   }
   int result = service.Run();
   service.Stop();
-  g_service = nullptr;
+  releaseTerminationHandlers();
   uCSystemShareHelper::DestroyLocalThread(service);
   return result;
 }

@@ -75,6 +75,10 @@ extern policyManger g_policyManager;
 // The text carried as a message's extra data, up to its terminating zero and never past its size.
 std::string messageExtraText(const msgObject& msg);
 
+// The wait before a restart that lets the SIP side unregister: the configured seconds of
+// UnregisterOnReboot, none for 0 or less, at most 60 s.
+uint32_t unregisterDelayMs(int32_t configuredSeconds);
+
 // Loads the translation table as at start and on the BACK key; the loader's result.
 int loadTranslationTable();
 

@@ -20,11 +20,14 @@
 
 namespace {
 
-constexpr int32_t kTalkBudgetSeconds = 3600;
+constexpr uint32_t kTalkBudgetMs = 3600u * 1000u;
+// The last question, when the hour is used up, still gets this long for its answer.
+constexpr uint32_t kLastTalkQueryMs = 1000;
 constexpr int32_t kRunTalkStepSeconds = 60;
 constexpr int32_t kRebootTalkStepSeconds = 5;
 constexpr uint32_t kFlushWaitMs = 5000;
 constexpr int32_t kDefaultUnregisterDelaySeconds = 3;
+constexpr int32_t kMaxUnregisterDelaySeconds = 60;
 constexpr uint32_t kUpdateWithInfo = 2;
 constexpr uint32_t kUpdateThenReboot = 2;
 
@@ -53,19 +56,37 @@ void logSystemConfig() {
 
 }  // namespace
 
+uint32_t unregisterDelayMs(int32_t configuredSeconds) {
+  if (configuredSeconds <= 0) return 0;
+  return static_cast<uint32_t>(std::min(configuredSeconds, kMaxUnregisterDelaySeconds)) * 1000u;
+}
+
+// The hour is one of the clock: the answer waits of a phone application that does not answer count
+// against it as well as the sleeps. SIGTERM ends the wait at once, as a failure without the
+// "Skipped" line.
 bool provisorObject::WaitWhileTalking(int32_t stepSeconds) {
   LOG_IFO("Check Talklogic Status ...");
-  for (int32_t budget = kTalkBudgetSeconds;; budget -= stepSeconds) {
+  const uint32_t start = brisaGetTickCount();
+  auto leftMs = [start] {
+    uint32_t spent = brisaGetTickCount() - start;
+    return spent >= kTalkBudgetMs ? 0u : kTalkBudgetMs - spent;
+  };
+  for (;;) {
+    const int32_t answerMs = static_cast<int32_t>(
+        std::min<uint32_t>(std::max(leftMs(), kLastTalkQueryMs), static_cast<uint32_t>(kTalkStatusTimeoutMs)));
     // No answer at all counts as busy: a phone that cannot say it is idle is not restarted.
     int32_t idle = msgSendMsgToThreadTimeoutEx(msgGetThreadByName(kThreadPhone), MSG_CHECK_TALK_STATUS, 0, 1, 0,
-                                               nullptr, kTalkStatusTimeoutMs);
+                                               nullptr, answerMs);
     if (idle != 0) return true;
-    if (budget < 1) {
+    if (QuitRequested()) return false;
+    const uint32_t left = leftMs();
+    if (left < 1000) {
       LOG_ERR("Talking ..., Skipped !");
       return false;
     }
-    LOG_IFO("Talking, Delay [%d] seconds ... ", stepSeconds);
-    brisaSleep(static_cast<uint32_t>(stepSeconds) * 1000u);
+    const uint32_t delayMs = std::min(static_cast<uint32_t>(stepSeconds) * 1000u, left);
+    LOG_IFO("Talking, Delay [%d] seconds ... ", static_cast<int32_t>((delayMs + 999) / 1000));
+    if (!SleepUnlessQuit(delayMs)) return false;
   }
 }
 
@@ -234,8 +255,8 @@ int provisorObject::AfterAutoProvision(int32_t result) {
     brisaSetProfileInt(kSystemIni, "Redirect", "Enable", 0);
   }
   if (rebootPending) RebootNow();
-  // The next repeat counts from the end of this run.
-  g_policyManager.ReloadRepeat();
+  // The next repeat counts from the end of this run; settings the run changed take effect now.
+  g_policyManager.ReloadAfterRun();
   LOG_IFO("<<<<<< Autoprovision End >>>>>>");
   LOG_IFO("%s", "");
   return 1;
@@ -248,14 +269,16 @@ int provisorObject::RebootNow() {
   LOG_WAR("Write file by [registryFlush] directly !!");
   if (callTextMethod("regFlushAllFile()") != "1") LOG_WAR("Fail to flush all file !!");
   LOG_IFO("Sleep 5s for flushing all reg file !!");
-  brisaSleep(kFlushWaitMs);
+  // SIGTERM during the waits before the restart ends the process instead: the files are flushed.
+  if (!SleepUnlessQuit(kFlushWaitMs)) return 0;
   logSystemConfig();
   int32_t delay = brisaGetRegistryInt(kSystemIni, "sipServerOptions", "UnregisterOnReboot",
                                       kDefaultUnregisterDelaySeconds);
-  LOG_IFO("Sip unregister on reboot need delay %ds !", delay);
-  if (delay > 0) {
+  const uint32_t delayMs = unregisterDelayMs(delay);
+  LOG_IFO("Sip unregister on reboot need delay %ds !", static_cast<int32_t>(delayMs / 1000));
+  if (delayMs > 0) {
     msgBroadpostThreadMsg(BROAD_MSG_SIP_UNREGISTER, 0, 0);
-    brisaSleep(static_cast<uint32_t>(delay) * 1000u);
+    if (!SleepUnlessQuit(delayMs)) return 0;
   }
   LOG_IFO("To reboot !!");
   // Backs the log up and restarts; returns only when even the system call failed.

@@ -5,6 +5,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <mutex>
 #include <thread>
@@ -12,6 +13,7 @@
 
 #include "msgqueue.h"
 #include "paths.h"
+#include "servers.h"
 #include "testRoot.h"
 
 using namespace testing_support;
@@ -102,4 +104,71 @@ TEST(MsgQueue, PostSendAndBroadcastWithinOneProcess) {
   // Shut down: the name is no longer reachable.
   phone.Shutdown();
   EXPECT_EQ(msgGetThreadByName("app_vpPhone"), "");
+}
+
+namespace {
+
+// A thread whose handlers wait inside themselves, as a run does: message 1 in short sleeps until the
+// test lets it go, and one more; message 3 an hour's sleep, then an hour's answer wait of a thread
+// that never answers.
+class WaitingThread : public chThreadLocal {
+ public:
+  WaitingThread() : chThreadLocal("waiting") {
+    EXPECT_TRUE(Launch());
+    runner_ = std::thread([this] { exitCode = Run(); });
+  }
+  ~WaitingThread() override {
+    Quit(0);
+    runner_.join();
+  }
+  bool TryThreadMessage(msgObject& msg) override {
+    if (msg.message == 1) {
+      inside = true;
+      while (!release && SleepUnlessQuit(10)) {
+      }
+      // Released after the post: this sleep finds its wake-up pending and takes it.
+      SleepUnlessQuit(10);
+    }
+    if (msg.message == 2) second = true;
+    if (msg.message == 3) {
+      inside = true;
+      sleptToTheEnd = SleepUnlessQuit(3600u * 1000u);
+      answer = msgSendMsgToThreadTimeoutEx("silent", 5, 0, 0, 0, nullptr, 3600 * 1000);
+      handled = true;
+    }
+    return true;
+  }
+  std::atomic<bool> inside{false}, release{false}, handled{false}, second{false}, sleptToTheEnd{true};
+  std::atomic<int32_t> answer{-1};
+  std::atomic<int> exitCode{-1};
+
+ private:
+  std::thread runner_;
+};
+
+}  // namespace
+
+// A post that comes while a handler sleeps is handled after it, though the sleep took its wake-up;
+// Quit ends a handler's hour-long sleep and answer wait at once, and then the loop.
+TEST(MsgQueue, WaitsInsideAHandlerKeepPostsAndEndOnQuit) {
+  TempRoot root;
+  WaitingThread thread;  // makes the queue directory
+  sockaddr_un addr;
+  int silent = queueSocket("silent", addr);  // takes messages, never answers
+  ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+  thread.PostThreadMsg(1, 0, 0);
+  ASSERT_TRUE(pollFor([&] { return thread.inside.load(); }, 5000));
+  thread.PostThreadMsg(2, 0, 0);
+  thread.release = true;
+  EXPECT_TRUE(pollFor([&] { return thread.second.load(); }, 5000));
+
+  thread.inside = false;
+  thread.PostThreadMsg(3, 0, 0);
+  ASSERT_TRUE(pollFor([&] { return thread.inside.load(); }, 5000));
+  thread.Quit(7);
+  ASSERT_TRUE(pollFor([&] { return thread.handled.load(); }, 5000));
+  EXPECT_FALSE(thread.sleptToTheEnd);
+  EXPECT_EQ(thread.answer, 0);
+  EXPECT_TRUE(pollFor([&] { return thread.exitCode == 7; }, 5000));
+  close(silent);
 }

@@ -37,7 +37,7 @@ class PolicyThread : public chThreadLocal {
     if (msg.message != MSG_START_AUTO_PROVISION) return false;
     starts.push_back(serviceClock().nowSeconds());
     brisaSleep(static_cast<uint32_t>(runSeconds_) * 1000u);
-    manager_.ReloadRepeat();
+    manager_.ReloadAfterRun();
     if (starts.size() == quitAfter_) Quit(0);
     return true;
   }
@@ -199,3 +199,21 @@ TEST_F(PolicyTest, AChangeOfTheSectionByAnotherProcessReloadsBothPolicies) {
 }
 
 }  // namespace
+
+// A repeat run from 23:13 to 00:51 holds the weekly timer of 23:30 in the queue past midnight: the
+// next weekly moment is that same evening, not a day later.
+TEST_F(PolicyTest, AWeeklyMomentHandledAfterMidnightKeepsTheNextDay) {
+  FakeClock clock(1700000000);  // Tuesday 2023-11-14 22:13:20
+  Clock* previous = setClock(&clock);
+  keys("bEnableRepeat = 1\nnRepeatMinutes = 60\nbEnableWeekly = 1\nstrWeeklyMask = 0123456\n"
+       "strWeeklyBeginTime = 23:30\nstrWeeklyEndTime = 23:31\n");
+  LogCapture log;
+  policyManger manager;
+  PolicyThread thread(manager, 2, 98 * 60);
+  EXPECT_EQ(thread.run(), 0);
+  setClock(previous);
+  std::vector<std::string> seen;
+  for (int32_t s : thread.starts) seen.push_back(chTime(s).Format("%Y-%m-%d %H:%M"));
+  EXPECT_EQ(seen, (std::vector<std::string>{"2023-11-14 23:13", "2023-11-15 00:51"}));
+  EXPECT_TRUE(log.contains("Weekly AutoProvision will active at : 2023-11-15 23:30")) << log.text();
+}
