@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 #include <cctype>
-#include <climits>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -18,6 +18,7 @@
 
 #include "actions.h"
 #include "autopMessages.h"
+#include "beneath.h"
 #include "clock.h"
 #include "log.h"
 #include "msgqueue.h"
@@ -26,7 +27,8 @@
 namespace {
 
 constexpr size_t kCopyBuffer = 0x80000;
-constexpr mode_t kDirMode = 0774;
+// Other applications (the web server, the picture viewer) read resource folders too.
+constexpr mode_t kDirMode = 0755;
 constexpr int64_t kJffs2Reserve = 65536;
 constexpr long kJffs2Magic = 0x72b6;
 
@@ -83,33 +85,13 @@ int dirName(const char* path, std::string& out) {
   return 0;
 }
 
+// Never follows a link inside the tree (a link is removed itself), whatever its depth.
 int removeTree(const char* dir) {
   if (!dir) {
     LOG_NULL_POINTER();
     return -1;
   }
-  std::vector<std::string> names;
-  int status = listDirectoryNames(dir, names) == -2 ? -1 : 0;
-  for (const std::string& name : names) {
-    std::string path = std::string(dir) + "/" + name;
-    struct stat st;
-    if (lstat(hostPath(path).c_str(), &st) != 0) {
-      LOG_ERR("lstat error");
-      status = -1;
-      continue;
-    }
-    if (S_ISDIR(st.st_mode)) {
-      if (removeTree(path.c_str()) != 0) status = -1;
-    } else if (remove(hostPath(path).c_str()) != 0) {
-      LOG_WAR("Can't remove file [%s]", path.c_str());
-      status = -1;
-    }
-  }
-  if (remove(hostPath(dir).c_str()) != 0) {
-    LOG_WAR("Can't remove dir [%s]", dir);
-    status = -1;
-  }
-  return status;
+  return removeHostTree(hostPath(dir));
 }
 
 int64_t fileSize(const char* path) {
@@ -376,10 +358,14 @@ struct ResourceType {
 
 // Searched in this order; type 6 is not used.
 constexpr ResourceType kResourceTypes[] = {
-    {"contact_list", 1},  {"contact_photo", 2}, {"photo_tar", 3},  {"contact_tar", 4},
-    {"wallpaper", 5},     {"ringtone", 7},      {"trusted_cert", 8}, {"server_cert", 9},
-    {"dialnow", 10},      {"dialplan", 11},     {"line_key", 12},  {"memory_key", 13},
-    {"logo", 16},         {"custom_factory_config", 14}, {"custom_config", 15}, {"openvpn", 17},
+    {"contact_list", 1},   {"contact_photo", 2},
+    {"photo_tar", 3},      {"contact_tar", 4},
+    {"wallpaper", 5},      {"ringtone", 7},
+    {"trusted_cert", 8},   {"server_cert", 9},
+    {"dialnow", 10},       {"dialplan", 11},
+    {"line_key", 12},      {"memory_key", 13},
+    {"logo", 16},          {"custom_factory_config", 14},
+    {"custom_config", 15}, {"openvpn", 17},
     {"802_1X", 18},
 };
 

@@ -15,10 +15,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <set>
 #include <vector>
 
 #include "baseMethod.h"
+#include "beneath.h"
 #include "descriptor.h"
 #include "log.h"
 #include "paths.h"
@@ -41,7 +41,7 @@ class StagingDir {
     if (!mkdtemp(&path_[0])) path_.clear();
   }
   ~StagingDir() {
-    if (!path_.empty() && pathIsDirectory(path_)) removeTree(path_.c_str());
+    if (!path_.empty()) removeHostTree(path_);
   }
   StagingDir(const StagingDir&) = delete;
   StagingDir& operator=(const StagingDir&) = delete;
@@ -52,12 +52,11 @@ class StagingDir {
   std::string path_;
 };
 
-enum class entryKind { kFile, kDirectory, kSymlink, kHardlink };
+enum class entryKind { kFile, kDirectory };
 
 struct entryInfo {
-  std::string path;    // normalised: no leading "./", no empty or "." components
+  std::string path;  // normalised: no leading "./", no empty or "." components
   entryKind kind = entryKind::kFile;
-  std::string target;  // symlink text, or the normalised path a hard link names
   int64_t size = 0;
   bool sparse = false;  // holes are not stored, so its data may end before its size
   mode_t mode = 0644;
@@ -95,7 +94,7 @@ std::string joinPath(const std::vector<std::string>& parts, size_t count) {
 }
 
 bool refuse(const char* name, const char* reason) {
-  LOG_ERR("Archive entry [%s] refused : %s", name, reason);
+  LOG_ERR("Archive entry [%s] refused : %s", logEscaped(name).c_str(), reason);
   return false;
 }
 
@@ -103,8 +102,12 @@ bool refuse(const char* name, const char* reason) {
 bool normaliseName(const char* name, std::string& out) {
   if (name[0] == '/') return refuse(name, "absolute name");
   std::vector<std::string> parts = splitPath(name);
-  for (const std::string& part : parts)
+  for (const std::string& part : parts) {
     if (part == "..") return refuse(name, "\"..\" in the name");
+    // Other applications of the phone meet these names too: no control character, no leading '-'
+    // or '.', no shell metacharacter.
+    if (!isSafeServerFileName(part)) return refuse(name, "unsafe name");
+  }
   if (!parts.empty() && parts[0].compare(0, strlen(kStagingPrefix), kStagingPrefix) == 0)
     return refuse(name, "reserved name");
   out = joinPath(parts, parts.size());
@@ -116,10 +119,9 @@ bool describeEntry(archive_entry* entry, entryInfo& info) {
   if (!name) return refuse("?", "name unreadable");
   if (!normaliseName(name, info.path)) return false;
   info.mode = (archive_entry_perm(entry) & 0755) | 0600;
-  if (const char* hardlink = archive_entry_hardlink(entry)) {
-    info.kind = entryKind::kHardlink;
-    return normaliseName(hardlink, info.target) && (!info.target.empty() || refuse(name, "link to the root"));
-  }
+  // No resource kind needs a link, and a link left on disk by one archive could carry the next
+  // one's files out of its destination: links of either kind refuse the archive whole.
+  if (archive_entry_hardlink(entry)) return refuse(name, "hard link");
   switch (archive_entry_filetype(entry)) {
     case AE_IFREG:
       info.kind = entryKind::kFile;
@@ -130,58 +132,11 @@ bool describeEntry(archive_entry* entry, entryInfo& info) {
       info.kind = entryKind::kDirectory;
       info.mode |= 0700;  // the owner must be able to enter it
       return true;
-    case AE_IFLNK: {
-      info.kind = entryKind::kSymlink;
-      const char* target = archive_entry_symlink(entry);
-      if (!target || !*target) return refuse(name, "empty link");
-      info.target = target;
-      return true;
-    }
+    case AE_IFLNK:
+      return refuse(name, "symbolic link");
     default:
       return refuse(name, "device node, FIFO or socket");
   }
-}
-
-// True when one of the path's leading directories is a symbolic link of the archive.
-bool reachedThroughLink(const std::string& path, const std::set<std::string>& links) {
-  std::vector<std::string> parts = splitPath(path);
-  for (size_t n = 1; n < parts.size(); ++n)
-    if (links.count(joinPath(parts, n))) return true;
-  return false;
-}
-
-// A symbolic link must resolve inside the destination without passing another link of the archive
-// (links to links could be chained out of it).
-bool symlinkStaysInside(const entryInfo& link, const std::set<std::string>& links) {
-  const char* name = link.path.c_str();
-  if (link.target[0] == '/') return refuse(name, "link to an absolute path");
-  std::vector<std::string> stack = splitPath(link.path);
-  stack.pop_back();
-  for (const std::string& part : splitPath(link.target)) {
-    if (part == "..") {
-      if (stack.empty()) return refuse(name, "link out of the destination");
-      stack.pop_back();
-      continue;
-    }
-    stack.push_back(part);
-    if (links.count(joinPath(stack, stack.size()))) return refuse(name, "link to a link");
-  }
-  return true;
-}
-
-bool linksAreSafe(const std::vector<entryInfo>& entries) {
-  std::set<std::string> links, files;
-  for (const entryInfo& entry : entries)
-    if (entry.kind == entryKind::kSymlink) links.insert(entry.path);
-  for (const entryInfo& entry : entries) {
-    const char* name = entry.path.c_str();
-    if (reachedThroughLink(entry.path, links)) return refuse(name, "reached through a link");
-    if (entry.kind == entryKind::kSymlink && !symlinkStaysInside(entry, links)) return false;
-    if (entry.kind == entryKind::kHardlink && !files.count(entry.target))
-      return refuse(name, "hard link to no earlier file of the archive");
-    if (entry.kind == entryKind::kFile) files.insert(entry.path);
-  }
-  return true;
 }
 
 // Walks a regular entry's data, handing each block to `sink` (nullptr: only counted). False when
@@ -222,10 +177,18 @@ bool scanArchive(const std::string& path, std::vector<entryInfo>& entries, archi
       LOG_ERR("Archive [%s] is broken : the data of [%s] is cut short", path.c_str(), info.path.c_str());
       return false;
     }
-    ++summary.entries;
-    if (info.kind == entryKind::kFile) summary.unpackedBytes += info.size;
-    if (!info.path.empty()) entries.push_back(info);  // "." is the destination itself
-    else if (info.kind != entryKind::kDirectory) return refuse(".", "not a directory");
+    if (++summary.entries > kMaxArchiveEntries) {
+      LOG_ERR("Archive [%s] refused : more than %d entries", path.c_str(), static_cast<int>(kMaxArchiveEntries));
+      return false;
+    }
+    summary.unpackedBytes += kArchiveEntryBlockBytes;
+    if (info.kind == entryKind::kFile)
+      summary.unpackedBytes +=
+          (info.size + kArchiveEntryBlockBytes - 1) / kArchiveEntryBlockBytes * kArchiveEntryBlockBytes;
+    if (!info.path.empty())
+      entries.push_back(info);  // "." is the destination itself
+    else if (info.kind != entryKind::kDirectory)
+      return refuse(".", "not a directory");
   }
   if (status != ARCHIVE_EOF) {
     LOG_ERR("Archive [%s] is broken : %s", path.c_str(), archive_error_string(reader.get()));
@@ -269,21 +232,13 @@ bool writeEntry(archive* reader, const entryInfo& info, int stagingFd, int64_t& 
       UniqueFd out(openat(parent.get(), name, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, info.mode));
       return out.get() >= 0 && walkFileData(reader, info, out.get(), budget);
     }
-    case entryKind::kSymlink:
-      return symlinkat(info.target.c_str(), parent.get(), name) == 0;
-    case entryKind::kHardlink: {
-      std::vector<std::string> targetParts = splitPath(info.target);
-      UniqueFd targetParent(openDirectoryBelow(stagingFd, targetParts, targetParts.size() - 1));
-      return targetParent.get() >= 0 &&
-             linkat(targetParent.get(), targetParts.back().c_str(), parent.get(), name, 0) == 0;
-    }
   }
   return false;
 }
 
 // Second pass: the same entries as the check saw, written below the staging directory.
-bool extractInto(const std::string& archivePath, const std::vector<entryInfo>& checked,
-                 const std::string& stagingHost, int64_t maxBytes) {
+bool extractInto(const std::string& archivePath, const std::vector<entryInfo>& checked, const std::string& stagingHost,
+                 int64_t maxBytes) {
   ReaderPtr reader = openReader(archivePath);
   UniqueFd staging(open(stagingHost.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!reader || staging.get() < 0) return false;
@@ -352,6 +307,30 @@ bool overlayMove(const std::string& staged, const std::string& dest) {
   return true;
 }
 
+// Names starting with `prefix` in the directory at `hostDir`.
+std::vector<std::string> namesStartingWith(const std::string& hostDir, const std::string& prefix) {
+  std::vector<std::string> names, found;
+  if (!listNames(hostDir, names)) return found;
+  for (const std::string& name : names)
+    if (name.compare(0, prefix.size(), prefix) == 0) found.push_back(name);
+  return found;
+}
+
+// Staging left by an install that a power loss or a crash cut short is removed before the next
+// install of the same destination: inside it for an overlay, beside it for a replacement.
+void removeStaleStaging(const std::string& dirHost) {
+  for (const std::string& name : namesStartingWith(dirHost, kStagingPrefix)) removeHostTree(dirHost + "/" + name);
+  size_t slash = dirHost.rfind('/');
+  if (slash == std::string::npos) return;
+  std::string parent = slash == 0 ? "/" : dirHost.substr(0, slash), base = dirHost.substr(slash + 1);
+  for (const char* suffix : {kStagingPrefix, ".old-"}) {
+    for (const std::string& name : namesStartingWith(parent, base + suffix)) {
+      LOG_WAR("Removing the staging [%s] an earlier install left", logEscaped(name).c_str());
+      removeHostTree(parent + "/" + name);
+    }
+  }
+}
+
 int installOverlay(const std::string& archivePath, const std::vector<entryInfo>& entries, const std::string& dirHost,
                    int64_t maxBytes) {
   // Inside the destination directory: the same partition, so every move is a rename.
@@ -367,8 +346,8 @@ int installOverlay(const std::string& archivePath, const std::vector<entryInfo>&
   return moved;
 }
 
-int installReplacing(const std::string& archivePath, const std::vector<entryInfo>& entries,
-                     const std::string& dirHost, int64_t maxBytes) {
+int installReplacing(const std::string& archivePath, const std::vector<entryInfo>& entries, const std::string& dirHost,
+                     int64_t maxBytes) {
   // Beside the directory, in its parent: the old directory stays whole until the new one is.
   StagingDir staging(dirHost + kStagingPrefix + "XXXXXX");
   if (staging.path().empty() || !extractInto(archivePath, entries, staging.path(), maxBytes)) return 0;
@@ -428,7 +407,7 @@ bool textHoldsSettings(const std::string& text, bool m7) {
 int checkArchive(const std::string& archivePath, archiveSummary& summary) {
   summary = archiveSummary();
   std::vector<entryInfo> entries;
-  return scanArchive(archivePath, entries, summary) && linksAreSafe(entries) ? 1 : 0;
+  return scanArchive(archivePath, entries, summary) ? 1 : 0;
 }
 
 bool isArchiveFile(const std::string& path) {
@@ -440,7 +419,7 @@ bool isArchiveFile(const std::string& path) {
 int unpackArchive(const std::string& archivePath, const std::string& directory, int64_t maxBytes, unpackMode mode) {
   archiveSummary summary;
   std::vector<entryInfo> entries;
-  if (!scanArchive(archivePath, entries, summary) || !linksAreSafe(entries)) return 0;
+  if (!scanArchive(archivePath, entries, summary)) return 0;
   if (summary.unpackedBytes > maxBytes) {
     LOG_WAR("[****Warning**] the file size [%dK] is larger than partion free size !",
             static_cast<int32_t>(summary.unpackedBytes / 1024));
@@ -448,6 +427,7 @@ int unpackArchive(const std::string& archivePath, const std::string& directory, 
   }
   std::string dirHost = hostPath(directory);
   while (dirHost.size() > 1 && dirHost.back() == '/') dirHost.pop_back();
+  removeStaleStaging(dirHost);
   if (mode == unpackMode::kOverlay) {
     if (makeDirs(directory.c_str()) != 0) return 0;
     return installOverlay(archivePath, entries, dirHost, maxBytes);
@@ -464,8 +444,8 @@ bool isConfigurationFile(const std::string& path) {
   if (text.find('\0') != std::string::npos) return false;
   if (startsWith(text, "\xEF\xBB\xBF")) text.erase(0, 3);
   if (startsWith(text, "#!version:")) {
-    std::string version = trimmed(text.substr(10, text.find('\n') == std::string::npos ? std::string::npos
-                                                                                       : text.find('\n') - 10));
+    std::string version =
+        trimmed(text.substr(10, text.find('\n') == std::string::npos ? std::string::npos : text.find('\n') - 10));
     return !version.empty() && textHoldsSettings(text, true);
   }
   return textHoldsSettings(text, false);

@@ -44,9 +44,17 @@
 constexpr int64_t kConfigPackageMaxFileBytes = 2097152;
 constexpr int64_t kConfigPartitionReserve = 128 * 1024;
 
+// No resource package of the phone (contacts, photos, configuration or VPN packages) comes near
+// this many entries; past it an archive is refused before anything is written, as a few hundred
+// kilobytes of empty entries would otherwise cost the flash a million inodes.
+constexpr int32_t kMaxArchiveEntries = 4096;
+// What one entry costs the partition at least, whatever its size: one block.
+constexpr int64_t kArchiveEntryBlockBytes = 4096;
+
 // What the check of an archive found.
 struct archiveSummary {
-  int64_t unpackedBytes = 0;  // total of the regular files
+  int64_t unpackedBytes = 0;  // the regular files' sizes, each rounded up to whole blocks, plus a
+                              // block for every other entry
   int32_t entries = 0;
 };
 

@@ -12,6 +12,7 @@
 
 #include "archiveParser.h"
 #include "baseMethod.h"
+#include "beneath.h"
 #include "certParser.h"
 #include "descriptor.h"
 #include "dsskeyParser.h"
@@ -93,8 +94,7 @@ int autoBinParser::checkSpace() {
   int64_t size = fileSize(m_srcPath.c_str());
   int64_t freeSize = partitionFreeSize(m_destPath.c_str());
   if (size >= 0 && freeSize >= size) return 1;
-  LOG_WAR("[****Warning**] the file size [%dK] is larger than partion free size !",
-          static_cast<int32_t>(size / 1024));
+  LOG_WAR("[****Warning**] the file size [%dK] is larger than partion free size !", static_cast<int32_t>(size / 1024));
   remove(hostPath(m_srcPath).c_str());
   return 0;
 }
@@ -141,15 +141,11 @@ int autoBinParser::deleteFile(const std::string& destinationIn, const char* comm
     LOG_ERR("Unknown delete type !");
     return 0;
   }
-  std::vector<std::string> entries;
   if (type == kDeleteAll) {
     LOG_WAR("To remove all files in the %s floder !", destination.c_str());
-    bool ok = listDir(destination.c_str(), entries) >= 0;
-    for (const auto& entry : entries) {
-      bool gone = pathIsDirectory(entry) ? removeTree(entry.c_str()) == 0 : remove(hostPath(entry).c_str()) == 0;
-      ok = ok && gone;
-    }
-    if (!ok) LOG_ERR("Fail to remove destination files !");
+    // The folder is resolved once; a link inside it is removed itself, never followed.
+    UniqueFd folder(open(hostPath(destination).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder.get() < 0 || removeContentsAt(folder.get()) != 0) LOG_ERR("Fail to remove destination files !");
     return 1;
   }
   if (type == kDeleteDir) {

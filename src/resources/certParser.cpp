@@ -16,6 +16,7 @@
 #include <memory>
 
 #include "baseMethod.h"
+#include "descriptor.h"
 #include "log.h"
 #include "paths.h"
 
@@ -71,7 +72,7 @@ bool readPemBlocks(const std::string& bytes, certFileContents& contents, X509Ptr
     if (!isCertificateBlock(name.get())) continue;
     const unsigned char* cursor = data.get();
     X509Ptr cert(strcmp(name.get(), "TRUSTED CERTIFICATE") == 0 ? d2i_X509_AUX(nullptr, &cursor, length)
-                                                                 : d2i_X509(nullptr, &cursor, length));
+                                                                : d2i_X509(nullptr, &cursor, length));
     if (!cert) return false;
     contents.pem += toPem(cert.get());
     ++contents.certificates;
@@ -108,16 +109,16 @@ int writeInstalled(const std::string& destination, const std::string& bytes, mod
   std::string parent;
   if (dirName(destination.c_str(), parent) == 0 && !parent.empty() && makeDirs(parent.c_str()) != 0) return 0;
   std::string target = hostPath(destination);
-  std::string temporary = target + ".tmp" + std::to_string(getpid());
-  int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  if (fd < 0) {
+  // Created exclusively and never through a link, like every other installed file's temporary.
+  std::string temporary;
+  UniqueFd fd(createAtomicTemporary(destination, temporary));
+  if (fd.get() < 0 || fchmod(fd.get(), mode) != 0) {
     LOG_ERR("Can't write [%s] : %s", destination.c_str(), strerror(errno));
+    if (fd.get() >= 0) unlink(temporary.c_str());
     return 0;
   }
-  fchmod(fd, mode);
-  bool written = write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()) && fsync(fd) == 0;
-  close(fd);
-  if (!written || rename(temporary.c_str(), target.c_str()) != 0) {
+  if (!writeAll(fd.get(), bytes.data(), bytes.size()) || fsync(fd.get()) != 0 ||
+      rename(temporary.c_str(), target.c_str()) != 0) {
     LOG_ERR("Can't write [%s] : %s", destination.c_str(), strerror(errno));
     unlink(temporary.c_str());
     return 0;
@@ -185,6 +186,16 @@ int autoCertParser::checkFile() {
   if (!checkSpace()) return 0;
   certFileContents contents;
   return readSource(m_srcPath, contents) && checkKeyPair(contents, false) ? 1 : 0;
+}
+
+int autoCertParser::upgradeFile() {
+  certFileContents contents;
+  std::string bytes;
+  if (!readCertFile(m_srcPath, contents) || !readTextFile(m_srcPath, bytes)) {
+    LOG_ERR("[%s] is not a certificate file !", m_srcPath.c_str());
+    return 0;
+  }
+  return writeInstalled(m_destPath, bytes, contents.hasPrivateKey ? 0600 : 0644);
 }
 
 int autoCrtParser::upgradeFile() {

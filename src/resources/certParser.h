@@ -46,6 +46,8 @@ bool readCertFile(const std::string& path, certFileContents& contents);
 class autoCertParser : public autoBinParser {
  public:
   int checkFile() override;
+  // Installed as it came; private to the owner when it holds a private key.
+  int upgradeFile() override;
 };
 
 class autoCrtParser : public autoBinParser {

@@ -49,7 +49,8 @@ class ArchiveTest : public ParserTest {
 };
 
 TEST_F(ArchiveTest, HostileArchivesChangeNothing) {
-  const std::pair<const char*, const char*> cases[] = {  // what, the entries after a harmless first one
+  const std::pair<const char*, const char*> cases[] = {
+      // what, the entries after a harmless first one
       {"a \"../\" entry", "add('../evil.txt', b'x')"},
       {"an absolute name", "add('/config/evil.txt', b'x')"},
       {"a symlink out and a file through it",
@@ -57,8 +58,15 @@ TEST_F(ArchiveTest, HostileArchivesChangeNothing) {
       {"a file through a symlink that stays inside",
        "add('in', type=tarfile.SYMTYPE, linkname='.')\nadd('in/evil.txt', b'x')"},
       {"an absolute symlink", "add('out', type=tarfile.SYMTYPE, linkname='/config')"},
-      {"a chain of links", "add('a', type=tarfile.SYMTYPE, linkname='.')\nadd('b', type=tarfile.SYMTYPE, linkname='a/..')"},
+      {"a chain of links",
+       "add('a', type=tarfile.SYMTYPE, linkname='.')\nadd('b', type=tarfile.SYMTYPE, linkname='a/..')"},
       {"a hard link out", "add('h', type=tarfile.LNKTYPE, linkname='../../../etc/passwd')"},
+      // Links that stay inside are refused too: the next archive or item could be written through them.
+      {"a symlink that stays inside", "add('alias.jpg', type=tarfile.SYMTYPE, linkname='first.jpg')"},
+      {"a hard link to an earlier file", "add('twin.jpg', type=tarfile.LNKTYPE, linkname='first.jpg')"},
+      {"a shell command as a name", "add('$(id>pwnt).jpg', b'x')"},
+      {"an option as a name", "add('sub/-rf', b'x')"},
+      {"too many entries", "for n in range(4096): add('e%d.jpg' % n)"},
       {"a device node", "add('null', type=tarfile.CHRTYPE, devmajor=1, devminor=3)"},
       {"a FIFO", "add('pipe', type=tarfile.FIFOTYPE)"},
       {"a file over a directory", "add('album', b'x')"},
@@ -87,16 +95,14 @@ TEST_F(ArchiveTest, GoodArchivesLandOverOrInPlaceOfTheirDirectory) {
   makeTars({{"photos.tar.gz",
              "add('new.jpg', b'new')\nadd('./keep.jpg', b'replaced')\n"
              "add('sub', type=tarfile.DIRTYPE, mode=0o755)\n"
-          "add('sub/x.jpg', b'x')\nadd('alias.jpg', type=tarfile.SYMTYPE, linkname='sub/x.jpg')\n"
-             "add('twin.jpg', type=tarfile.LNKTYPE, linkname='new.jpg')"}});
+             "add('sub/x.jpg', b'x')\nadd('Ring (1).jpg', b'spaces and brackets')"}});
   autoPhotoTarParser photos;
   ASSERT_EQ(install(photos, "photos.tar.gz", "/config/data/photo/photos.tar.gz"), 1);
   const std::map<std::string, std::string> photoDir = {
-      {"/config/data/photo/old.jpg", "old"},      {"/config/data/photo/keep.jpg", "replaced"},
-      {"/config/data/photo/new.jpg", "new"},      {"/config/data/photo/sub", "<dir>"},
-      {"/config/data/photo/sub/x.jpg", "x"},      {"/config/data/photo/alias.jpg", "->link"},
-      {"/config/data/photo/twin.jpg", "new"},     {"/config/data/photo", "<dir>"},
-      {"/config/data", "<dir>"}};
+      {"/config/data/photo/old.jpg", "old"}, {"/config/data/photo/keep.jpg", "replaced"},
+      {"/config/data/photo/new.jpg", "new"}, {"/config/data/photo/sub", "<dir>"},
+      {"/config/data/photo/sub/x.jpg", "x"}, {"/config/data/photo/Ring (1).jpg", "spaces and brackets"},
+      {"/config/data/photo", "<dir>"},       {"/config/data", "<dir>"}};
   EXPECT_EQ(tree("/config"), photoDir);
 }
 
@@ -144,3 +150,49 @@ TEST_F(ArchiveTest, PackagesAreAnArchiveOrOneConfigurationFileWithinTheirSpace) 
 }
 
 }  // namespace
+
+// What earlier archives, items, runs or other processes left on disk: a link inside a destination
+// is never followed, neither by a later archive nor by a delete.
+TEST_F(ArchiveTest, LinksLeftOnDiskAreNeverFollowed) {
+  root->write("/phone/keys/firmware.pem", "the maker's key");
+  root->write("/config/system/system.ini", "[AutoProvision]\nstrServerURL = http://127.0.0.1/\n");
+  root->write("/config/data/photo/keep.jpg", "kept");
+  ASSERT_EQ(symlink("../../../phone/keys", root->host("/config/data/photo/keys").c_str()), 0);
+  ASSERT_EQ(symlink("../../system", root->host("/config/data/photo/album").c_str()), 0);
+  makeTars({{"through.tar", "add('keys/firmware.pem', b'the attacker key')"}});
+  autoPhotoTarParser photos;
+  EXPECT_EQ(install(photos, "through.tar", "/config/data/photo/through.tar"), 0);
+  EXPECT_EQ(root->read("/phone/keys/firmware.pem"), "the maker's key");
+
+  // Delete all: the links go, what they point at stays.
+  autoBinParser parser;
+  EXPECT_EQ(parser.deleteFile("/config/data/photo", "http://localhost/all"), 1);
+  EXPECT_EQ(tree("/config/data/photo"), (std::map<std::string, std::string>{}));
+  EXPECT_EQ(root->read("/phone/keys/firmware.pem"), "the maker's key");
+  EXPECT_EQ(root->read("/config/system/system.ini"), "[AutoProvision]\nstrServerURL = http://127.0.0.1/\n");
+}
+
+// A failed archive leaves no staging, however deep its paths; staging that a power loss left is
+// removed before the next install of the same destination; names that would forge log lines are
+// logged escaped.
+TEST_F(ArchiveTest, NoStagingOutlivesAnInstall) {
+  root->write("/config/data/photo/keep.jpg", "kept");
+  root->write("/config/data/photo/.unpack-Ab12Cd/half.jpg", "left by a power loss");
+  root->write("/config/data/vpn.old-Zz99Yy/old.conf", "left by a power loss");
+  makeTars({{"deep.tar", "add('d/' * 2100 + 'f.jpg', b'x')\nadd('x.jpg', b'x')\nadd('x.jpg/y.jpg', b'y')"},
+            {"forged.tar", "add('a\\n[./src/fake :1 ] ERR injected line\\n/../b', b'x')"},
+            {"good.tar", "add('new.jpg', b'new')"}});
+  autoPhotoTarParser photos;
+  LogCapture log;
+  EXPECT_EQ(install(photos, "deep.tar", "/config/data/photo/deep.tar"), 0);
+  EXPECT_EQ(install(photos, "forged.tar", "/config/data/photo/forged.tar"), 0);
+  EXPECT_FALSE(log.contains("\n[./src/fake"));
+  EXPECT_TRUE(log.contains("a\\n[./src/fake :1 ] ERR injected line"));
+  autoOpenVpnParser vpn;
+  EXPECT_EQ(install(photos, "good.tar", "/config/data/photo/good.tar"), 1);
+  EXPECT_EQ(tree("/config/data/photo"), (std::map<std::string, std::string>{{"/config/data/photo/keep.jpg", "kept"},
+                                                                            {"/config/data/photo/new.jpg", "new"}}));
+  makeTars({{"vpn.tar", "add('client.conf', b'conf')"}});
+  EXPECT_EQ(install(vpn, "vpn.tar", "/config/data/vpn/vpn.tar"), 1);
+  EXPECT_FALSE(root->exists("/config/data/vpn.old-Zz99Yy"));
+}

@@ -70,6 +70,7 @@ TEST_F(CertTest, KeysAndPairsAreCheckedBeforeTheInstalledFileIsReplaced) {
   auto trusted = [] { return new autoCrtParser; };
   auto server = [] { return new autoPemParser; };
   auto network = [] { return new auto802_1XCrtParser; };
+  auto generic = [] { return new autoCertParser; };
   // what, parser, contents, the log line of its refusal (nullptr: installed)
   const std::tuple<const char*, std::function<autoBinParser*()>, std::string, const char*> cases[] = {
       {"a private key as authority", trusted, caFile("ca.key"), "must not hold a private key"},
@@ -81,6 +82,8 @@ TEST_F(CertTest, KeysAndPairsAreCheckedBeforeTheInstalledFileIsReplaced) {
       {"server certificate alone", server, caFile("server.pem"), "holds no private key"},
       {"encrypted server key", server, caFile("server.pem") + caFile("locked.key"), "can't be read"},
       {"802.1X authority", network, caFile("ca.pem"), nullptr},
+      {"generic certificate", generic, caFile("ca.pem"), nullptr},
+      {"generic pair", generic, otherFile("server.pem") + otherFile("server.key"), nullptr},
       {"802.1X client pair", network, otherFile("server.pem") + otherFile("server.key"), nullptr},
       {"mismatched 802.1X pair", network, otherFile("server.pem") + caFile("server.key"), "does not match"},
   };
