@@ -142,6 +142,7 @@ const FuzzTarget kFuzzTargets[] = {
     {"sip_message", fuzzSipMessage},
     {"password_file", fuzzPasswordFile},
     {"xml_element_path", fuzzXmlElementPath},
+    {"archive_entries", fuzzArchiveEntries},
     {"firmware_header", fuzzFirmwareHeader},
     {"ftp_reply", fuzzFtpReply},
     {"tftp_packet", fuzzTftpPacket},

@@ -1,11 +1,17 @@
-// Fuzz targets of the resource side: the web password file reader and the XML element-path editor.
+// Fuzz targets of the resource side: the web password file reader, the XML element-path editor and
+// the archive check that decides what is unpacked.
 #define LOG_MODULE "./fuzz"
+#include <dirent.h>
+#include <sys/stat.h>
 #include <tinyxml2.h>
 
 #include <cstdlib>
 #include <string>
 
+#include "archiveParser.h"
+#include "baseMethod.h"
 #include "fuzzTargets.h"
+#include "paths.h"
 #include "pwdUpgrader.h"
 #include "xmlParser.h"
 
@@ -22,7 +28,41 @@ std::string nextLine(std::string& rest) {
   return line;
 }
 
+// True when everything below `hostDir` is a plain file or folder: no link, device or FIFO.
+bool holdsOnlyFilesAndFolders(const std::string& hostDir, int depthLeft) {
+  DIR* listing = opendir(hostDir.c_str());
+  if (!listing) return false;
+  bool plain = depthLeft >= 0;
+  while (dirent* entry = plain ? readdir(listing) : nullptr) {
+    std::string name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    struct stat st;
+    std::string path = hostDir + "/" + name;
+    plain = lstat(path.c_str(), &st) == 0 &&
+            (S_ISDIR(st.st_mode) ? holdsOnlyFilesAndFolders(path, depthLeft - 1) : S_ISREG(st.st_mode));
+  }
+  closedir(listing);
+  return plain;
+}
+
 }  // namespace
+
+// Any bytes as an archive: what the check accepts unpacks inside the destination as plain files and
+// folders only, and the destination's neighbour is never touched.
+void fuzzArchiveEntries(const uint8_t* data, size_t size) {
+  fuzzScratchRoot();
+  if (!writeFileAtomic("/tmp/fuzz.tar", std::string(reinterpret_cast<const char*>(data), size))) return;
+  writeFileAtomic("/config/neighbour", "kept");
+  archiveSummary summary;
+  if (checkArchive("/tmp/fuzz.tar", summary) == 1) {
+    require(summary.entries <= kMaxArchiveEntries);
+    if (unpackArchive("/tmp/fuzz.tar", "/config/data/fuzz", 64 << 20, unpackMode::kOverlay) == 1)
+      require(holdsOnlyFilesAndFolders(hostPath("/config/data/fuzz"), 64));
+  }
+  std::string kept;
+  require(readTextFile("/config/neighbour", kept) && kept == "kept");
+  removeTree("/config/data/fuzz");
+}
 
 // Any text reads into entries that write out and read back unchanged.
 void fuzzPasswordFile(const uint8_t* data, size_t size) {
