@@ -245,10 +245,13 @@ bool writeFileAtomic(const std::string& logicalPath, const std::string& contents
   return true;
 }
 
+// The daemon's fixed names in the shared /tmp: whatever another process left there (a link to a
+// setting file, a file it can read) is unlinked, never opened, and the file is made anew, ours
+// alone. Once it is ours, the sticky /tmp keeps others from replacing it while it is used by name.
 bool createPrivateFile(const std::string& logicalPath) {
   const std::string file = hostPath(logicalPath);
-  UniqueFd fd(open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-  // An older file of that name may have been readable by all.
+  if (unlink(file.c_str()) != 0 && errno != ENOENT) return false;
+  UniqueFd fd(open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
   return fd.valid() && fchmod(fd.get(), 0600) == 0;
 }
 

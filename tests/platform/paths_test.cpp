@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <tuple>
@@ -80,16 +81,50 @@ TEST_F(PathsTest, OnlyNoSuchFileMakesAPathMissing) {
 
 TEST(ServerFileNames, OnlyPlainNamesMayBecomeFilesOfThePhone) {
   const std::pair<const char*, bool> cases[] = {
-      {"ring.wav", true},         {"Ring (1).wav", true},   {"a b_c-d+e,f=g@h~.JPG", true},
-      {"", false},                {".", false},             {"..", false},
-      {".hidden", false},         {"-rf", false},           {"a/b", false},
-      {"x;id.jpg", false},        {"$(id>pwnt).jpg", false}, {"`id`.wav", false},
-      {"a|b", false},             {"a&b", false},           {"a<b", false},
-      {"a>b", false},             {"a\\b", false},          {"a'b", false},
-      {"a\"b", false},            {"*.wav", false},         {"a?.wav", false},
-      {"a\nb", false},            {"a\x7f", false},          {"tab\tname", false},
+      {"ring.wav", true},
+      {"Ring (1).wav", true},
+      {"a b_c-d+e,f=g@h~.JPG", true},
+      {"", false},
+      {".", false},
+      {"..", false},
+      {".hidden", false},
+      {"-rf", false},
+      {"a/b", false},
+      {"x;id.jpg", false},
+      {"$(id>pwnt).jpg", false},
+      {"`id`.wav", false},
+      {"a|b", false},
+      {"a&b", false},
+      {"a<b", false},
+      {"a>b", false},
+      {"a\\b", false},
+      {"a'b", false},
+      {"a\"b", false},
+      {"*.wav", false},
+      {"a?.wav", false},
+      {"a\nb", false},
+      {"a\x7f", false},
+      {"tab\tname", false},
   };
   for (const auto& [name, safe] : cases) EXPECT_EQ(isSafeServerFileName(name), safe) << name;
   EXPECT_TRUE(isSafeServerFileName(std::string(255, 'a')));
   EXPECT_FALSE(isSafeServerFileName(std::string(256, 'a')));
+}
+
+// The daemon's fixed names in the shared /tmp (the decrypted configuration among them): a link or
+// a readable file another process left there is replaced, never written through.
+TEST_F(PathsTest, PrivateFilesNeverWriteThroughWhatOthersLeft) {
+  root->write("/config/system/system.ini", "[AutoProvision]\nstrServerURL = http://127.0.0.1/\n");
+  ASSERT_EQ(symlink(root->host("/config/system/system.ini").c_str(), root->host("/tmp/xxx.cfgdecrypt").c_str()), 0);
+  root->write("/tmp/other.cfg", "left readable by another process");
+  ASSERT_EQ(chmod(root->host("/tmp/other.cfg").c_str(), 0666), 0);
+  for (const char* name : {"/tmp/xxx.cfgdecrypt", "/tmp/other.cfg"}) {
+    ASSERT_TRUE(createPrivateFile(name)) << name;
+    struct stat st;
+    ASSERT_EQ(lstat(root->host(name).c_str(), &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode)) << name;
+    EXPECT_EQ(st.st_mode & 0777, 0600u) << name;
+    EXPECT_EQ(st.st_size, 0) << name;
+  }
+  EXPECT_EQ(root->read("/config/system/system.ini"), "[AutoProvision]\nstrServerURL = http://127.0.0.1/\n");
 }
