@@ -22,14 +22,8 @@ fi
 [ -x "$build/provisor" ] && [ -x "$build/msgctl" ] || { echo "no $build/provisor: build first" >&2; exit 1; }
 source_dir=$(cd "$(dirname "$0")/.." && pwd)
 
-work=$(mktemp -d /tmp/provisor-idle-XXXXXX)
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-  wait 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
+# shellcheck source=bench/lib.sh
+source "$source_dir/bench/lib.sh"
 
 mkdir -p "$work/config/system" "$work/host" "$work/phone/resource"
 cp "$source_dir/data/autopTranslator.xml" "$work/phone/resource/"

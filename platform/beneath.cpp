@@ -34,19 +34,6 @@ int openWithKernelResolve(int rootFd, const std::string& relative) {
 #endif
 }
 
-std::vector<std::string> components(const std::string& relative) {
-  std::vector<std::string> parts;
-  size_t start = 0;
-  while (start <= relative.size()) {
-    size_t end = relative.find('/', start);
-    if (end == std::string::npos) end = relative.size();
-    std::string part = relative.substr(start, end - start);
-    if (!part.empty() && part != ".") parts.push_back(part);
-    start = end + 1;
-  }
-  return parts;
-}
-
 // One component after the other, each opened relative to its parent without following a link.
 UniqueFd walkBeneath(int rootFd, const std::vector<std::string>& parts, bool create) {
   UniqueFd current(openat(rootFd, ".", kDirectoryFlags));
@@ -96,8 +83,21 @@ int failRemoval(const std::string& name, const char* what) {
 
 }  // namespace
 
+std::vector<std::string> pathComponents(const std::string& relative) {
+  std::vector<std::string> parts;
+  size_t start = 0;
+  while (start <= relative.size()) {
+    size_t end = relative.find('/', start);
+    if (end == std::string::npos) end = relative.size();
+    std::string part = relative.substr(start, end - start);
+    if (!part.empty() && part != ".") parts.push_back(part);
+    start = end + 1;
+  }
+  return parts;
+}
+
 UniqueFd openDirectoryBeneath(int rootFd, const std::string& relative, bool create) {
-  std::vector<std::string> parts = components(relative);
+  std::vector<std::string> parts = pathComponents(relative);
   for (const std::string& part : parts) {
     if (part == "..") {
       errno = EXDEV;

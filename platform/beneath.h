@@ -5,8 +5,12 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "descriptor.h"
+
+// The components of a relative path, without empty and "." ones ("a//./b" gives a, b).
+std::vector<std::string> pathComponents(const std::string& relative);
 
 // Opens the directory `relative` ("a/b", no leading '/', no "..") below `rootFd`, each component
 // opened without following links. With `create`, missing components are made (mode 0755). Returns

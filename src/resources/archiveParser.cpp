@@ -74,19 +74,6 @@ ReaderPtr openReader(const std::string& path) {
   return reader;
 }
 
-std::vector<std::string> splitPath(const std::string& path) {
-  std::vector<std::string> parts;
-  size_t start = 0;
-  while (start <= path.size()) {
-    size_t end = path.find('/', start);
-    if (end == std::string::npos) end = path.size();
-    std::string part = path.substr(start, end - start);
-    if (!part.empty() && part != ".") parts.push_back(part);
-    start = end + 1;
-  }
-  return parts;
-}
-
 std::string joinPath(const std::vector<std::string>& parts, size_t count) {
   std::string path;
   for (size_t i = 0; i < count && i < parts.size(); ++i) path += (i ? "/" : "") + parts[i];
@@ -101,7 +88,7 @@ bool refuse(const char* name, const char* reason) {
 // An entry name must stay inside the destination: relative, without "..".
 bool normaliseName(const char* name, std::string& out) {
   if (name[0] == '/') return refuse(name, "absolute name");
-  std::vector<std::string> parts = splitPath(name);
+  std::vector<std::string> parts = pathComponents(name);
   for (const std::string& part : parts) {
     if (part == "..") return refuse(name, "\"..\" in the name");
     // Other applications of the phone meet these names too: no control character, no leading '-'
@@ -218,7 +205,7 @@ int openDirectoryBelow(int root, const std::vector<std::string>& parts, size_t c
 }
 
 bool writeEntry(archive* reader, const entryInfo& info, int stagingFd, int64_t& budget) {
-  std::vector<std::string> parts = splitPath(info.path);
+  std::vector<std::string> parts = pathComponents(info.path);
   UniqueFd parent(openDirectoryBelow(stagingFd, parts, parts.size() - 1));
   if (parent.get() < 0) return false;
   const char* name = parts.back().c_str();
