@@ -69,7 +69,20 @@ int tftpStream::Read(void* buffer, int elementSize, int count) {
   return static_cast<int>(handed);
 }
 
-void tftpStream::Close() { netSocket::Close(); }
+// A transfer left before its last block (a firmware header check reads 340 bytes of an image) is
+// cancelled with an ERROR packet: without it the server sends its block again until it gives up.
+void tftpStream::Close() {
+  if (m_serverLocked && !m_ended && !IsBroken()) {
+    static const char kText[] = "Transfer cancelled";
+    uint8_t packet[4 + sizeof(kText)];
+    writeBe16(packet, kOpError);
+    writeBe16(packet + 2, 0);
+    memcpy(packet + 4, kText, sizeof(kText));
+    SendTo(packet, sizeof(packet), m_server);
+    m_ended = true;
+  }
+  netSocket::Close();
+}
 
 bool tftpStream::AcknowledgeAndReceive() {
   uint8_t ack[4];

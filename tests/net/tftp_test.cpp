@@ -133,3 +133,22 @@ TEST_F(TftpScripted, RequestsThatCannotGoOutAreRefusedBeforeSending) {
 }
 
 }  // namespace
+
+// A reader that stops after the first block (the firmware header check) cancels the transfer, so
+// the server does not send that block again until it gives up.
+TEST_F(TftpScripted, AReadLeftEarlyIsCancelledAtTheServer) {
+  UdpPeer transfer;
+  std::thread script([&] {
+    std::string packet;
+    sockaddr_in client = awaitRequest("fw.rom");
+    transfer.sendTo(tftpData(1, std::string(512, 'h')), client);
+    ASSERT_TRUE(transfer.receive(packet, client, 2000));
+    EXPECT_EQ(packet, tftpError(0, "Transfer cancelled"));
+  });
+  ns_net::tftpStream stream;
+  ASSERT_TRUE(stream.Open("127.0.0.1", server.port(), "fw.rom", 5000));
+  char header[340];
+  EXPECT_EQ(stream.Read(header, 1, sizeof(header)), 340);
+  stream.Close();
+  script.join();
+}
