@@ -43,8 +43,8 @@ bool isByte(long value) { return value >= 0 && value <= 255; }
 // sockFTP
 
 bool sockFTP::IsFinalLine(const std::string& line) {
-  return line.size() >= 4 && line[0] >= '1' && line[0] <= '5' && line[1] >= '0' && line[1] <= '5' &&
-         line[2] >= '0' && line[2] <= '9' && line[3] == ' ';
+  return line.size() >= 4 && line[0] >= '1' && line[0] <= '5' && line[1] >= '0' && line[1] <= '5' && line[2] >= '0' &&
+         line[2] <= '9' && line[3] == ' ';
 }
 
 int sockFTP::ReplyCode(const std::string& line) {
@@ -109,6 +109,7 @@ bool ftpStream::Open(const std::string& host, uint16_t port, const std::string& 
   m_size = -1;
   m_received = 0;
   m_completionChecked = false;
+  m_retrieving = false;
   return ConnectControl(host, port) && Login(user, password) && StartRetrieval(path);
 }
 
@@ -168,6 +169,7 @@ bool ftpStream::StartRetrieval(const std::string& path) {
     LOG_WAR("connect data pipe fail");
     return false;
   }
+  m_retrieving = true;
   return true;
 }
 
@@ -186,8 +188,7 @@ bool ftpStream::PassiveAddress(const std::string& reply, const netAddress& serve
     return true;
   }
   int n[6];
-  if (sscanf(reply.c_str(), "%*[^(](%d,%d,%d,%d,%d,%d)", &n[0], &n[1], &n[2], &n[3], &n[4], &n[5]) != 6)
-    return false;
+  if (sscanf(reply.c_str(), "%*[^(](%d,%d,%d,%d,%d,%d)", &n[0], &n[1], &n[2], &n[3], &n[4], &n[5]) != 6) return false;
   for (int v : n)
     if (!isByte(v)) return false;
   char ip[32];
@@ -280,8 +281,7 @@ int ftpStream::Read(void* buffer, int elementSize, int count) {
   size_t handed = bytes / static_cast<size_t>(elementSize);
   if (handed == 0) {
     if (m_dataSocket.IsConnected()) {
-      MarkBroken(m_size >= 0 ? m_size - m_received : -1,
-                 "no data within " + std::to_string(m_timeoutMs) + " ms");
+      MarkBroken(m_size >= 0 ? m_size - m_received : -1, "no data within " + std::to_string(m_timeoutMs) + " ms");
     } else {
       CheckCompletion();
     }
@@ -304,12 +304,18 @@ void ftpStream::CheckCompletion() {
   std::string reply = ReadReply();
   int code = ReplyCode(reply);
   if (code != 226 && code != 250) {
-    std::string why = reply.empty() ? std::string("no transfer-complete reply") : "transfer not confirmed [" + reply + "]";
+    std::string why =
+        reply.empty() ? std::string("no transfer-complete reply") : "transfer not confirmed [" + reply + "]";
     MarkBroken(-1, why);
   }
 }
 
+// A retrieval left before its end (a firmware header check reads 340 bytes of an image) is
+// aborted, so the server stops sending instead of filling the connection until it times out.
 void ftpStream::Close() {
+  if (m_retrieving && !m_completionChecked && !IsBroken() && m_hSocket != INVALID_SOCKET && m_bIsConnected)
+    SendCommand("ABOR");
+  m_retrieving = false;
   m_dataSocket.Close();
   m_listener.Close();
   if (m_hSocket != INVALID_SOCKET && m_bIsConnected) SendCommand("QUIT");

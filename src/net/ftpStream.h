@@ -75,6 +75,7 @@ class ftpStream : public pipeStream, public sockFTP {
   int64_t m_received = 0;
   bool m_activeMode = false;
   bool m_completionChecked = false;
+  bool m_retrieving = false;  // RETR accepted, its end not yet seen
 };
 
 }  // namespace ns_net

@@ -35,28 +35,55 @@ TEST(FtpScripted, SessionsAndHowTheyEnd) {
   };
   const char* retrieval = "USER u\nPASS p\nTYPE I\nSIZE dir/f.cfg\nPASV\nRETR dir/f.cfg\nQUIT";
   const Case cases[] = {
-      {"", {"220 Ready", "331 Any password", "530 No"}, "", -1, "USER anonymous\nPASS provisor@phone.local\n",
+      {"",
+       {"220 Ready", "331 Any password", "530 No"},
+       "",
+       -1,
+       "USER anonymous\nPASS provisor@phone.local\n",
        "IFO Open URL Fail"},
       // 230 logs in without PASS; neither data connection can be had. PORT in its standard form,
       // without parentheses.
-      {"u@", {"220 Ready", "230 Welcome", "200 Binary", "550 No such file", "550 No", "500 No"}, "", -1,
-       "USER u\nTYPE I\nSIZE dir/f.cfg\nPASV\nPORT 127,0,0,1,h,l\n", "IFO Open URL Fail"},
+      {"u@",
+       {"220 Ready", "230 Welcome", "200 Binary", "550 No such file", "550 No", "500 No"},
+       "",
+       -1,
+       "USER u\nTYPE I\nSIZE dir/f.cfg\nPASV\nPORT 127,0,0,1,h,l\n",
+       "IFO Open URL Fail"},
       // A reply ends at a final line of its own code only. An accepted passive mode whose data
       // connection fails ends the retrieval instead of trying active mode.
       {"u:s3cret@",
        {"220-Welcome\r\n220-second line\r\n220 Ready", "620 no\r\n260 no\r\n220\r\n331 Password",
         "230-Hello\r\n200 not the end\r\n 230 indented\r\n230 In", "200 Binary", "213 10", pasvReply(freePort())},
-       "", -1, "USER u\nPASS s3cret\nTYPE I\nSIZE dir/f.cfg\nPASV\n", "connect data pipe fail"},
+       "",
+       -1,
+       "USER u\nPASS s3cret\nTYPE I\nSIZE dir/f.cfg\nPASV\n",
+       "connect data pipe fail"},
       // Transfers cut short: the data connection closes early, the server reports a failure instead
       // of 226, the control connection closes without the final reply.
-      {"u:p@", {"220 Ready", "331 P", "230 In", "200 Binary", "213 10000", "227", "150 Here", "226 Done"},
-       std::string(4000, 'c'), 0, retrieval, "WAR Broken at -6000 bytes : data connection closed early"},
-      {"u:p@", {"220 Ready", "331 P", "230 In", "200 Binary", "550 No size", "227", "150 Here", "426 Aborted"},
-       std::string(300, 'c'), 0, retrieval, "transfer not confirmed [426 Aborted]"},
-      {"u:p@", {"220 Ready", "331 P", "230 In", "200 Binary", "213 3", "227", "150 Here"}, "abc", 0,
-       "USER u\nPASS p\nTYPE I\nSIZE dir/f.cfg\nPASV\nRETR dir/f.cfg", "no transfer-complete reply"},
-      {"u:p@", {"220 Ready", "331 P", "230 In", "200 Binary", "213 5", "227", "150 Here", "226 Done"}, "hello", 5,
-       retrieval, "IFO Open URL OK"},
+      {"u:p@",
+       {"220 Ready", "331 P", "230 In", "200 Binary", "213 10000", "227", "150 Here", "226 Done"},
+       std::string(4000, 'c'),
+       0,
+       retrieval,
+       "WAR Broken at -6000 bytes : data connection closed early"},
+      {"u:p@",
+       {"220 Ready", "331 P", "230 In", "200 Binary", "550 No size", "227", "150 Here", "426 Aborted"},
+       std::string(300, 'c'),
+       0,
+       retrieval,
+       "transfer not confirmed [426 Aborted]"},
+      {"u:p@",
+       {"220 Ready", "331 P", "230 In", "200 Binary", "213 3", "227", "150 Here"},
+       "abc",
+       0,
+       "USER u\nPASS p\nTYPE I\nSIZE dir/f.cfg\nPASV\nRETR dir/f.cfg",
+       "no transfer-complete reply"},
+      {"u:p@",
+       {"220 Ready", "331 P", "230 In", "200 Binary", "213 5", "227", "150 Here", "226 Done"},
+       "hello",
+       5,
+       retrieval,
+       "IFO Open URL OK"},
   };
   fileDownload d;
   for (const Case& c : cases) {
@@ -77,10 +104,10 @@ TEST(FtpScripted, SessionsAndHowTheyEnd) {
       if (!sending) s.expect();
       close(s.fd);
     });
-    EXPECT_EQ(downloadToOut("ftp://" + std::string(c.credentials) + "127.0.0.1:" + std::to_string(control.port()) +
-                                "/dir/f.cfg",
-                            d),
-              c.result);
+    EXPECT_EQ(
+        downloadToOut(
+            "ftp://" + std::string(c.credentials) + "127.0.0.1:" + std::to_string(control.port()) + "/dir/f.cfg", d),
+        c.result);
     script.join();
     std::string commands;
     for (std::string line : s.commands) {
@@ -96,6 +123,33 @@ TEST(FtpScripted, SessionsAndHowTheyEnd) {
     EXPECT_FALSE(log.contains("s3cret")) << "no password in the log";
   }
   EXPECT_EQ(root.read("/tmp/out"), "hello");
+
+  // A retrieval left after its first bytes (a firmware header check) is aborted before QUIT.
+  {
+    FtpSession s;
+    std::thread script([&] {
+      s.fd = control.accept();
+      for (std::string reply : {"220 Ready", "331 P", "230 In", "200 Binary", "213 100000", "227", "150 Here"}) {
+        if (reply != "220 Ready") s.expect();
+        s.reply(reply == "227" ? pasvReply(data.port()) : reply + "\r\n");
+      }
+      int dataFd = data.accept();
+      sendText(dataFd, std::string(4096, 'i'));
+      s.expect();
+      s.expect();
+      close(dataFd);
+      close(s.fd);
+    });
+    ns_net::ftpStream partial;
+    ASSERT_TRUE(partial.Open("127.0.0.1", control.port(), "u", "p", "fw.rom"));
+    char header[340];
+    EXPECT_EQ(partial.Read(header, 1, sizeof(header)), 340);
+    partial.Close();
+    script.join();
+    ASSERT_GE(s.commands.size(), 2u);
+    EXPECT_EQ(s.commands[s.commands.size() - 2], "ABOR");
+    EXPECT_EQ(s.commands.back(), "QUIT");
+  }
 
   // A line break in a name would smuggle a command: refused before connecting.
   ns_net::ftpStream stream;
