@@ -3,6 +3,8 @@
 
 constexpr const char* kSystemIni = "/config/system/system.ini";
 constexpr const char* kAutoProvisionSection = "AutoProvision";
+// The largest configuration file the phone takes, downloaded or inside a configuration package.
+constexpr long kMaxConfigFileBytes = 2097152;
 // The plug-and-play group a SUBSCRIBE goes to, and the domain it names unless one is set.
 constexpr const char* kDefaultPnpMulticast = "224.0.1.75";
 

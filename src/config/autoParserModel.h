@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "autopSettings.h"
 #include "paths.h"
 
 class autopTranslator;
@@ -24,7 +25,7 @@ using RawPairList = std::vector<RawPair>;
 enum class ConfigModel { kUnreadable, kM7, kM1OrM2 };
 
 // The largest configuration file accepted, in bytes (a file of exactly this size is accepted).
-constexpr long kMaxConfigFileSize = 2097152;
+constexpr long kMaxConfigFileSize = kMaxConfigFileBytes;
 
 // Looks at the first line; for M7 fills the version word. An M1/M2 file that begins with a
 // byte-order mark is rewritten without it.

@@ -39,9 +39,10 @@
 #include <cstdint>
 #include <string>
 
+#include "autopSettings.h"
 #include "binParser.h"
 
-constexpr int64_t kConfigPackageMaxFileBytes = 2097152;
+constexpr int64_t kConfigPackageMaxFileBytes = kMaxConfigFileBytes;
 constexpr int64_t kConfigPartitionReserve = 128 * 1024;
 
 // No resource package of the phone (contacts, photos, configuration or VPN packages) comes near
