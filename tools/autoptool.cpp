@@ -1,5 +1,6 @@
 // autoptool COMMAND [ARGUMENTS]: see the table below.
 #include "autoptool.h"
+#include "firmwareSource.h"
 
 #include <cstdio>
 #include <cstring>
@@ -33,6 +34,8 @@ int main(int argc, char** argv) {
   if (argc < 2) return usage(stderr);
   if (strcmp(argv[1], "-h") == 0 || strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "help") == 0)
     return usage(stdout);
+  // Every firmware check and install of this process reads images through the download streams.
+  installFirmwareStreams();
   for (const autoptoolCommand& c : kCommands)
     if (strcmp(argv[1], c.name) == 0) return c.handler(argc - 2, argv + 2);
   fprintf(stderr, "autoptool: unknown command '%s'\n", argv[1]);

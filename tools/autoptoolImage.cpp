@@ -145,7 +145,6 @@ int imageVerify(const Options& o) {
   }
   const std::string& image = o.positional[0];
   if (image.find("://") != std::string::npos) {
-    installFirmwareStreams();
     int status = firmware_Upgrade(image.c_str(), kSafeModeTimeoutMs, false, o.headerOnly, true);
     std::string running = currentFirmwareDevice().runningVersion;
     printf("running version: %s\n", running.empty() ? "unknown" : running.c_str());
@@ -191,7 +190,6 @@ int autoptoolSafemodeInstall(int argc, char**) {
     return 0;
   }
   std::string url = userenv_get("strUpgradeURL");
-  installFirmwareStreams();
   int status = firmware_Upgrade(url.c_str(), kSafeModeTimeoutMs, true, false, true);
   // Cleared only now: a power loss during the install starts the install again.
   bool cleared = userenv_set("BOOTMODE", "") == 0;

@@ -153,7 +153,6 @@ int lyra_romInstaller::apply() {
   LOG_IFO("Parse rom file finished !");
   backupLog();
   // The flashing tool takes the opened download from here.
-  installFirmwareStreams();
   std::unique_ptr<firmwareImageSource> image = downloadImageSource(m_download, m_location);
   int status = firmwareFlashFromSource(*image);
   if (status < 0) {

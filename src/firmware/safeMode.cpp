@@ -9,7 +9,6 @@
 
 int checkFirmwareHeader(const std::string& location, int attempts) {
   LOG_DEB("firmware_Upgrade-verify rom header ...");
-  installFirmwareStreams();
   int status = FW_ERR_OPEN;
   for (int attempt = 1; attempt <= attempts; ++attempt) {
     status = firmware_Upgrade(location.c_str(), kHeaderCheckTimeoutMs, false, true, false);

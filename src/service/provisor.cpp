@@ -14,6 +14,7 @@
 #include "autopTranslator.h"
 #include "clock.h"
 #include "device.h"
+#include "firmwareSource.h"
 #include "log.h"
 #include "paths.h"
 #include "privateTmp.h"
@@ -220,6 +221,8 @@ int provisorMain(int argc, char** argv) {
         kBuildTime);
   srand(static_cast<unsigned>(serviceClock().nowSeconds()));
   preparePrivateTmpDir();
+  // Every firmware check and install of this process reads images through the download streams.
+  installFirmwareStreams();
 
   provisorObject service;
   uCSystemShareHelper::CreateLocalThread(service);

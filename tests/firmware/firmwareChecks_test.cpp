@@ -25,6 +25,7 @@ const std::string kPayload = testBytes(40000, 9);
 class FirmwareChecksTest : public RootedTest {
  protected:
   void SetUp() override {
+    installFirmwareStreams();  // as the daemon and the tool do at start
     RootedTest::SetUp();
     kit = std::make_unique<FirmwareKit>(*root);
     ASSERT_TRUE(kit->ready());

@@ -44,6 +44,7 @@ class PhoneStandIn : public chThreadLocal {
 class RomInstallerTest : public RootedTest {
  protected:
   void SetUp() override {
+    installFirmwareStreams();  // as the daemon and the tool do at start
     RootedTest::SetUp();
     kit = std::make_unique<FirmwareKit>(*root);
     ASSERT_TRUE(kit->ready());
@@ -65,9 +66,9 @@ TEST_F(RomInstallerTest, LyraWaitsOutTheCallStopsTheListedProcessesAndHandsOverT
   ASSERT_TRUE(http.start());
   http.put("fw/lyra.rom", kit->image("lyra", payload));
   addProcess(4100, std::string("/bin/sh\0/etc/init.d/GuiApp.sh", 29), "sh");  // application: killed
-  addProcess(4200, "/sbin/syslogd", "syslogd");                                // kept
-  addProcess(4300, "dsp_daemon", "dsp_daemon");                                // neither: killed twice
-  PhoneStandIn phone({0, 1});  // in a call at first
+  addProcess(4200, "/sbin/syslogd", "syslogd");                               // kept
+  addProcess(4300, "dsp_daemon", "dsp_daemon");                               // neither: killed twice
+  PhoneStandIn phone({0, 1});                                                 // in a call at first
 
   auto installer = createRomInstallerFor("lyra");
   std::string url = "http://127.0.0.1:" + std::to_string(http.port()) + "/fw/lyra.rom";
@@ -156,7 +157,8 @@ TEST_F(RomInstallerTest, APartialAnswerForAnotherRangeIsRetriedFromTheStart) {
     int third = server.accept(3000);
     if (third < 0) return;
     requests.push_back(net_test::readRequest(third));
-    net_test::sendText(third, "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(image.size()) + "\r\n\r\n" + image);
+    net_test::sendText(third,
+                       "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(image.size()) + "\r\n\r\n" + image);
     close(third);
   });
   installFirmwareStreams();

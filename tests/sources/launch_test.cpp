@@ -8,6 +8,7 @@
 #include "autoLaunch.h"
 #include "device.h"
 #include "firmwareImages.h"
+#include "firmwareSource.h"
 #include "firmwareUrl.h"
 #include "redact.h"
 #include "registry.h"
@@ -24,7 +25,13 @@ std::string flip(std::string bytes, size_t at) {
   return bytes;
 }
 
-class LaunchTest : public RootedTest {};
+class LaunchTest : public RootedTest {
+ protected:
+  void SetUp() override {
+    RootedTest::SetUp();
+    installFirmwareStreams();  // as the daemon does at start
+  }
+};
 
 TEST(LaunchText, DhcpOptionValues) {
   // An odd-length hexadecimal text and a host name stay plain text.
