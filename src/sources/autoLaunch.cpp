@@ -18,6 +18,7 @@
 #include "inifile.h"
 #include "log.h"
 #include "msgqueue.h"
+#include "privateTmp.h"
 #include "redact.h"
 #include "registry.h"
 
@@ -25,6 +26,7 @@ namespace autoLaunch {
 namespace {
 
 constexpr const char* kDhcpOptionStore = "/tmp/valdrun_dhcp_options";
+constexpr size_t kMaxDhcpOptionStore = 65536;
 constexpr const char* kDhcpSection = "DHCP";
 constexpr const char* kDefaultSystemOptions = "66,43";
 constexpr int32_t kWiredNetwork = 0;
@@ -140,7 +142,11 @@ bool launchDhcpUpgrade(bool waitNetwork) {
   if (waitNetwork && !waitNetworkReady()) return false;
   if (settingInt("bEnableDHCPOption", 1) == 0 || netGetNetworkType() != kWiredNetwork) return false;
   iniFile store;
-  if (!store.LoadFromFile(kDhcpOptionStore)) return false;
+  // The network stack writes it in the shared /tmp: never followed through a link, bounded.
+  std::string storeText;
+  if (!readSharedTmpFile(kDhcpOptionStore, kMaxDhcpOptionStore, storeText) || storeText.size() > kMaxDhcpOptionStore)
+    return false;
+  store.LoadFromText(storeText);
   if (tryDhcpOption(store, setting("listUserOptions"), "user")) return true;
   for (const std::string& option : splitOptions(setting("listSystemOptions", kDefaultSystemOptions)))
     if (tryDhcpOption(store, option, "system")) return true;

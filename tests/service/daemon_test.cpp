@@ -226,7 +226,7 @@ TEST_F(DaemonRunTest, ZeroTouchStartHostNamePushedFileAndUpdateConfigRecord) {
   EXPECT_EQ(userenv_get("HOST_NAME"), "desk-42");
   EXPECT_EQ(marker(), "pushed");
   EXPECT_FALSE(root.exists("/tmp/XML.cfg"));
-  EXPECT_TRUE(contains(daemon.log(), "PushXml:cp /tmp/XML.cfg to /tmp/xxx.cfg"));
+  EXPECT_TRUE(contains(daemon.log(), "PushXml:cp /tmp/XML.cfg to /tmp/provisor.d/xxx.cfg"));
 
   EXPECT_EQ(msgctl("post provisor 0xb0001 2 0 --extra-file '" + peers.file("info.bin") + "'"), "");
   ASSERT_TRUE(waitBroadcast(kResultOk)) << daemon.log();

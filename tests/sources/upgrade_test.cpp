@@ -79,7 +79,7 @@ TEST_F(UpgradeTest, LocalDirectoryAppliesCommonThenPerDeviceFile) {
   root->write("/srv/c/common.cfg", m7("custom_mac_cfg.url = /srv/devs/mine.cfg\n"));
   EXPECT_TRUE(autoUpgrade::UpgradeFromURL("/srv/c/"));
   EXPECT_EQ(account(3), "Named");
-  EXPECT_EQ(ini("/tmp/autop_tmp_config.cfg", "CUSTOM_MAC_CFG_PATH", "server_address"), "/srv/devs/mine.cfg");
+  EXPECT_EQ(ini("/tmp/provisor.d/autop_tmp_config.cfg", "CUSTOM_MAC_CFG_PATH", "server_address"), "/srv/devs/mine.cfg");
 }
 
 TEST_F(UpgradeTest, InvalidUrlsAndFileNames) {
