@@ -19,7 +19,8 @@ bool saveRamLog(const char* ramLog, const char* flashLog) {
   UniqueFd in = openSharedTmpFile(ramLog);
   struct stat st;
   if (!in.valid() || fstat(in.get(), &st) != 0) return false;
-  if (static_cast<uint64_t>(st.st_size) > kMaxBackup) lseek(in.get(), st.st_size - static_cast<off_t>(kMaxBackup), SEEK_SET);
+  if (static_cast<uint64_t>(st.st_size) > kMaxBackup)
+    lseek(in.get(), st.st_size - static_cast<off_t>(kMaxBackup), SEEK_SET);
   std::string text;
   char buffer[8192];
   ssize_t got;
