@@ -12,6 +12,7 @@
 #include "firmwareSource.h"
 #include "log.h"
 #include "msgqueue.h"
+#include "redact.h"
 
 namespace {
 
@@ -177,7 +178,7 @@ int duna_romInstaller::prepare(const char* location) {
 int duna_romInstaller::apply() {
   ns_net::autopUrl url;
   url.Parse(m_location);
-  std::string shown = url.IsValid() ? url.LogText() : m_location;
+  std::string shown = url.IsValid() ? url.LogText() : urlForLog(m_location);
   LOG_IFO("To set userenv[BOOTMODE] to value[safemode]");
   LOG_IFO("To set userenv[strUpgradeURL] to value[%s]", shown.c_str());
   // One write: safe mode without its URL (or with the last one's) must not survive a power loss.
