@@ -15,13 +15,14 @@
 #include "firmwareSource.h"
 #include "log.h"
 #include "paths.h"
+#include "redact.h"
 
 namespace {
 
 constexpr int32_t kSafeModeTimeoutMs = 10000;
 
 int fail(const char* what, const std::string& reason) {
-  fprintf(stderr, "%s failed: %s\n", what, reason.c_str());
+  fprintf(stderr, "%s failed: %s\n", what, maskedUrl(reason).c_str());
   return 1;
 }
 

@@ -16,8 +16,11 @@
 #include <string>
 #include <vector>
 
+#include "autopInfo.h"
+#include "autopMessages.h"
 #include "log.h"
 #include "msgqueue.h"
+#include "redact.h"
 
 namespace {
 
@@ -58,7 +61,8 @@ int fail(const std::string& message) {
 int usage() {
   return fail(
       "usage: msgctl post THREAD ID [WPARAM [LPARAM]] [--extra TEXT | --extra-file FILE] | send THREAD ID "
-      "[WPARAM [LPARAM]] [--extra TEXT | --extra-file FILE] [--timeout MS] | broadcast ID [WPARAM [LPARAM]] | listen THREAD [--reply N] [--count N] "
+      "[WPARAM [LPARAM]] [--extra TEXT | --extra-file FILE] [--timeout MS] | broadcast ID [WPARAM [LPARAM]] | listen "
+      "THREAD [--reply N] [--count N] "
       "[--timeout S]");
 }
 
@@ -175,6 +179,17 @@ std::string printableExtra(const char* data, uint32_t size) {
   return hex;
 }
 
+std::string maskedField(const std::string& value) { return value.empty() ? "" : kMaskedSecret; }
+
+// An update record carries a login password and file keys: printed by field, those hidden, the
+// URL with its password masked, the rest escaped like any text from outside.
+std::string printableRecord(const void* data, uint32_t size) {
+  AutopInfo info = autopInfoFromBytes(data, size);
+  return "user=" + logEscaped(autopInfoText(info.userName)) + " password=" + maskedField(autopInfoText(info.password)) +
+         " url=" + urlForLog(autopInfoText(info.url)) + " comAesKey=" + maskedField(autopInfoText(info.comAesKey)) +
+         " macAesKey=" + maskedField(autopInfoText(info.macAesKey));
+}
+
 // A listening application: prints every message and answers synchronous ones.
 class Listener : public chThreadLocal {
  public:
@@ -185,7 +200,11 @@ class Listener : public chThreadLocal {
       Quit(0);  // the --timeout timer
       return true;
     }
-    std::string extra = printableExtra(static_cast<const char*>(msg.GetExtraData()), msg.GetExtraSize());
+    const char* data = static_cast<const char*>(msg.GetExtraData());
+    uint32_t size = msg.GetExtraSize();
+    // Any other text may hold a URL: its password never reaches our output either.
+    std::string extra = msg.message == AP_MSG_UPDATE_CONFIG && data && size ? printableRecord(data, size)
+                                                                            : maskedUrl(printableExtra(data, size));
     printf("id=0x%x wparam=%d lparam=%d extra=%s\n", msg.message, static_cast<int32_t>(msg.wParam),
            static_cast<int32_t>(msg.lParam), extra.c_str());
     fflush(stdout);

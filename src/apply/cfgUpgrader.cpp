@@ -17,6 +17,7 @@
 #include "autopUrl.h"
 #include "device.h"
 #include "log.h"
+#include "privateTmp.h"
 #include "pwdUpgrader.h"
 #include "redact.h"
 #include "registry.h"
@@ -25,7 +26,8 @@ namespace {
 
 constexpr const char* kCustomMacSection = "CUSTOM_MAC_CFG_PATH";
 constexpr const char* kCustomMacStandIn = "/tmp/download.cfg";
-constexpr const char* kCustomMacFile = "/tmp/autop_tmp_config.cfg";
+// Only this process writes and reads it: kept in its private folder, out of reach of links.
+constexpr const char* kCustomMacFile = "/tmp/provisor.d/autop_tmp_config.cfg";
 constexpr size_t kRandomKeyLength = 16;
 constexpr const char* kSipAccountPrefix = "/config/user/voip/sipAccount";
 constexpr const char* kUserIni = "/config/user/user.ini";
@@ -209,6 +211,7 @@ int autoCfgUpgrader::prepareByTarget(autopItem& item) {
   if (item.section == kCustomMacSection && item.path == kCustomMacStandIn) {
     LOG_IFO("Get CustomMacUrl, Set to file %s", kCustomMacFile);
     item.path = kCustomMacFile;
+    ensurePrivateTmpDir();
     return 1;
   }
   if (item.section == kRandomKeySection && item.path == kRandomKeyFile) {

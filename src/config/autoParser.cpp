@@ -16,6 +16,7 @@
 #include "log.h"
 #include "mutex.h"
 #include "paths.h"
+#include "privateTmp.h"
 #include "redact.h"
 #include "registry.h"
 #include "romInstaller.h"
@@ -80,7 +81,7 @@ bool autoParser::OpenDownloadStream(const ns_net::autopUrl& url) {
 void autoParser::CloseDownloadStream() { m_download.Close(); }
 
 int autoParser::fetchDownloaded() {
-  makeDirs("/tmp");
+  ensurePrivateTmpDir();
   unlink(hostPath(kDownloadedConfigPath).c_str());
   // The file may hold passwords in clear (before and after decryption): the owner's only.
   createPrivateFile(kDownloadedConfigPath);
@@ -113,13 +114,14 @@ int autoParser::fetchPushed() {
   chMutex lock;
   lock.OpenMutex(kPushLockName);
   chMutexLock held(lock);
+  ensurePrivateTmpDir();
   unlink(hostPath(kDownloadedConfigPath).c_str());
-  if (!pathFileExist(kPushedConfigPath)) return kUpdateNotDownloaded;
-  createPrivateFile(kDownloadedConfigPath);
-  // Moved, not copied: the pushing application finds the hand-over file gone once it is taken.
-  int copied = copyFile(kPushedConfigPath, kDownloadedConfigPath);
+  // Another application writes the hand-over file in the shared /tmp: a link planted there is
+  // neither followed nor read, and it is removed itself (unlink never follows).
+  std::string pushed;
+  bool taken = readSharedTmpFile(kPushedConfigPath, kMaxConfigFileSize, pushed);
   unlink(hostPath(kPushedConfigPath).c_str());
-  if (copied != 0) return kUpdateNotDownloaded;
+  if (!taken || !writePrivateFile(kDownloadedConfigPath, pushed)) return kUpdateNotDownloaded;
   return checkDownloadedSize();
 }
 

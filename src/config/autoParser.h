@@ -1,5 +1,5 @@
 // autoParser: turns one configuration file into applied settings. It opens the download stream,
-// fetches the file to /tmp/xxx.cfg (or takes the file another application pushed to /tmp/XML.cfg),
+// fetches the file to /tmp/provisor.d/xxx.cfg (or takes the file another application pushed to /tmp/XML.cfg),
 // decrypts it when it is cipher text, reads it in its model, translates every key into an item,
 // cuts the items into batches one upgrader can take and hands each batch to the upgrader of its
 // type; firmware waits for the end. An M7 file is read pair by pair as its batches are built, so
@@ -28,7 +28,7 @@ enum autopUpdateResult : int32_t {
   kUpdateNotDownloaded = -3,
 };
 
-constexpr const char* kDownloadedConfigPath = "/tmp/xxx.cfg";
+constexpr const char* kDownloadedConfigPath = "/tmp/provisor.d/xxx.cfg";  // our private folder
 constexpr const char* kPushedConfigPath = "/tmp/XML.cfg";
 
 class autopTranslator;

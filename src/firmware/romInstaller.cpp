@@ -13,6 +13,7 @@
 #include "log.h"
 #include "msgqueue.h"
 #include "safeMode.h"
+#include "redact.h"
 
 namespace {
 

@@ -6,6 +6,7 @@
 #include "firmware.h"
 #include "firmwareSource.h"
 #include "log.h"
+#include "redact.h"
 
 int checkFirmwareHeader(const std::string& location, int attempts) {
   LOG_DEB("firmware_Upgrade-verify rom header ...");
@@ -29,7 +30,7 @@ int checkFirmwareHeader(const std::string& location, int attempts) {
 
 int armSafeMode(const std::string& location) {
   ns_net::autopUrl url;
-  std::string shown = url.Parse(location) && url.IsValid() ? url.LogText() : location;
+  std::string shown = url.Parse(location) && url.IsValid() ? url.LogText() : urlForLog(location);
   LOG_IFO("To set userenv[BOOTMODE] to value[safemode]");
   LOG_IFO("To set userenv[strUpgradeURL] to value[%s]", shown.c_str());
   if (userenv_set_all({{"BOOTMODE", "safemode"}, {"strUpgradeURL", location}}) != 0) {

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -99,6 +100,45 @@ bool isSafeExtension(const std::string& extension) {
 }  // namespace
 
 bool preparePrivateTmpDir() { return ensureFolder(true); }
+
+bool ensurePrivateTmpDir() { return ensureFolder(false); }
+
+bool writePrivateFile(const std::string& logicalPath, const std::string& contents) {
+  UniqueFd fd(open(hostPath(logicalPath).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (fd.valid() && fchmod(fd.get(), 0600) == 0 && writeAll(fd.get(), contents.data(), contents.size())) return true;
+  LOG_ERR("Can't write [%s] : %s", logicalPath.c_str(), strerror(errno));
+  return false;
+}
+
+UniqueFd openSharedTmpFile(const std::string& logicalPath) {
+  UniqueFd fd(open(hostPath(logicalPath).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!fd.valid()) {
+    if (errno != ENOENT) LOG_WAR("Refused [%s] : %s", logicalPath.c_str(), strerror(errno));
+    return UniqueFd();
+  }
+  struct stat st;
+  if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+    LOG_WAR("Refused [%s] : not a regular file", logicalPath.c_str());
+    return UniqueFd();
+  }
+  return fd;
+}
+
+bool readSharedTmpFile(const std::string& logicalPath, size_t maxBytes, std::string& out) {
+  out.clear();
+  UniqueFd fd = openSharedTmpFile(logicalPath);
+  if (!fd.valid()) return false;
+  char buffer[8192];
+  while (out.size() <= maxBytes) {
+    size_t want = std::min(sizeof buffer, maxBytes + 1 - out.size());
+    ssize_t got = read(fd.get(), buffer, want);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return false;
+    if (got == 0) break;
+    out.append(buffer, static_cast<size_t>(got));
+  }
+  return true;
+}
 
 std::string safeExtensionOf(const std::string& fileName) {
   size_t dot = fileName.rfind('.');

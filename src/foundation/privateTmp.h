@@ -17,6 +17,21 @@ constexpr const char* kPrivateTmpDir = "/tmp/provisor.d";
 
 // Makes the folder usable and empty. False when it cannot be made (logged).
 bool preparePrivateTmpDir();
+// Makes the folder usable without emptying it, for the fixed names of files only this process
+// writes and reads there. False when it cannot be made (logged).
+bool ensurePrivateTmpDir();
+
+// Writes `contents` to a fixed name in the folder, readable by the owner only (it may hold
+// passwords in clear). False when it cannot be written (logged).
+bool writePrivateFile(const std::string& logicalPath, const std::string& contents);
+
+// Opens for reading a file another application leaves at a fixed name in the shared /tmp: the
+// name itself is never followed (a planted link fails to open) and only a regular file is taken
+// (a planted FIFO cannot block us). Invalid when missing or refused (a refusal is logged).
+UniqueFd openSharedTmpFile(const std::string& logicalPath);
+// Reads such a file whole into `out`, at most `maxBytes` + 1 bytes, so a caller sees when it is
+// past its bound. False when missing, refused or unreadable.
+bool readSharedTmpFile(const std::string& logicalPath, size_t maxBytes, std::string& out);
 
 // Creates a new empty file in the folder (creating or replacing the folder first when it is not
 // usable, but never emptying it): a random name "dl-XXXXXXXX" followed by `extension` (which must

@@ -18,6 +18,7 @@
 #include "inifile.h"
 #include "log.h"
 #include "msgqueue.h"
+#include "privateTmp.h"
 #include "redact.h"
 #include "registry.h"
 
@@ -25,6 +26,7 @@ namespace autoLaunch {
 namespace {
 
 constexpr const char* kDhcpOptionStore = "/tmp/valdrun_dhcp_options";
+constexpr size_t kMaxDhcpOptionStore = 65536;
 constexpr const char* kDhcpSection = "DHCP";
 constexpr const char* kDefaultSystemOptions = "66,43";
 constexpr int32_t kWiredNetwork = 0;
@@ -127,7 +129,8 @@ std::string composeUrl(const std::string& url, const std::string& user, const st
 
 bool launchConfigUrlUpgrade() {
   LOG_IFO("***** Launch Config URL Upgrade *****");
-  std::string url = composeUrl(setting(autop_key::kServerUrl), setting(autop_key::kUserName), setting(autop_key::kPassword), true);
+  std::string url =
+      composeUrl(setting(autop_key::kServerUrl), setting(autop_key::kUserName), setting(autop_key::kPassword), true);
   return autoUpgrade::UpgradeFromURL(url);
 }
 
@@ -140,7 +143,11 @@ bool launchDhcpUpgrade(bool waitNetwork) {
   if (waitNetwork && !waitNetworkReady()) return false;
   if (settingInt(autop_key::kEnableDhcpOption, 1) == 0 || netGetNetworkType() != kWiredNetwork) return false;
   iniFile store;
-  if (!store.LoadFromFile(kDhcpOptionStore)) return false;
+  // The network stack writes it in the shared /tmp: never followed through a link, bounded.
+  std::string storeText;
+  if (!readSharedTmpFile(kDhcpOptionStore, kMaxDhcpOptionStore, storeText) || storeText.size() > kMaxDhcpOptionStore)
+    return false;
+  store.LoadFromText(storeText);
   if (tryDhcpOption(store, setting(autop_key::kUserDhcpOptions), "user")) return true;
   for (const std::string& option : splitOptions(setting(autop_key::kSystemDhcpOptions, kDefaultSystemOptions)))
     if (tryDhcpOption(store, option, "system")) return true;
@@ -173,8 +180,8 @@ bool launchUpgradeWithInfo(const AutopInfo* info) {
     return false;
   }
   if (!waitNetworkReady()) return false;
-  std::string url = composeUrl(autopInfoText(info->url), autopInfoText(info->userName),
-                               autopInfoText(info->password), true);
+  std::string url =
+      composeUrl(autopInfoText(info->url), autopInfoText(info->userName), autopInfoText(info->password), true);
   return autoUpgrade::UpgradeFromURL(url, info);
 }
 

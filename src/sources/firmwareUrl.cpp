@@ -12,10 +12,13 @@
 #include "inifile.h"
 #include "log.h"
 #include "msgqueue.h"
+#include "privateTmp.h"
 #include "registry.h"
 #include "safeMode.h"
 
 namespace {
+
+constexpr size_t kMaxRequestFile = 65536;
 
 std::string lowerExtension(const std::string& name) {
   size_t dot = name.rfind('.');
@@ -44,7 +47,9 @@ std::string tr069RequestFile() {
 
 int tr069DownloadRom() {
   iniFile request;
-  request.LoadFromFile(tr069RequestFile());
+  std::string requestText;  // written by another application in the shared /tmp: never via a link
+  if (readSharedTmpFile(tr069RequestFile(), kMaxRequestFile, requestText) && requestText.size() <= kMaxRequestFile)
+    request.LoadFromText(requestText);
   std::string urlText = request.GetTextValue("firmware", "http_url", "");
   std::string name = request.GetTextValue("firmware", "firmware_name", "");
   ns_net::autopUrl url;

@@ -134,7 +134,7 @@ TEST_F(UpgraderTest, ValueRules) {
   const Rule rules[] = {
       // The custom per-device location moves to the file the phone reads; only from the download.
       {"/tmp/download.cfg", "CUSTOM_MAC_CFG_PATH", "server_address", "tftp://10.0.0.1/", "", false, 1,
-       "tftp://10.0.0.1/", "/tmp/autop_tmp_config.cfg", "IFO Get CustomMacUrl, Set to file /tmp/autop_tmp_config.cfg"},
+       "tftp://10.0.0.1/", "/tmp/provisor.d/autop_tmp_config.cfg", "IFO Get CustomMacUrl, Set to file /tmp/provisor.d/autop_tmp_config.cfg"},
       {"/tmp/other.cfg", "CUSTOM_MAC_CFG_PATH", "server_address", "x", "", false, 0, "x", "/tmp/other.cfg", ""},
       // The random key: any value with the switch off, exactly 16 letters or digits with it on.
       {adv, "sn", "AES_RANDOM_KEY", "abcdefghijklmno", "", false, 0, "abcdefghijklmno", adv, ""},

@@ -80,7 +80,7 @@ TEST_F(ConfigUpdateTest, DecryptedFileWhatIsAppliedAndWhatAsksForAReboot) {
     EXPECT_TRUE(log.contains(logged)) << log.text();
     EXPECT_EQ(reboot, rebootAsked);
     EXPECT_EQ(label(), accountLabel);
-    EXPECT_FALSE(root->exists("/tmp/xxx.cfg")) << "the download in clear outlived its use";
+    EXPECT_FALSE(root->exists("/tmp/provisor.d/xxx.cfg")) << "the download in clear outlived its use";
   }
 }
 

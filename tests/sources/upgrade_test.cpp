@@ -3,12 +3,20 @@
 // tests), "$mac", the custom per-device file location, the MD5 memory, both file models, the size
 // limit, and no password of any URL in the log.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <functional>
 #include <map>
 
+#include "autoLaunch.h"
 #include "autoParser.h"
 #include "autoUpgrade.h"
 #include "autopTranslator.h"
+#include "firmwareUrl.h"
+#define LOG_MODULE "./src/upgradeTest"
+#include "log.h"
 #include "registry.h"
 #include "servers.h"
 #include "testRoot.h"
@@ -81,7 +89,7 @@ TEST_F(UpgradeTest, LocalDirectoryAppliesCommonThenPerDeviceFile) {
   root->write("/srv/c/common.cfg", m7("custom_mac_cfg.url = /srv/devs/mine.cfg\n"));
   EXPECT_TRUE(autoUpgrade::UpgradeFromURL("/srv/c/"));
   EXPECT_EQ(account(3), "Named");
-  EXPECT_EQ(ini("/tmp/autop_tmp_config.cfg", "CUSTOM_MAC_CFG_PATH", "server_address"), "/srv/devs/mine.cfg");
+  EXPECT_EQ(ini("/tmp/provisor.d/autop_tmp_config.cfg", "CUSTOM_MAC_CFG_PATH", "server_address"), "/srv/devs/mine.cfg");
 }
 
 TEST_F(UpgradeTest, InvalidUrlsAndFileNames) {
@@ -265,4 +273,55 @@ TEST_F(UpgradeTest, EachFileOfAMacDirectoryIsDecryptedWithTheKeyOfItsRole) {
   EXPECT_TRUE(autoUpgrade::UpgradeFromURL("/srv/$mac/"));
   EXPECT_EQ(account(1), "Shared");
   EXPECT_EQ(account(0), "Mine");
+}
+
+// Another local process plants a link at each fixed name the daemon uses in the shared /tmp, aimed
+// at a file of the phone whose contents would be taken for ours. Nothing is written through the
+// link, nothing is read through it, and a run that does not need the name still works.
+TEST_F(UpgradeTest, LinksPlantedAtFixedNamesInTmpAreNeverFollowed) {
+  root->write("/srv/devs/mine.cfg", m7("account.4.label = Named\n"));
+  root->write("/srv/c/common.cfg", m7("custom_mac_cfg.url = /srv/devs/mine.cfg\n"));
+  auto upgrade = [] { return autoUpgrade::UpgradeFromURL("/srv/c/"); };
+  auto pushed = [] { return autoParser().updateConfig(true) == kUpdateDone; };
+  auto dhcp = [] { return autoLaunch::launchDhcpUpgrade(false); };
+  auto tr069 = [] { return tr069DownloadRom() != 0; };
+  auto backup = [this] { return backupLog() == 0 && !root->exists("/config/autop_log/log.0"); };
+  const std::string request = "[firmware]\nhttp_url = http://127.0.0.1:1/fw.rom\nfirmware_name = fw.rom\n";
+  const std::string collected = "/tmp/provisor.d/autop_tmp_config.cfg";
+  struct Case {
+    std::string name, target;
+    std::function<bool()> run;
+    bool works;
+    std::string unseen;  // a log text that only a read through the link would give
+  } cases[] = {
+      {"/tmp/xxx.cfg", m7("account.5.label = Planted\n"), upgrade, true, ""},
+      {"/tmp/xxx.cfgdecrypt", m7("account.5.label = Planted\n"), upgrade, true, ""},
+      {"/tmp/autop_tmp_config.cfg", "[Planted]\nkey = 1\n", upgrade, true, ""},
+      {"/tmp/XML.cfg", m7("account.5.label = Planted\n"), pushed, false, ""},
+      {"/tmp/valdrun_dhcp_options", "[DHCP]\n66 = /srv/c/\n", dhcp, false, ""},
+      {"/tmp/tr069_" + std::string(kMac) + ".cfg", request, tr069, false, "strURL=http://127.0.0.1:1/fw.rom"},
+      {"/tmp/autop.log", "[ ERR ] planted\n", backup, true, ""},
+  };
+  const std::string target = "/config/system/keep.ini";
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    root->write(target, c.target);
+    remove(root->host(c.name).c_str());
+    ASSERT_EQ(symlink(root->host(target).c_str(), root->host(c.name).c_str()), 0);
+    LogCapture log;
+    EXPECT_EQ(c.run(), c.works);
+    if (!c.unseen.empty()) {
+      EXPECT_FALSE(log.contains(c.unseen));
+    }
+    // Wherever the custom values were collected, the planted file's keys were not read into them.
+    for (const std::string& file : {collected, std::string("/tmp/autop_tmp_config.cfg")}) {
+      struct stat st;
+      if (lstat(root->host(file).c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+        EXPECT_EQ(ini(file, "Planted", "key"), "<none>");
+      }
+    }
+    EXPECT_EQ(root->read(target), c.target);
+    EXPECT_EQ(account(4), "<none>");  // the planted configuration was never applied
+    remove(root->host(c.name).c_str());
+  }
 }
