@@ -1,6 +1,7 @@
 #define LOG_MODULE "./src/mediaParser"
 #include "mediaParser.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -139,6 +140,26 @@ int autoScaledPicture::checkFile() {
   return scalePicture();
 }
 
+namespace {
+
+// A script stopped at the time bound never runs its own clean-up: its scratch files (named
+// ".imageScale.*" beside the picture, a name no server file can have) are removed here.
+void removeScratchFiles(const std::string& hostPicture) {
+  size_t slash = hostPicture.rfind('/');
+  std::string folder = slash == std::string::npos ? "." : hostPicture.substr(0, slash);
+  UniqueFd dir(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  DIR* listing = dir.get() >= 0 ? fdopendir(dup(dir.get())) : nullptr;
+  if (!listing) return;
+  std::vector<std::string> scratch;
+  while (dirent* entry = readdir(listing)) {
+    if (strncmp(entry->d_name, ".imageScale.", 12) == 0) scratch.push_back(entry->d_name);
+  }
+  closedir(listing);
+  for (const std::string& name : scratch) unlinkat(dir.get(), name.c_str(), 0);
+}
+
+}  // namespace
+
 int autoScaledPicture::scalePicture() {
   if (fileSize(m_srcPath.c_str()) > kPictureMaxBytes) {
     LOG_ERR("the picture is too large !");
@@ -158,6 +179,7 @@ int autoScaledPicture::scalePicture() {
                              alive);
   if (child > 0 && !waitBounded(child, alive, kPictureScaleTimeoutMs)) {
     LOG_ERR("Picture scaling stopped after %d ms", kPictureScaleTimeoutMs);
+    removeScratchFiles(source);
     return 0;
   }
   if (child < 0 || !scaleReportedDone()) {

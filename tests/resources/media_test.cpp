@@ -20,8 +20,8 @@ class MediaTest : public ParserTest {
  protected:
   void SetUp() override {
     ParserTest::SetUp();
-    run("mkdir -p '" + root->host("/phone/scripts") + "' '" + root->host("/tmp") + "' && cp '" PROVISOR_SOURCE_DIR
-        "/platform/scripts/imageScale.sh' '" + root->host(kImageScaleScript) + "'");
+    run("mkdir -p '" + root->host("/phone/scripts") + "' '" + root->host("/tmp") +
+        "' && cp '" PROVISOR_SOURCE_DIR "/platform/scripts/imageScale.sh' '" + root->host(kImageScaleScript) + "'");
   }
   std::string geometry(const std::string& logical) const {
     std::string out;
@@ -103,7 +103,8 @@ TEST_F(MediaTest, PicturesAreCheckedAndScaledByTheScript) {
 // bound, on the service clock, and its late verdict does not count.
 TEST_F(MediaTest, AScalingRunPastItsTimeBoundIsStoppedWithItsChildrenAndThePictureRefused) {
   root->write(kImageScaleScript,
-              "#!/bin/sh\nsleep 600 &\necho $! > \"$PROVISOR_ROOT/tmp/sleeper.pid\"\n"
+              "#!/bin/sh\n: > \"$(dirname \"$4\")/.imageScale.Ab12Cd\"\n"
+              "sleep 600 &\necho $! > \"$PROVISOR_ROOT/tmp/sleeper.pid\"\n"
               "printf '1\\n' > \"$PROVISOR_ROOT/tmp/imageScale.out\"\nwait\n");
   run("chmod 755 '" + root->host(kImageScaleScript) + "' && convert -size 30x20 xc:orange '" +
       root->host("/tmp/slow.png") + "'");
@@ -117,6 +118,8 @@ TEST_F(MediaTest, AScalingRunPastItsTimeBoundIsStoppedWithItsChildrenAndThePictu
   int sleeper = atoi(root->read("/tmp/sleeper.pid").c_str());
   ASSERT_GT(sleeper, 1);
   EXPECT_TRUE(testing_support::pollFor([&] { return kill(sleeper, 0) != 0; }, 5000)) << "the script's child lives on";
+  // The scratch file of the stopped script goes with it.
+  EXPECT_EQ(runCommand("find '" + root->host("/tmp") + "' -name '.imageScale.*' | grep -q ."), 1);
 }
 
 }  // namespace
