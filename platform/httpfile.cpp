@@ -8,6 +8,8 @@
 #include <openssl/x509.h>
 #include <strings.h>
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstring>
@@ -113,11 +115,16 @@ class httpTransfer {
   void markBroken(const std::string& why);
   static size_t onBody(char* data, size_t size, size_t count, void* self);
   static size_t onHeader(char* data, size_t size, size_t count, void* self);
+  static int onSocket(void*, curl_socket_t fd, curlsocktype purpose);
+  static constexpr int64_t kSmallAnswerBytes = 16 * 1024;
 
   CURL* easy_ = nullptr;
   CURLM* multi_ = nullptr;
   static constexpr size_t kHighWaterBytes = 512 * 1024;
 
+  // The bytes a closed range "a-b" can want of a whole-file answer: b + 1; -1 for any other request.
+  int64_t wholeAnswerLimit_ = -1;
+  bool stoppedAtLimit_ = false;
   bool added_ = false;
   bool paused_ = false;
   bool headersDone_ = false;
@@ -147,9 +154,20 @@ size_t httpTransfer::onBody(char* data, size_t size, size_t count, void* self) {
     return CURL_WRITEFUNC_PAUSE;
   }
   const uint8_t* first = reinterpret_cast<const uint8_t*>(data);
-  t->body_.insert(t->body_.end(), first, first + bytes);
-  t->received_ += static_cast<int64_t>(bytes);
+  size_t take = bytes;
+  // A server that ignores a closed range sends the whole file (a firmware header check would get the
+  // whole image): past the range's end nothing can be wanted, so the transfer stops there and the
+  // connection is dropped at once.
+  if (code == 200 && t->wholeAnswerLimit_ >= 0)
+    take = static_cast<size_t>(
+        std::min<int64_t>(static_cast<int64_t>(bytes), std::max<int64_t>(0, t->wholeAnswerLimit_ - t->received_)));
+  t->body_.insert(t->body_.end(), first, first + take);
+  t->received_ += static_cast<int64_t>(take);
   t->headersDone_ = true;
+  if (t->wholeAnswerLimit_ >= 0 && code == 200 && t->received_ >= t->wholeAnswerLimit_) {
+    t->stoppedAtLimit_ = true;
+    return 0;  // ends the transfer: libcurl closes the connection
+  }
   return bytes;
 }
 
@@ -222,6 +240,16 @@ bool httpTransfer::open(const char* url, int32_t timeoutMs, bool tls, const std:
   }
   configure(url, timeoutMs, tls);
   if (!range.empty()) curl_easy_setopt(easy_, CURLOPT_RANGE, range.c_str());
+  long long first = -1, last = -1;
+  char rest = 0;
+  if (sscanf(range.c_str(), "%lld-%lld%c", &first, &last, &rest) == 2 && first >= 0 && last >= first)
+    wholeAnswerLimit_ = last + 1;
+  // A small question (a header) gets a small receive window, so a server that ignores the range can
+  // push little more than the question's bytes before the connection is dropped.
+  if (wholeAnswerLimit_ >= 0 && wholeAnswerLimit_ <= kSmallAnswerBytes) {
+    curl_easy_setopt(easy_, CURLOPT_BUFFERSIZE, static_cast<long>(kSmallAnswerBytes));
+    curl_easy_setopt(easy_, CURLOPT_SOCKOPTFUNCTION, &httpTransfer::onSocket);
+  }
   if (curl_multi_add_handle(multi_, easy_) != CURLM_OK) {
     error = "cannot start transfer";
     return false;
@@ -257,8 +285,18 @@ void httpTransfer::pumpUntil(Ready ready, SteadyClock::time_point deadline) {
   }
 }
 
+int httpTransfer::onSocket(void*, curl_socket_t fd, curlsocktype purpose) {
+  if (purpose == CURLSOCKTYPE_IPCXN) {
+    int window = static_cast<int>(kSmallAnswerBytes);
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &window, sizeof(window));
+  }
+  return CURL_SOCKOPT_OK;
+}
+
 void httpTransfer::finish(CURLcode result) {
   done_ = true;
+  // Stopped on purpose at the end of the range asked for: every wanted byte is here.
+  if (result == CURLE_WRITE_ERROR && stoppedAtLimit_) result = CURLE_OK;
   result_ = result;
   if (result != CURLE_OK) error = errorBuffer_[0] ? errorBuffer_ : curl_easy_strerror(result);
 }

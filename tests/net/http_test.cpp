@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <thread>
 
 #include "fileStream.h"
+#include "httpfile.h"
 #include "netPeers.h"
 #include "servers.h"
 #include "testRoot.h"
@@ -125,3 +127,36 @@ TEST(HttpScripted, CutAndStalledBodiesAndDigestAuthentication) {
 }
 
 }  // namespace
+
+// A firmware header check asks for bytes 0-339; a server that ignores the range answers with the
+// whole image. The client keeps the 340 bytes and drops the connection at once: the server, with a
+// small send buffer of its own, gets little more than the client's small window out (720 KB of a
+// 5 MB image before this was bounded).
+TEST(HttpScripted, AServerIgnoringAClosedRangeIsCutOffAfterItsBytes) {
+  TempRoot root;
+  TcpPeer peer;
+  size_t sent = 0;
+  std::thread script([&] {
+    int fd = peer.accept();
+    int small = 16384;
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+    readRequest(fd);
+    const size_t image = 5 * 1024 * 1024;
+    sendText(fd, "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(image) + "\r\n\r\n");
+    const std::string chunk(65536, 'i');
+    for (ssize_t n = 0; sent < image && n >= 0; sent += static_cast<size_t>(std::max<ssize_t>(n, 0)))
+      n = send(fd, chunk.data(), std::min(chunk.size(), image - sent), MSG_NOSIGNAL);
+    close(fd);
+  });
+  httpFile file;
+  file.SetByteRange("0-339");
+  ASSERT_NE(file.OpenHttpFile(("http://127.0.0.1:" + std::to_string(peer.port()) + "/fw.rom").c_str(), 5000), 0);
+  EXPECT_EQ(file.ResponseCode(), 200);
+  char header[340];
+  EXPECT_EQ(file.ReadFile(header, 1, sizeof(header), 5000), 340);
+  EXPECT_EQ(file.ReadFile(header, 1, sizeof(header), 5000), 0) << "nothing past the range is handed out";
+  EXPECT_FALSE(file.TransferBroken());
+  file.CloseHttpFile();
+  script.join();
+  EXPECT_LT(sent, 256u * 1024u) << "bytes the server got out";
+}
