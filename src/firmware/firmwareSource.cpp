@@ -17,35 +17,25 @@ bool rangeAnswered(const std::string& asked, const std::string& contentRange) {
   return contentRange.rfind("bytes " + asked.substr(0, asked.find('-')) + "-", 0) == 0;
 }
 
-// Opens an HTTP(S) stream on a byte range and hands it to the download. A part other than the one
-// asked for would be spliced into the image at the wrong place: the attempt is dropped and the image
-// fetched from its start instead, skipping what was already read.
-template <class Stream>
-bool openRange(ns_net::fileDownload& download, const ns_net::autopUrl& url, int32_t timeoutMs, const std::string& range,
-               int64_t skipIfWhole) {
-  auto stream = std::make_unique<Stream>();
-  stream->SetByteRange(range);
-  if (!stream->Open(url.ToText(), timeoutMs < 0 ? ns_net::pipeStream::kDefaultTimeoutMs : timeoutMs)) return false;
-  if (!range.empty() && stream->ResponseCode() == 206 && !rangeAnswered(range, stream->ContentRange())) {
-    LOG_WAR("Image server sent range [%s] for [%s], fetching from the start",
-            logEscaped(stream->ContentRange()).c_str(), range.c_str());
-    stream->Close();
-    return openRange<Stream>(download, url, timeoutMs, "", skipIfWhole);
+// Opens the image, from `range` when given, through the download's own choice of stream. A part
+// other than the one asked for would be spliced into the image at the wrong place: the attempt is
+// dropped and the image fetched from its start instead, skipping what was already read; so is a
+// whole answer (a server that ignores ranges, or a transport without them).
+bool openFrom(ns_net::fileDownload& download, const ns_net::autopUrl& url, int32_t timeoutMs, const std::string& range,
+              int64_t skipIfWhole) {
+  if (!download.OpenDownloadStream(url, timeoutMs, range)) return false;
+  const ns_net::pipeStream& stream = *download.CurrentStream();
+  if (!range.empty() && stream.IsPartAnswer() && !rangeAnswered(range, stream.PartAnswered())) {
+    LOG_WAR("Image server sent range [%s] for [%s], fetching from the start", logEscaped(stream.PartAnswered()).c_str(),
+            range.c_str());
+    download.Close();
+    return openFrom(download, url, timeoutMs, "", skipIfWhole);
   }
-  bool whole = stream->ResponseCode() != 206;
-  if (!download.Attach(stream.release())) return false;
-  // A server that ignores the range sends the image from its start again.
-  if (whole && skipIfWhole > 0 && !download.DownloadToNULL(static_cast<int>(skipIfWhole))) {
+  if (!stream.IsPartAnswer() && skipIfWhole > 0 && !download.DownloadToNULL(static_cast<int>(skipIfWhole))) {
     download.Close();
     return false;
   }
   return true;
-}
-
-bool openFrom(ns_net::fileDownload& download, const ns_net::autopUrl& url, int32_t timeoutMs, const std::string& range,
-              int64_t offset) {
-  if (url.scheme == "https") return openRange<ns_net::httpsStream>(download, url, timeoutMs, range, offset);
-  return openRange<ns_net::httpStream>(download, url, timeoutMs, range, offset);
 }
 
 class streamImageSource : public firmwareImageSource {
@@ -106,9 +96,8 @@ std::unique_ptr<firmwareImageSource> openImage(const std::string& urlText, int32
     return nullptr;
   }
   auto source = std::make_unique<streamImageSource>(nullptr, url, resume, timeoutMs);
-  bool opened = isHttp(url) ? openFrom(source->download(), url, timeoutMs,
-                                       headerOnly ? "0-" + std::to_string(kFirmwareHeaderSize - 1) : "", 0)
-                            : source->download().OpenDownloadStream(url, timeoutMs);
+  bool opened =
+      openFrom(source->download(), url, timeoutMs, headerOnly ? "0-" + std::to_string(kFirmwareHeaderSize - 1) : "", 0);
   if (!opened) {
     if (status) *status = FW_ERR_OPEN;
     return nullptr;

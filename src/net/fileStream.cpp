@@ -96,13 +96,16 @@ void httpsStream::Close() { CloseHttpsFile(); }
 
 fileDownload::~fileDownload() { Close(); }
 
-std::unique_ptr<pipeStream> fileDownload::openStream(const autopUrl& url, int32_t timeoutMs) {
+std::unique_ptr<pipeStream> fileDownload::openStream(const autopUrl& url, int32_t timeoutMs,
+                                                     const std::string& byteRange) {
   const int32_t httpTimeout = timeoutMs < 0 ? pipeStream::kDefaultTimeoutMs : timeoutMs;
   if (url.scheme == "https") {
     auto stream = std::make_unique<httpsStream>();
+    stream->SetByteRange(byteRange);
     if (stream->Open(url.ToText(), httpTimeout)) return stream;
   } else if (url.scheme == "http") {
     auto stream = std::make_unique<httpStream>();
+    stream->SetByteRange(byteRange);
     if (stream->Open(url.ToText(), httpTimeout)) return stream;
   } else if (url.scheme == "ftp") {
     std::string host = resolvedHost(url.host);
@@ -123,14 +126,14 @@ std::unique_ptr<pipeStream> fileDownload::openStream(const autopUrl& url, int32_
   return nullptr;
 }
 
-bool fileDownload::OpenDownloadStream(const autopUrl& url, int32_t timeoutMs) {
+bool fileDownload::OpenDownloadStream(const autopUrl& url, int32_t timeoutMs, const std::string& byteRange) {
   LOG_IFO("fileDownload::OpenDownloadStream[%s][%s]", logEscaped(url.host).c_str(), logEscaped(url.path).c_str());
   if (m_pCurrentStream) {
     LOG_ERR("The fileDownload stream has been openned !");
     return false;
   }
   startTransfer();
-  m_pCurrentStream = openStream(url, timeoutMs);
+  m_pCurrentStream = openStream(url, timeoutMs, byteRange);
   if (m_pCurrentStream) m_urlText = url.ToText();
   LOG_IFO("Open URL %s", m_pCurrentStream ? "OK" : "Fail");
   return m_pCurrentStream != nullptr;

@@ -28,6 +28,8 @@ template <class Library>
 class httpStreamBase : public pipeStream, public Library {
  public:
   int Read(void* buffer, int elementSize, int count) override;
+  bool IsPartAnswer() const override { return Library::ResponseCode() == 206; }
+  std::string PartAnswered() const override { return Library::ContentRange(); }
 
  protected:
   byteArray m_data;
@@ -62,7 +64,9 @@ class fileDownload {
 
   // A negative time-out means the stream's default (5000 ms; 16000 ms for TFTP). FTP always uses
   // its own 5000 ms.
-  bool OpenDownloadStream(const autopUrl& url, int32_t timeoutMs);
+  // `byteRange` ("0-339", "1048576-") asks an HTTP(S) server for part of the file; other transports
+  // send the whole file. The stream's IsPartAnswer tells which came.
+  bool OpenDownloadStream(const autopUrl& url, int32_t timeoutMs, const std::string& byteRange = "");
   // Reads up to nBytes into the buffer; the bytes read.
   int Read(void* pBuffer, int nBytes);
   // The whole stream into a file (logical path); the bytes written, 0 when the file cannot be
@@ -89,7 +93,7 @@ class fileDownload {
   bool LastTransferBroken() const { return m_lastErrorCategory == kBrokenCategory && m_lastErrorCode == kBrokenCode; }
 
  private:
-  std::unique_ptr<pipeStream> openStream(const autopUrl& url, int32_t timeoutMs);
+  std::unique_ptr<pipeStream> openStream(const autopUrl& url, int32_t timeoutMs, const std::string& byteRange);
   // One stream read, counted; notes a break of the stream when it reads nothing.
   int readChunk(void* buffer, int bytes);
   void noteBreak(int64_t missing);

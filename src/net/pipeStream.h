@@ -22,6 +22,11 @@ class pipeStream {
   virtual void Close() = 0;
   virtual ~pipeStream() = default;
 
+  // After an open that asked for part of the file: true when the answer is a part (HTTP 206), and
+  // which part ("bytes 340-999/1000"). Transports without parts send the whole file from its start.
+  virtual bool IsPartAnswer() const { return false; }
+  virtual std::string PartAnswered() const { return ""; }
+
   // The per-operation time-out the stream passes to its transport; returns the previous one.
   int32_t SetTimeout(int32_t ms) {
     int32_t previous = m_timeoutMs;
