@@ -40,5 +40,6 @@ class DeviceFile {
 };
 
 // Runs a shell command through /bin/sh -c; the wait status as system() gives it (-1 when no shell
-// could be started). Callers quote every value they put in it.
+// could be started). Callers quote every value they put in it. The host build has none of the
+// phone's scripts: it records "system <command>" and answers 0.
 int platformSystem(const std::string& command);

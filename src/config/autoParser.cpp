@@ -41,19 +41,10 @@ bool startsNewBatch(const autopItem& previous, const autopItem& next) {
   return operationOf(next.usage) != kOperationModify && previous.value != next.value;
 }
 
-void splitActions(const std::string& action, std::vector<std::string>& queue) {
-  size_t start = 0;
-  while (start <= action.size()) {
-    size_t end = action.find(';', start);
-    if (end == std::string::npos) end = action.size();
-    // Every changed item names its calls again: they are compared in place, copied only when new.
-    std::string_view call(action.data() + start, end - start);
-    size_t first = call.find_first_not_of(" \t");
-    size_t last = call.find_last_not_of(" \t\r\n");
-    call = first == std::string_view::npos ? std::string_view() : call.substr(first, last - first + 1);
-    if (!call.empty() && std::find(queue.begin(), queue.end(), call) == queue.end()) queue.emplace_back(call);
-    start = end + 1;
-  }
+// Every changed item names its calls again: each is queued once, in the order first named.
+void queueActions(const std::string& action, std::vector<std::string>& queue) {
+  for (std::string& call : splitActionCalls(action))
+    if (std::find(queue.begin(), queue.end(), call) == queue.end()) queue.push_back(std::move(call));
 }
 
 }  // namespace
@@ -287,8 +278,6 @@ bool autoParser::fillBatch(autopItemList& batch) {
 
 bool autoParser::applyBatches(bool unchanged) {
   m_pendingMethods.clear();
-  // The resource parsers stand below the text methods; their post steps reach them through this.
-  setBinParserMethodRunner(callTextMethod);
   autopItemList deferredFirmware;
   // Keys of different INI files may take turns in a configuration file, cutting it into many small
   // batches: each INI file is written once, whole, when the file's batches are through, and before
@@ -352,7 +341,7 @@ void autoParser::collectChanges(const autopItemList& batch) {
   bool needsReboot = false;
   for (const auto& item : batch) {
     if (!item || !item->changed) continue;
-    splitActions(item->action, m_pendingMethods);
+    queueActions(item->action, m_pendingMethods);
     needsReboot = needsReboot || item->reboot;
   }
   if (needsReboot) requestReboot();

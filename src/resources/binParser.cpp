@@ -12,6 +12,7 @@
 
 #include "archiveParser.h"
 #include "baseMethod.h"
+#include "callMethod.h"
 #include "beneath.h"
 #include "certParser.h"
 #include "descriptor.h"
@@ -51,11 +52,6 @@ constexpr binTypeRow kBinTypeTable[] = {
 
 constexpr size_t kDeleteWordBuffer = 100;
 constexpr size_t kCopyChunk = 64 * 1024;
-
-binParserMethodRunner& methodRunner() {
-  static binParserMethodRunner runner = nullptr;
-  return runner;
-}
 
 // Copies the whole of `in` to `out`; false on any read or write error (a full partition).
 bool copyDescriptor(int in, int out) {
@@ -193,30 +189,14 @@ int autoBinParser::installCopyAtomic(const std::string& source, const std::strin
 }
 
 int autoBinParser::runActionMethods() const {
-  binParserMethodRunner runner = methodRunner();
   int status = 1;
-  size_t start = 0;
-  while (start <= m_action.size()) {
-    size_t end = m_action.find(';', start);
-    if (end == std::string::npos) end = m_action.size();
-    std::string call = m_action.substr(start, end - start);
-    start = end + 1;
-    size_t first = call.find_first_not_of(" \t\r\n");
-    if (first == std::string::npos) continue;
-    call = call.substr(first, call.find_last_not_of(" \t\r\n") - first + 1);
-    if (!runner) {
-      LOG_WAR("No text method runner for [%s]", call.c_str());
-      status = 0;
-      continue;
-    }
-    std::string result = runner(call);
+  for (const std::string& call : splitActionCalls(m_action)) {
+    std::string result = callTextMethod(call);
     LOG_DEB("call text method [%s] return [%s]", call.c_str(), result.c_str());
     if (result.compare(0, 6, "ERROR:") == 0) status = 0;
   }
   return status;
 }
-
-void setBinParserMethodRunner(binParserMethodRunner runner) { methodRunner() = runner; }
 
 int32_t binParserTypeOf(const char* keyword) {
   if (!keyword) return kBinTypeUnknown;

@@ -115,8 +115,10 @@ class autoBinParser {
   // renamed over it, so a crash or a full partition leaves either the old file or the new one.
   // Missing parent directories are created. 1 on success; on failure the destination is untouched.
   static int installCopyAtomic(const std::string& source, const std::string& destination);
-  // Runs every ";"-separated call of the action text through the text-method runner. 1 when all
-  // ran (or there were none), 0 when a call failed or no runner is installed.
+  // Runs every ";"-separated call of the action text at once, so the application reloads the new
+  // file before later items of the same configuration file run (the end-of-file queue may send the
+  // same call once more, which a reload takes in its stride). 1 when all ran (or there were none),
+  // 0 when a call failed.
   int runActionMethods() const;
 
   std::string m_destPath;  // a file or a directory
@@ -140,10 +142,3 @@ std::unique_ptr<autoBinParser> createBinParserFor(const autopItem& item);
 // Parses "<scheme>://localhost/<word>": the delete type, with the file name for kDeleteFile.
 int32_t parseDeleteCommand(const char* command, std::string* fileName);
 
-// The text-method runner that post steps use: the layer that owns text methods installs it once
-// at start (the parsers stand below it). It returns the call's result text; a text starting
-// "ERROR:" is a failed call. nullptr removes it. A post step tells the application at once, so it
-// reloads the new file before later items of the same configuration file run; the end-of-file
-// queue of that file may send the same call once more, which a reload takes in its stride.
-using binParserMethodRunner = std::string (*)(const std::string& callText);
-void setBinParserMethodRunner(binParserMethodRunner runner);

@@ -8,6 +8,7 @@
 #include <typeindex>
 #include <vector>
 
+#include "actions.h"
 #include "archiveParser.h"
 #include "baseMethod.h"
 #include "certParser.h"
@@ -70,25 +71,19 @@ TEST_F(BinParserTest, DeleteStaysInsideTheDestination) {
   EXPECT_FALSE(root->exists("/config/ring/a.wav"));
 }
 
-std::vector<std::string> g_calls;
-std::string recordCall(const std::string& call) {
-  g_calls.push_back(call);
-  return call.find("fail") != std::string::npos ? "ERROR: unknown method" : "1";
-}
-
 TEST_F(BinParserTest, InstallChecksThenCopiesAndAFailedPostStillCounts) {
-  setBinParserMethodRunner(recordCall);
-  g_calls.clear();
   LogCapture log;
   root->write("/tmp/c.xml", "<ContactData><Contact Name=\"A\"/></ContactData>");
   autoContactParser contacts;
-  contacts.setAction(" msgPostMessage(\"app_vpPhone\",0x60002,0,0) ; fail() ");
+  // The post step runs the text methods itself: the host build records the shell call.
+  contacts.setAction(" system(\"reload contacts\") ; fail() ");
   EXPECT_EQ(contacts.installFile("/tmp/c.xml", "/config/data/contactData1.xml"), 1);
   EXPECT_EQ(root->read("/config/data/contactData1.xml"), root->read("/tmp/c.xml"));
-  EXPECT_EQ(g_calls, (std::vector<std::string>{"msgPostMessage(\"app_vpPhone\",0x60002,0,0)", "fail()"}));
+  EXPECT_EQ(root->read(kHostActionsLog), "system reload contacts\n");
+  EXPECT_TRUE(log.contains("call text method [fail()] return [ERROR:"));
   EXPECT_TRUE(log.contains("Warning! Exception occurred in UpgradePost func !"));
 
-  // Wrong root, broken XML, no file: refused, the installed file unchanged.
+  // Wrong root, broken XML, no file: refused, the installed file unchanged, no post step.
   for (const char* body : {"<DialRule/>", "<ContactData><Contact></ContactData>", ""}) {
     root->write("/tmp/bad.xml", body);
     if (!*body) remove(root->host("/tmp/bad.xml").c_str());
@@ -96,8 +91,7 @@ TEST_F(BinParserTest, InstallChecksThenCopiesAndAFailedPostStillCounts) {
   }
   EXPECT_TRUE(log.contains("Error! Invalid Upgrade BIN File [/tmp/bad.xml]!"));
   EXPECT_EQ(root->read("/config/data/contactData1.xml"), root->read("/tmp/c.xml"));
-  EXPECT_EQ(g_calls.size(), 2u);
-  setBinParserMethodRunner(nullptr);
+  EXPECT_EQ(root->read(kHostActionsLog), "system reload contacts\n");
 }
 
 // A 64 KiB tmpfs holds the destination, mounted where the test re-executes itself in a private mount

@@ -79,3 +79,15 @@ TEST_F(TextMethodCallTest, LocalMethodsAndErrors) {
 }
 
 }  // namespace
+
+TEST(ActionCallsTest, SplitAtSemicolonsWithBlanksAndEmptyCallsDropped) {
+  const std::vector<std::pair<std::string, std::vector<std::string>>> cases = {
+      {"", {}},
+      {" ;; \r\n;", {}},
+      {"a()", {"a()"}},
+      {" a(1) ; b(\"x\")\r\n;;c()\t", {"a(1)", "b(\"x\")", "c()"}},
+      // A ';' inside quotes still splits: action texts never quote one.
+      {"a(\";\")", {"a(\"", "\")"}},
+  };
+  for (const auto& c : cases) EXPECT_EQ(splitActionCalls(c.first), c.second) << c.first;
+}

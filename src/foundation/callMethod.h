@@ -16,9 +16,8 @@
 // made answers with a text starting "ERROR:" that names the problem (malformed call, unknown
 // method, wrong arguments) with the method's signature or the help text.
 //
-// system(): on the phone it runs the command through the shell. The host build has none of the
-// phone's scripts, so it runs nothing: it records "system <command>" in the actions log
-// ($PROVISOR_ROOT/host/actions.log) and answers "0".
+// system(): the platform's shell call (platformSystem): on the phone the command runs through the
+// shell; the host build has none of the phone's scripts and only records it.
 #pragma once
 
 #include <cstdint>
@@ -30,6 +29,10 @@ constexpr int32_t kTextMethodSendTimeoutMs = 10000;
 
 // Parses and runs one call; the result text.
 std::string callTextMethod(const std::string& callText);
+
+// The calls of an action text: split at ';', blanks and line ends around each call dropped, empty
+// calls skipped. The same text is split this way wherever it is run.
+std::vector<std::string> splitActionCalls(const std::string& action);
 
 // Every method, numbered from 1: "%.4d " + name + "(" + signature + ")\n".
 std::string textMethodHelp();

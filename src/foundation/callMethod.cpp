@@ -126,16 +126,9 @@ bool sleepMethod(const Arguments& args, std::string& result) {
 }
 
 bool systemMethod(const Arguments& args, std::string& result) {
-#ifdef PROVISOR_PHONE_BUILD
   int status = platformSystem(args[0]);
   result = decimal(status);
   return status == 0;
-#else
-  // The host has none of the phone's scripts: record the command, run nothing.
-  recordAction("system " + args[0]);
-  result = "0";
-  return true;
-#endif
 }
 
 bool regFlushAllFileMethod(const Arguments&, std::string& result) {
@@ -282,4 +275,17 @@ std::string callTextMethod(const std::string& callText) {
   std::string result;
   if (!method->handler(args, result)) LOG_IFO("Error from %s", method->name);
   return result;
+}
+
+std::vector<std::string> splitActionCalls(const std::string& action) {
+  std::vector<std::string> calls;
+  size_t start = 0;
+  while (start <= action.size()) {
+    size_t end = action.find(';', start);
+    if (end == std::string::npos) end = action.size();
+    std::string call = trimmed(action.substr(start, end - start));
+    if (!call.empty()) calls.push_back(std::move(call));
+    start = end + 1;
+  }
+  return calls;
 }
