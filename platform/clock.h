@@ -1,8 +1,13 @@
-// Every wait of the service goes through this clock: sleeps, the millisecond tick, calendar time and
-// the time-outs of the message loop. Tests install a fake clock that advances at once, so waits of an
-// hour cost nothing. A daemon started with PROVISOR_FAKE_CLOCK=1 uses the fake clock too.
+// Every wait of the service goes through the process's clock: sleeps, the millisecond tick, calendar
+// time and every wait on a descriptor (message loops, answers, sockets, child programs). The clock
+// has exactly one way to wait, poll(), so a clock that runs faster than real time (the host's
+// fakeClock.h, for tests and the demo) only has to implement that one call; nothing else in the
+// service knows which clock it runs on.
 #pragma once
 
+#include <poll.h>
+
+#include <cstddef>
 #include <cstdint>
 
 class Clock {
@@ -12,55 +17,29 @@ class Clock {
   virtual uint32_t tickMs() = 0;
   // Calendar time in seconds since the epoch (32-bit on the target).
   virtual int32_t nowSeconds() = 0;
-  virtual void sleepMs(uint32_t ms) = 0;
-  // Longest real wait the message loop may block for when it wants to wait `ms`; the fake clock
-  // keeps real waits short and advances itself by the rest.
-  virtual int realWaitMs(int ms) = 0;
-  // Longest real wait for another application's answer when the caller allows `ms`. A fake clock
-  // gives a live peer a moment of real time to answer; past it the peer counts as silent and the
-  // fake clock moves on by the whole `ms` (waited).
-  virtual int realAnswerWaitMs(int ms) = 0;
-  // Called by the message loop when a wait of `ms` ended without a message.
-  virtual void waited(int ms) = 0;
+  // poll(2) on `fds` for up to `timeoutMs` of this clock (-1: no limit; no descriptors: a plain
+  // sleep). `peerGraceMs` is the real time a live peer behind the descriptors gets to answer before
+  // a clock faster than real time may move past this wait's end. Interrupted waits go on; the
+  // result is poll's: ready descriptors, 0 when the time passed, -1 on an error.
+  virtual int poll(pollfd* fds, size_t count, int timeoutMs, int peerGraceMs = 0) = 0;
+  // A wait on nothing but the time.
+  void sleepMs(uint32_t ms);
 };
 
 class RealClock : public Clock {
  public:
   uint32_t tickMs() override;
   int32_t nowSeconds() override;
-  void sleepMs(uint32_t ms) override;
-  int realWaitMs(int ms) override { return ms; }
-  int realAnswerWaitMs(int ms) override { return ms; }
-  void waited(int) override {}
+  int poll(pollfd* fds, size_t count, int timeoutMs, int peerGraceMs = 0) override;
 };
 
-// Starts at a fixed calendar time (or one given) and moves only when somebody waits on it.
-class FakeClock : public Clock {
- public:
-  explicit FakeClock(int32_t startSeconds = 1700000000);
-  ~FakeClock() override;
-  FakeClock(const FakeClock&) = delete;
-  FakeClock& operator=(const FakeClock&) = delete;
-  uint32_t tickMs() override;
-  int32_t nowSeconds() override;
-  void sleepMs(uint32_t ms) override;
-  int realWaitMs(int ms) override;
-  int realAnswerWaitMs(int ms) override;
-  void waited(int ms) override;
-  void advanceMs(uint64_t ms);
-  // The real time a peer has to answer (1 s unless set): a test whose peer never answers sets it
-  // short.
-  void setAnswerGraceMs(int ms);
-  uint64_t elapsedMs() const;  // total advanced since construction
-
- private:
-  struct State;
-  State* state_;
-};
-
-// The process-wide clock (not C's clock(), hence the name). setClock returns the previous one; nullptr restores the real clock.
+// The process-wide clock (not C's clock(), hence the name), set only at start-up (and by the
+// tests' scoped guard). setClock returns the previous one; nullptr restores the real clock.
 Clock& serviceClock();
 Clock* setClock(Clock* clock);
+// The clock a program starts with: the real one, or on the host build the fast one when
+// PROVISOR_FAKE_CLOCK=1 asks for it (the tests and the demo drive the daemon and the tool so).
+void installStartupClock();
 
 uint32_t brisaGetTickCount();
 void brisaSleep(uint32_t ms);

@@ -143,6 +143,9 @@ bool sendDatagram(int fd, const std::string& targetHost, const std::vector<char>
 // passed, -1 `quit` was set. `wakeFd` (or -1), a thread's wake-up descriptor, ends a real wait early
 // so that `quit` is seen at once; it is drained, and the loop looks at its queue before it blocks,
 // so a post that woke it is not lost.
+// Another application on this phone answers within this much real time, whatever the clock.
+constexpr int kPeerAnswerGraceMs = 1000;
+
 int waitOnClock(int fd, int wakeFd, const std::atomic<bool>* quit, uint32_t ms, bool forAnswer) {
   Clock& clock = serviceClock();
   const uint32_t start = clock.tickMs();
@@ -155,8 +158,7 @@ int waitOnClock(int fd, int wakeFd, const std::atomic<bool>* quit, uint32_t ms, 
     int count = 0;
     if (fd >= 0) fds[count++] = pollfd{fd, POLLIN, 0};
     if (wakeFd >= 0) fds[count++] = pollfd{wakeFd, POLLIN, 0};
-    int ready = poll(fds, count, forAnswer ? clock.realAnswerWaitMs(left) : clock.realWaitMs(left));
-    if (ready == 0) clock.waited(left);
+    int ready = clock.poll(fds, static_cast<size_t>(count), left, forAnswer ? kPeerAnswerGraceMs : 0);
     if (ready <= 0) continue;
     if (fd >= 0 && (fds[0].revents & (POLLIN | POLLERR | POLLHUP))) return 1;
     uint64_t value;
@@ -415,14 +417,8 @@ int chThreadLocal::Run() {
     int count = 0;
     fds[count++] = pollfd{impl_->wakeFd, POLLIN, 0};
     if (impl_->socket) fds[count++] = pollfd{impl_->socket->fd(), POLLIN, 0};
-    int realWait = serviceClock().realWaitMs(waitMs);
-    int ready = poll(fds, count, realWait);
-    if (ready == 0) {
-      // The fake clock waited only a moment of real time: it moves itself on to the deadline.
-      if (waitMs >= 0) serviceClock().waited(waitMs);
-      continue;
-    }
-    if (ready < 0) continue;
+    int ready = serviceClock().poll(fds, static_cast<size_t>(count), waitMs);
+    if (ready <= 0) continue;
     if (count > 1 && (fds[1].revents & POLLIN)) {
       ssize_t n = recv(impl_->socket->fd(), impl_->receiveBuffer.data(), impl_->receiveBuffer.size(), MSG_DONTWAIT);
       WireHeader header;

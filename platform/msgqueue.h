@@ -76,7 +76,7 @@ class chThreadLocal {
   bool SleepUnlessQuit(uint32_t ms);
   // Waits up to `ms` of the service clock for `fd` to become readable: 1 readable, 0 the time
   // passed, -1 the thread was told to quit. `forAnswer`: the wait is for another application's
-  // answer (Clock::realAnswerWaitMs).
+  // answer, which gets real time to come whatever the clock (Clock::poll's grace).
   int WaitReadable(int fd, uint32_t ms, bool forAnswer);
 
   void PostThreadMsg(uint32_t id, uint32_t wParam, uint32_t lParam);

@@ -1,5 +1,6 @@
 // autoptool COMMAND [ARGUMENTS]: see the table below.
 #include "autoptool.h"
+#include "clock.h"
 #include "firmwareSource.h"
 
 #include <cstdio>
@@ -34,6 +35,7 @@ int main(int argc, char** argv) {
   if (argc < 2) return usage(stderr);
   if (strcmp(argv[1], "-h") == 0 || strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "help") == 0)
     return usage(stdout);
+  installStartupClock();
   // Every firmware check and install of this process reads images through the download streams.
   installFirmwareStreams();
   for (const autoptoolCommand& c : kCommands)

@@ -216,6 +216,7 @@ void provisorObject::Stop() {
 }
 
 int provisorMain(int argc, char** argv) {
+  installStartupClock();
   // The entry's own records carry the entry module's path.
   ::log(1, LOG_PREFIX "provisor version = %s build at %s %s", kMainModule, __LINE__, kVersion, kBuildDate,
         kBuildTime);

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "clock.h"
+#include "fakeClock.h"
 #include "launcher.h"
 
 namespace testing_support {
