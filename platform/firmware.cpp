@@ -317,19 +317,6 @@ int flashPayload(firmwareImageSource& source, const firmwareHeader& header, cons
   return status;
 }
 
-std::mutex& servicesMutex() {
-  static std::mutex m;
-  return m;
-}
-firmwareServices& servicesSlot() {
-  static firmwareServices services;
-  return services;
-}
-
-firmwareDevice thisDevice() {
-  const firmwareServices services = firmwareGetServices();
-  return services.device ? services.device() : firmwareDevice();
-}
 
 }  // namespace
 
@@ -441,16 +428,6 @@ int firmwareSignHeader(std::string& headerBytes, const std::string& privateKeyPa
   return FW_OK;
 }
 
-void firmwareSetServices(const firmwareServices& services) {
-  std::lock_guard<std::mutex> lock(servicesMutex());
-  servicesSlot() = services;
-}
-
-const firmwareServices& firmwareGetServices() {
-  std::lock_guard<std::mutex> lock(servicesMutex());
-  return servicesSlot();
-}
-
 int firmwareVerifyImage(firmwareImageSource& source, const firmwareDevice* device, const std::string& keyPath,
                         const std::string& slotPath, firmwareHeader* out) {
   uint8_t headerBytes[kFirmwareHeaderSize];
@@ -464,15 +441,15 @@ int firmwareVerifyImage(firmwareImageSource& source, const firmwareDevice* devic
   return status;
 }
 
-int firmware_Upgrade(const char* url, int32_t timeoutMs, bool flash, bool headerOnly, bool resume) {
+int firmware_Upgrade(const firmwareServices& services, const char* url, int32_t timeoutMs, bool flash, bool headerOnly,
+                     bool resume) {
   if (!url) return FW_ERR_BAD_ARGUMENT;
-  const firmwareServices services = firmwareGetServices();
   if (!services.open) return FW_ERR_NO_SOURCE;
   bool onlyHeader = headerOnly && !flash;
   int status = FW_ERR_OPEN;
   std::unique_ptr<firmwareImageSource> source = services.open(url, timeoutMs, onlyHeader, resume, &status);
   if (!source) return status < 0 ? status : FW_ERR_OPEN;
-  const firmwareDevice device = thisDevice();
+  const firmwareDevice device = services.device ? services.device() : firmwareDevice();
   std::string keyPath = hostPath(kFirmwareKeyPath);
   if (onlyHeader) {
     uint8_t headerBytes[kFirmwareHeaderSize];
@@ -482,7 +459,6 @@ int firmware_Upgrade(const char* url, int32_t timeoutMs, bool flash, bool header
   return firmwareVerifyImage(*source, &device, keyPath, flash ? kFirmwareSlotPath : "", nullptr);
 }
 
-int firmwareFlashFromSource(firmwareImageSource& source) {
-  const firmwareDevice device = thisDevice();
+int firmwareFlashFromSource(firmwareImageSource& source, const firmwareDevice& device) {
   return firmwareVerifyImage(source, &device, hostPath(kFirmwareKeyPath), kFirmwareSlotPath, nullptr);
 }

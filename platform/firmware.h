@@ -137,8 +137,6 @@ struct firmwareServices {
   // What this device accepts; without it every image is refused (the family is unknown).
   firmwareDevice (*device)() = nullptr;
 };
-void firmwareSetServices(const firmwareServices& services);
-const firmwareServices& firmwareGetServices();
 
 // Reads a whole image from `source` and checks header, family, signature, payload length and digest
 // before anything reaches the slot. With a non-empty `slotPath` (logical) the payload streams into a
@@ -153,8 +151,10 @@ int firmwareVerifyImage(firmwareImageSource& source, const firmwareDevice* devic
 //   headerOnly: (without flash) read just the header and check it; the transfer stops there;
 //   resume:     a transfer cut short is taken up again where it stopped (HTTP and HTTPS).
 // Without flash or headerOnly the whole image is verified and nothing is written.
-int firmware_Upgrade(const char* url, int32_t timeoutMs, bool flash, bool headerOnly, bool resume);
+// `services` open the image and say what this device accepts (the caller's, handed in).
+int firmware_Upgrade(const firmwareServices& services, const char* url, int32_t timeoutMs, bool flash, bool headerOnly,
+                     bool resume);
 
 // The flashing tool's side of a hand-over: the image already opened by the service, verified and
 // flashed as firmware_Upgrade with flash does.
-int firmwareFlashFromSource(firmwareImageSource& source);
+int firmwareFlashFromSource(firmwareImageSource& source, const firmwareDevice& device);

@@ -36,8 +36,6 @@ int main(int argc, char** argv) {
   if (strcmp(argv[1], "-h") == 0 || strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "help") == 0)
     return usage(stdout);
   installStartupClock();
-  // Every firmware check and install of this process reads images through the download streams.
-  installFirmwareStreams();
   for (const autoptoolCommand& c : kCommands)
     if (strcmp(argv[1], c.name) == 0) return c.handler(argc - 2, argv + 2);
   fprintf(stderr, "autoptool: unknown command '%s'\n", argv[1]);

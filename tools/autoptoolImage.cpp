@@ -146,7 +146,7 @@ int imageVerify(const Options& o) {
   }
   const std::string& image = o.positional[0];
   if (image.find("://") != std::string::npos) {
-    int status = firmware_Upgrade(image.c_str(), kSafeModeTimeoutMs, false, o.headerOnly, true);
+    int status = firmware_Upgrade(firmwareStreams(), image.c_str(), kSafeModeTimeoutMs, false, o.headerOnly, true);
     std::string running = currentFirmwareDevice().runningVersion;
     printf("running version: %s\n", running.empty() ? "unknown" : running.c_str());
     if (status < 0) return fail("verify", firmware_GetStatusName(status));
@@ -191,7 +191,7 @@ int autoptoolSafemodeInstall(int argc, char**) {
     return 0;
   }
   std::string url = userenv_get("strUpgradeURL");
-  int status = firmware_Upgrade(url.c_str(), kSafeModeTimeoutMs, true, false, true);
+  int status = firmware_Upgrade(firmwareStreams(), url.c_str(), kSafeModeTimeoutMs, true, false, true);
   // Cleared only now: a power loss during the install starts the install again.
   bool cleared = userenv_set("BOOTMODE", "") == 0;
   if (status == FW_ALREADY_INSTALLED) {

@@ -118,11 +118,11 @@ firmwareDevice currentFirmwareDevice() {
   return device;
 }
 
-void installFirmwareStreams() {
+firmwareServices firmwareStreams() {
   firmwareServices services;
   services.open = openImage;
   services.device = currentFirmwareDevice;
-  firmwareSetServices(services);
+  return services;
 }
 
 std::unique_ptr<firmwareImageSource> downloadImageSource(ns_net::fileDownload& download, const std::string& resumeUrl) {

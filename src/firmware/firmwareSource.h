@@ -18,12 +18,11 @@ constexpr int kResumeAttempts = 3;
 // The running firmware: [version] FIRMWARE_VERSION.
 constexpr const char* kFirmwareVersionFile = "/phone/version";
 
-// Installs the opener and what this device accepts into the upgrade library (idempotent): its
-// family (deviceFamily.h), its model name, the running firmware version, and whether
-// [AutoProvision] bAllowFirmwareDowngrade = 1 lets an older image in. Everything that calls
-// firmware_Upgrade calls this first.
-void installFirmwareStreams();
-// What this device accepts, as installFirmwareStreams hands it to the library.
+// The opener and what this device accepts, as every call of the upgrade library hands them in: the
+// download streams, and the device's family (deviceFamily.h), model name, running firmware version,
+// and whether [AutoProvision] bAllowFirmwareDowngrade = 1 lets an older image in.
+firmwareServices firmwareStreams();
+// What this device accepts.
 firmwareDevice currentFirmwareDevice();
 
 // A source over a download the caller already opened (the hand-over to the flashing tool); it reads

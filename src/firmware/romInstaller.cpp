@@ -155,7 +155,7 @@ int lyra_romInstaller::apply() {
   backupLog();
   // The flashing tool takes the opened download from here.
   std::unique_ptr<firmwareImageSource> image = downloadImageSource(m_download, m_location);
-  int status = firmwareFlashFromSource(*image);
+  int status = firmwareFlashFromSource(*image, currentFirmwareDevice());
   if (status < 0) {
     LOG_ERR("Flasher refused the rom file ! status description = %s", firmware_GetStatusName(status));
     return rebootAfterFailure();

@@ -12,7 +12,7 @@ int checkFirmwareHeader(const std::string& location, int attempts) {
   LOG_DEB("firmware_Upgrade-verify rom header ...");
   int status = FW_ERR_OPEN;
   for (int attempt = 1; attempt <= attempts; ++attempt) {
-    status = firmware_Upgrade(location.c_str(), kHeaderCheckTimeoutMs, false, true, false);
+    status = firmware_Upgrade(firmwareStreams(), location.c_str(), kHeaderCheckTimeoutMs, false, true, false);
     if (status != FW_ERR_OPEN || attempts == 1) break;
     LOG_AT(1, "ERR", "Can't connect to server!retry %d", attempt);
     if (attempt == attempts) {

@@ -222,8 +222,6 @@ int provisorMain(int argc, char** argv) {
         kBuildTime);
   srand(static_cast<unsigned>(serviceClock().nowSeconds()));
   preparePrivateTmpDir();
-  // Every firmware check and install of this process reads images through the download streams.
-  installFirmwareStreams();
 
   provisorObject service;
   uCSystemShareHelper::CreateLocalThread(service);

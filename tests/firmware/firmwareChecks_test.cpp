@@ -25,7 +25,6 @@ const std::string kPayload = testBytes(40000, 9);
 class FirmwareChecksTest : public RootedTest {
  protected:
   void SetUp() override {
-    installFirmwareStreams();  // as the daemon and the tool do at start
     RootedTest::SetUp();
     kit = std::make_unique<FirmwareKit>(*root);
     ASSERT_TRUE(kit->ready());
@@ -92,8 +91,7 @@ TEST_F(FirmwareChecksTest, TheHeaderCheckAndTheSafeModeInstallApplyTheVersionMod
     useDevice(c.family, c.running, c.allowDowngrade);
     if (c.hardware != "-") root->write("/proc/hwversion", c.hardware);
     std::string url = serve("img" + std::to_string(n++) + ".rom", c.image);
-    installFirmwareStreams();
-    int status = firmware_Upgrade(url.c_str(), 10000, false, true, false);
+    int status = firmware_Upgrade(firmwareStreams(), url.c_str(), 10000, false, true, false);
     EXPECT_EQ(c.refusal.empty() ? "ok" : c.refusal, firmware_GetStatusName(status));
     EXPECT_FALSE(root->exists(kHostBootEnv));
 

@@ -44,7 +44,6 @@ class PhoneStandIn : public chThreadLocal {
 class RomInstallerTest : public RootedTest {
  protected:
   void SetUp() override {
-    installFirmwareStreams();  // as the daemon and the tool do at start
     RootedTest::SetUp();
     kit = std::make_unique<FirmwareKit>(*root);
     ASSERT_TRUE(kit->ready());
@@ -125,9 +124,8 @@ TEST_F(RomInstallerTest, ACutHttpTransferResumesWithARangeRequest) {
                                    image.substr(half));
     close(second);
   });
-  installFirmwareStreams();
   std::string url = "http://127.0.0.1:" + std::to_string(server.port()) + "/fw.rom";
-  EXPECT_EQ(firmware_Upgrade(url.c_str(), 5000, true, false, true), FW_OK);
+  EXPECT_EQ(firmware_Upgrade(firmwareStreams(), url.c_str(), 5000, true, false, true), FW_OK);
   peer.join();
   EXPECT_NE(resumed.find("\r\nRange: bytes=" + std::to_string(half) + "-\r\n"), std::string::npos) << resumed;
   EXPECT_TRUE(root->read(kFirmwareSlotPath) == payload);
@@ -161,9 +159,8 @@ TEST_F(RomInstallerTest, APartialAnswerForAnotherRangeIsRetriedFromTheStart) {
                        "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(image.size()) + "\r\n\r\n" + image);
     close(third);
   });
-  installFirmwareStreams();
   std::string url = "http://127.0.0.1:" + std::to_string(server.port()) + "/fw.rom";
-  EXPECT_EQ(firmware_GetStatusName(firmware_Upgrade(url.c_str(), 5000, true, false, true)), std::string("ok"));
+  EXPECT_EQ(firmware_GetStatusName(firmware_Upgrade(firmwareStreams(), url.c_str(), 5000, true, false, true)), std::string("ok"));
   peer.join();
   ASSERT_EQ(requests.size(), 3u);
   EXPECT_NE(requests[1].find("\r\nRange: bytes=" + std::to_string(half) + "-\r\n"), std::string::npos) << requests[1];
@@ -194,9 +191,8 @@ TEST_F(RomInstallerTest, AShortAnswerWithoutLengthIsResumedUpToTheSignedLength) 
                                    image.substr(cut));
     close(second);
   });
-  installFirmwareStreams();
   std::string url = "http://127.0.0.1:" + std::to_string(server.port()) + "/fw.rom";
-  EXPECT_EQ(firmware_GetStatusName(firmware_Upgrade(url.c_str(), 5000, true, false, true)), std::string("ok"));
+  EXPECT_EQ(firmware_GetStatusName(firmware_Upgrade(firmwareStreams(), url.c_str(), 5000, true, false, true)), std::string("ok"));
   peer.join();
   EXPECT_NE(resumed.find("\r\nRange: bytes=" + std::to_string(cut) + "-\r\n"), std::string::npos) << resumed;
   EXPECT_TRUE(root->read(kFirmwareSlotPath) == payload);

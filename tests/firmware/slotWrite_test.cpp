@@ -69,8 +69,7 @@ TEST_P(SlotWriteTest, AFileSwappedMidDownloadNeverReachesTheSlotAndPlantedLinksA
                            root->host("/scratch/server.log")));
   ASSERT_TRUE(pollFor([&] { return root->exists("/scratch/port"); }, 5000));
   std::string url = "http://127.0.0.1:" + root->read("/scratch/port") + "/fw.rom";
-  installFirmwareStreams();
-  auto result = std::async(std::launch::async, [&] { return firmware_Upgrade(url.c_str(), 5000, true, false, false); });
+  auto result = std::async(std::launch::async, [&] { return firmware_Upgrade(firmwareStreams(), url.c_str(), 5000, true, false, false); });
   ASSERT_TRUE(pollFor([&] { return root->exists("/scratch/stalled"); }, 10000));
 
   std::string target = root->host("/tmp/firmware.stage");

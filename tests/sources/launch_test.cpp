@@ -25,13 +25,7 @@ std::string flip(std::string bytes, size_t at) {
   return bytes;
 }
 
-class LaunchTest : public RootedTest {
- protected:
-  void SetUp() override {
-    RootedTest::SetUp();
-    installFirmwareStreams();  // as the daemon does at start
-  }
-};
+using LaunchTest = RootedTest;
 
 TEST(LaunchText, DhcpOptionValues) {
   // An odd-length hexadecimal text and a host name stay plain text.
