@@ -84,7 +84,8 @@ void BM_ConfigFile(benchmark::State& state) {
     state.SkipWithError("sample table missing");
     return;
   }
-  autoUpgrade::setTranslator(&table);
+  autopContext context;
+  context.translator = &table;
   // The log is formatted and written as on the phone, into /dev/null.
   int saved = dup(STDOUT_FILENO);
   int null = open("/dev/null", O_WRONLY);
@@ -95,7 +96,7 @@ void BM_ConfigFile(benchmark::State& state) {
     fflush(stdout);
     dup2(null, STDOUT_FILENO);
     state.ResumeTiming();
-    benchmark::DoNotOptimize(autoUpgrade::UpgradeFromURL("/srv/bench/big.cfg"));
+    benchmark::DoNotOptimize(autoUpgrade::UpgradeFromURL(context, "/srv/bench/big.cfg"));
     state.PauseTiming();
     fflush(stdout);
     dup2(saved, STDOUT_FILENO);
@@ -103,7 +104,6 @@ void BM_ConfigFile(benchmark::State& state) {
   }
   close(null);
   close(saved);
-  autoUpgrade::setTranslator(nullptr);
   struct rusage usage;
   getrusage(RUSAGE_SELF, &usage);
   state.counters["keys"] = static_cast<double>(keys);

@@ -131,10 +131,12 @@ int autoptoolProvision(int argc, char** argv) {
   if (argc != 1) return fail("usage: autoptool provision URL");
   // A run as the daemon's: what a run cut short left in the download folder goes first.
   preparePrivateTmpDir();
-  if (!autopTranslator::getInstance()->loadDefaultTable()) fprintf(stderr, "autoptool: no translation table loaded\n");
-  autoUpgrade::setRebootHandler([] { printf("autoptool: an applied setting asks for a reboot\n"); });
-  bool reached = autoUpgrade::UpgradeFromURL(argv[0]);
-  autopTranslator::releaseInstance();
+  autopTranslator table;
+  if (!table.loadDefaultTable()) fprintf(stderr, "autoptool: no translation table loaded\n");
+  autopContext context;
+  context.translator = &table;
+  context.requestReboot = [] { printf("autoptool: an applied setting asks for a reboot\n"); };
+  bool reached = autoUpgrade::UpgradeFromURL(context, argv[0]);
   if (!reached) return fail(std::string("no configuration file could be downloaded from ") + argv[0]);
   return 0;
 }

@@ -49,7 +49,7 @@ void queueActions(const std::string& action, std::vector<std::string>& queue) {
 
 }  // namespace
 
-autoParser::autoParser(const AutopInfo* info) : m_table(autopTranslator::getInstance()) {
+autoParser::autoParser(const autopContext& context, const AutopInfo* info) : m_context(context) {
   if (info) {
     LOG_DEB("Set AES var member from autop_info struct !");
     m_keys.infoCommonKey = autopInfoText(info->comAesKey);
@@ -137,7 +137,7 @@ bool autoParser::LoadM7Model(const std::string& path) {
 bool autoParser::LoadM1OrM2Model(const std::string& path) {
   dropPairs();
   m_olderModel = true;
-  return m_table && loadM1OrM2Pairs(path, *m_table, m_pairs);
+  return m_context.translator && loadM1OrM2Pairs(path, *m_context.translator, m_pairs);
 }
 
 bool autoParser::nextPair(RawPair& pair) {
@@ -230,7 +230,7 @@ std::unique_ptr<autopItem> autoParser::itemFor(RawPair& pair) const {
     return nullptr;
   }
   auto item = std::make_unique<autopItem>();
-  if (!m_table || !m_table->findItem(pair.first, *item)) {
+  if (!m_context.translator || !m_context.translator->findItem(pair.first, *item)) {
     LOG_WAR("Warning! Not found item %s", logEscaped(pair.first).c_str());
     return nullptr;
   }
@@ -359,5 +359,5 @@ void autoParser::runPendingMethods() {
 void autoParser::requestReboot() {
   if (m_rebootRequested) return;
   m_rebootRequested = true;
-  if (m_onReboot) m_onReboot();
+  if (m_context.requestReboot) m_context.requestReboot();
 }

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "autoParserCrypt.h"
+#include "autopContext.h"
 #include "autoParserModel.h"
 #include "autopInfo.h"
 #include "autopItem.h"
@@ -41,8 +42,9 @@ enum class ConfigFileRole { kNamedByUrl, kCommon, kPerDevice };
 
 class autoParser {
  public:
-  // `info`, when given, brings the AES keys of the request.
-  explicit autoParser(const AutopInfo* info = nullptr);
+  // `context` brings the table and the reboot request of the run; `info`, when given, the AES keys
+  // of the request.
+  explicit autoParser(const autopContext& context, const AutopInfo* info = nullptr);
   autoParser(const autoParser&) = delete;
   autoParser& operator=(const autoParser&) = delete;
 
@@ -60,11 +62,7 @@ class autoParser {
   const std::string& modelVersion() const { return m_modelVersion; }
   // True once an applied item asked for a reboot (or firmware was applied) during this parser's life.
   bool rebootRequested() const { return m_rebootRequested; }
-  // Called (once per parser) when an applied item needs a reboot; the service arranges it.
-  void setRebootHandler(std::function<void()> handler) { m_onReboot = std::move(handler); }
   void setFileRole(ConfigFileRole role) { m_role = role; }
-  // The table used for lookups (the process's single table unless a test gives another).
-  void setTranslator(const autopTranslator* table) { m_table = table; }
 
  private:
   int fetchDownloaded();
@@ -92,7 +90,7 @@ class autoParser {
   void runPendingMethods();
   void requestReboot();
 
-  const autopTranslator* m_table;
+  const autopContext& m_context;
   ns_net::fileDownload m_download;
   AesKeySources m_keys;
   std::string m_modelVersion;
@@ -107,5 +105,4 @@ class autoParser {
   std::string m_customMacUrl;
   ConfigFileRole m_role = ConfigFileRole::kNamedByUrl;
   bool m_rebootRequested = false;
-  std::function<void()> m_onReboot;
 };

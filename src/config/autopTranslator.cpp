@@ -697,19 +697,6 @@ bool reverseKeyOf(const Store& store, const ItemRecord& item, const std::string&
 
 // --- the table ---------------------------------------------------------------------------------
 
-autopTranslator* autopTranslator::m_pInst = nullptr;
-
-autopTranslator* autopTranslator::getInstance() {
-  if (!m_pInst) m_pInst = new (std::nothrow) autopTranslator();
-  LOG_CHECK(m_pInst != __null);
-  return m_pInst;
-}
-
-void autopTranslator::releaseInstance() {
-  delete m_pInst;
-  m_pInst = nullptr;
-}
-
 autopTranslator::autopTranslator() : m_store(std::make_unique<Store>()) {}
 autopTranslator::~autopTranslator() = default;
 

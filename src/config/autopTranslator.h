@@ -61,11 +61,6 @@ constexpr size_t kAutopKeyMax = 127;
 
 class autopTranslator {
  public:
-  // The process's single table (created on first use, released by releaseInstance).
-  static autopTranslator* getInstance();
-  // Frees the table at service stop.
-  static void releaseInstance();
-
   autopTranslator();
   ~autopTranslator();
   autopTranslator(const autopTranslator&) = delete;
@@ -98,7 +93,6 @@ class autopTranslator {
   struct Store;
 
  private:
-  static autopTranslator* m_pInst;
   bool m_loaded = false;
   std::unique_ptr<Store> m_store;
 };

@@ -21,9 +21,6 @@
 #include "registry.h"
 #include "termination.h"
 
-int32_t g_zeroTouch = 0;
-policyManger g_policyManager;
-
 namespace {
 
 constexpr const char* kMainModule = "./src/main";
@@ -38,9 +35,6 @@ constexpr int32_t kPowerOnDelayMs = 500;
 
 enum ConsoleKey { kKeyBack = 8, kKeyTab = 9, kKeyEsc = 27 };
 
-// Process-wide beside the service object, as the phone keeps them.
-chThreadTimer g_consoleKeyTimer;
-
 }  // namespace
 
 std::string messageExtraText(const msgObject& msg) {
@@ -48,9 +42,14 @@ std::string messageExtraText(const msgObject& msg) {
   return data ? std::string(data, strnlen(data, msg.GetExtraSize())) : std::string();
 }
 
-int loadTranslationTable() { return autopTranslator::getInstance()->loadDefaultTable() ? 1 : 0; }
+provisorObject::provisorObject(bool zeroTouch) : chThreadLocal(kThreadProvisor) {
+  context.translator = &table;
+  // An applied item that needs a restart announces it; the restart follows the run.
+  context.requestReboot = [this] { AnnounceReboot(); };
+  context.zeroTouch = zeroTouch;
+}
 
-provisorObject::provisorObject() : chThreadLocal(kThreadProvisor) {}
+int provisorObject::LoadTranslationTable() { return table.loadDefaultTable() ? 1 : 0; }
 
 provisorObject::~provisorObject() = default;
 
@@ -88,7 +87,7 @@ bool provisorObject::TryThreadMessage(msgObject& msg) {
 
 bool provisorObject::OnTimerMessage(msgObject& msg) {
   // The policy timers are the policy manager's own; every other timer is a binding of this object.
-  if (!g_policyManager.OnTimerMessage(msg)) OnTimer(msg);
+  if (!policies.OnTimerMessage(msg)) OnTimer(msg);
   return true;
 }
 
@@ -99,8 +98,8 @@ bool provisorObject::OnCheckAutopResult(msgObject& msg) {
     resultPending = 0;
   }
   // The second reply is the one the asker keeps.
-  LOG_IFO("Receive Message [AP_MSG_AUTOP_CHECK_AUTOP_RESULT] ! Will ReplyMessage [%d]", powerOnState);
-  msg.ReplyMessage(powerOnState);
+  LOG_IFO("Receive Message [AP_MSG_AUTOP_CHECK_AUTOP_RESULT] ! Will ReplyMessage [%d]", context.powerOnState);
+  msg.ReplyMessage(context.powerOnState);
   return true;
 }
 
@@ -116,8 +115,8 @@ bool provisorObject::OnSetHostName(msgObject& msg) {
 }
 
 bool provisorObject::OnGetAutoProvision(msgObject& msg) {
-  LOG_IFO("Receive Message [MSG_GET_AUTO_PROVISION] ! Will ReplyMessage [%d]", runState);
-  msg.ReplyMessage(runState);
+  LOG_IFO("Receive Message [MSG_GET_AUTO_PROVISION] ! Will ReplyMessage [%d]", context.runState);
+  msg.ReplyMessage(context.runState);
   return true;
 }
 
@@ -127,9 +126,9 @@ bool provisorObject::OnReparseConfig(msgObject& msg) {
     return false;
   }
   // Settings another application pushed to /tmp/XML.cfg: applied once, without a download.
-  autoParser parser;
+  autoParser parser(context);
   parser.updateConfig(true);
-  g_policyManager.ReloadIfChanged();
+  policies.ReloadIfChanged();
   return true;
 }
 
@@ -144,7 +143,7 @@ void provisorObject::OnConsoleKeyTimer(msgObject&) {
       break;
     case kKeyBack:
       printf("key BACK ");
-      loadTranslationTable();
+      LoadTranslationTable();
       break;
     case kKeyEsc:
       printf("key ESC ");
@@ -160,7 +159,7 @@ void provisorObject::OnConsoleKeyTimer(msgObject&) {
 void provisorObject::SetPnpTimer(int32_t milliseconds) {
   uint64_t ms = milliseconds == -1 ? static_cast<uint64_t>(kPnpWaitMs) : static_cast<uint64_t>(milliseconds);
   SetTimer(timerPnpRequest, ms, this, &provisorObject::OnPnpResponse);
-  runState = 2;
+  context.runState = 2;
 }
 
 void provisorObject::StartPnpOrPowerOn() {
@@ -174,7 +173,7 @@ void provisorObject::StartPnpOrPowerOn() {
       if (!SleepUnlessQuit(1000)) return;
     }
     if (netGetNetworkSta() == kNetworkUp) {
-      autoLaunch::launchPnpUpgrade();
+      autoLaunch::launchPnpUpgrade(context);
       SetPnpTimer(kPnpWaitMs);
       return;
     }
@@ -184,35 +183,29 @@ void provisorObject::StartPnpOrPowerOn() {
 }
 
 int provisorObject::Start() {
-  loadTranslationTable();
+  LoadTranslationTable();
   if (!chProcessLocal::LaunchLocalThread(*this)) {
     LOG_ERR("Can't launch thread [%s] !", name().c_str());
     return 0;
   }
   // Keys come only from a terminal: a daemon started with a pipe or /dev/null polls nothing.
-  if (keyboard.isTerminal()) SetTimer(g_consoleKeyTimer, kConsoleKeyPollMs, this, &provisorObject::OnConsoleKeyTimer);
-  autoLaunch::bindServiceState(&powerOnState, &g_zeroTouch);
-  // An applied item that needs a restart announces it; the restart follows the run.
-  autoUpgrade::setRebootHandler([this] { AnnounceReboot(); });
-  if (g_zeroTouch) {
+  if (keyboard.isTerminal()) SetTimer(consoleKeyTimer, kConsoleKeyPollMs, this, &provisorObject::OnConsoleKeyTimer);
+  if (context.zeroTouch) {
     LOG_IFO("Zero-sp-touch launch Autop,do not PNP!!!");
     return 1;
   }
   StartPnpOrPowerOn();
-  g_policyManager.Start();
+  policies.Start();
   return 1;
 }
 
 void provisorObject::Stop() {
   chProcessLocal::ShutdownLocalThread(*this);
   LOG_CHECK(IsCalledByThisThread());
-  KillTimer(g_consoleKeyTimer);
+  KillTimer(consoleKeyTimer);
   KillTimer(timerPnpRequest);
-  g_policyManager.Stop();
+  policies.Stop();
   pnpManager.Stop();
-  autoUpgrade::setRebootHandler(nullptr);
-  autoLaunch::bindServiceState(nullptr, nullptr);
-  autopTranslator::releaseInstance();
 }
 
 int provisorMain(int argc, char** argv) {
@@ -223,10 +216,10 @@ int provisorMain(int argc, char** argv) {
   srand(static_cast<unsigned>(serviceClock().nowSeconds()));
   preparePrivateTmpDir();
 
-  provisorObject service;
+  const bool zeroTouch = argc == 2 && strcmp(argv[1], "-byzero") == 0;
+  provisorObject service(zeroTouch);
   uCSystemShareHelper::CreateLocalThread(service);
-  g_zeroTouch = (argc == 2 && strcmp(argv[1], "-byzero") == 0) ? 1 : 0;
-  if (g_zeroTouch) ::log(3, LOG_PREFIX "WAR Run by Zero-sp-Touch Thread !", kMainModule, __LINE__);
+  if (zeroTouch) ::log(3, LOG_PREFIX "WAR Run by Zero-sp-Touch Thread !", kMainModule, __LINE__);
 
   if (!installTerminationHandlers(service)) LOG_ERR("Can't watch for the end of the process !");
 

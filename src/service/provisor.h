@@ -1,6 +1,8 @@
 // provisorObject: the service's one message-queue thread, "provisor". It owns every provisioning
 // run: messages from the other applications, its timers (console keys, plug-and-play wait) and the
-// configuration-store monitor callback all run on it, one at a time.
+// configuration-store monitor callback all run on it, one at a time. It owns everything a run depends
+// on (the translation table, the run's context, the update policies and its timers) and hands the
+// context down to the launch sequence.
 #pragma once
 
 #include <cstdint>
@@ -8,13 +10,16 @@
 
 #include "autoPolicy.h"
 #include "autoTimer.h"
+#include "autopContext.h"
+#include "autopTranslator.h"
 #include "console.h"
 #include "msgqueue.h"
 #include "sipHelper.h"
 
 class provisorObject : public chThreadLocal, public autoTimerInc {
  public:
-  provisorObject();
+  // `zeroTouch`: started with "-byzero" (runs come only from messages; no plug-and-play).
+  explicit provisorObject(bool zeroTouch = false);
   ~provisorObject() override;
 
   // The message table; false lets the message go on to the default handling.
@@ -40,9 +45,11 @@ class provisorObject : public chThreadLocal, public autoTimerInc {
   // Flushes, unregisters and restarts the phone; 0 when a call kept it from doing so.
   int RebootNow();
 
-  int32_t powerOnState = 0;  // 0 none finished, 1 zero-touch first run, 2 a run has finished
+  // Loads the translation table as at start and on the BACK key; the loader's result.
+  int LoadTranslationTable();
+
+  autopContext context;  // the run's state and what it hands down
   int32_t rebootPending = 0;
-  int32_t runState = 0;  // 0 idle, 1 running, 2 waiting for plug-and-play
   int32_t networkWaitCount = 0;
   int32_t resultPending = 0;
 
@@ -63,14 +70,13 @@ class provisorObject : public chThreadLocal, public autoTimerInc {
   bool OnCwmpDownloadRom(msgObject& msg);
   int32_t FinishPnpRun(const msgObject& msg, int32_t result);
 
+  autopTranslator table;
+  policyManger policies;
   chStdInput keyboard;
   PNPManger pnpManager;
   chThreadTimer timerPnpRequest;
+  chThreadTimer consoleKeyTimer;
 };
-
-// The process-wide zero-touch flag ("-byzero") and the update policies.
-extern int32_t g_zeroTouch;
-extern policyManger g_policyManager;
 
 // The text carried as a message's extra data, up to its terminating zero and never past its size.
 std::string messageExtraText(const msgObject& msg);
@@ -78,9 +84,6 @@ std::string messageExtraText(const msgObject& msg);
 // The wait before a restart that lets the SIP side unregister: the configured seconds of
 // UnregisterOnReboot, none for 0 or less, at most 60 s.
 uint32_t unregisterDelayMs(int32_t configuredSeconds);
-
-// Loads the translation table as at start and on the BACK key; the loader's result.
-int loadTranslationTable();
 
 // The whole process entry (banner, thread, Start, loop, Stop); main() only calls it.
 int provisorMain(int argc, char** argv);

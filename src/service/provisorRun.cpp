@@ -92,25 +92,25 @@ bool provisorObject::WaitWhileTalking(int32_t stepSeconds) {
 
 bool provisorObject::BeginRun() {
   // A run that follows the plug-and-play wait already logged its Begin.
-  if (runState == 0) {
+  if (context.runState == 0) {
     LOG_IFO("%s", "");
     LOG_IFO("<<<<<< Autoprovision Begin >>>>>>");
   }
   if (!WaitWhileTalking(kRunTalkStepSeconds)) return false;
-  runState = 1;
+  context.runState = 1;
   return true;
 }
 
 bool provisorObject::OnLaunchAutoProvision(msgObject& msg) {
   if (!BeginRun()) return false;
   LOG_IFO("***** Lanuch AutoProvision [X%X] *****", msg.message);
-  if (powerOnState == 0) {
+  if (context.powerOnState == 0) {
     // The first run after power-on is always the plug-and-play or power-on run.
-    if (!g_zeroTouch) {
+    if (!context.zeroTouch) {
       LOG_DEB("Have not update first time!");
       return false;
     }
-    powerOnState = 1;
+    context.powerOnState = 1;
     LOG_DEB("OnLaunchAutoProvision POWER_ON:NO-UPDATING");
   }
   int32_t result = 0;
@@ -118,7 +118,7 @@ bool provisorObject::OnLaunchAutoProvision(msgObject& msg) {
     case MSG_NETWORK_CHANGED:
       // The same sources as the default run: a new network may have brought new DHCP options.
       LOG_IFO("Receive MSG_NETWORK_CHANGED MSG to OnLaunchAutoProvision!!");
-      result = autoLaunch::launchUpgrade() ? 1 : 0;
+      result = autoLaunch::launchUpgrade(context) ? 1 : 0;
       break;
     case AP_MSG_UPDATE_CONFIG:
       LOG_IFO("Receive AP_MSG_UPDATE_CONFIG MSG to OnLaunchAutoProvision!!");
@@ -126,11 +126,11 @@ bool provisorObject::OnLaunchAutoProvision(msgObject& msg) {
       break;
     case MSG_START_AUTO_PROVISION:
       LOG_IFO("Receive MSG_START_AUTO_PROVISION MSG to OnLaunchAutoProvision!!");
-      result = autoLaunch::launchUpgrade() ? 1 : 0;
+      result = autoLaunch::launchUpgrade(context) ? 1 : 0;
       break;
     default:
       LOG_IFO("Receive NO MSG to OnLaunchAutoProvision!!");
-      result = autoLaunch::launchUpgrade() ? 1 : 0;
+      result = autoLaunch::launchUpgrade(context) ? 1 : 0;
       break;
   }
   warnIfAfterFailed(AfterAutoProvision(result));
@@ -145,16 +145,16 @@ int32_t provisorObject::UpdateConfig(msgObject& msg) {
       return 0;
     }
     AutopInfo info = recordFromMessage(msg);
-    return autoLaunch::launchUpgradeWithInfo(&info) ? 1 : 0;
+    return autoLaunch::launchUpgradeWithInfo(context, &info) ? 1 : 0;
   }
   if (msg.lParam == kUpdateThenReboot) {
     LOG_DEB("SIP Update and then Force to reboot!");
     LOG_DEB("%s", "");
-    int32_t result = autoLaunch::launchUpgrade() ? 1 : 0;
+    int32_t result = autoLaunch::launchUpgrade(context) ? 1 : 0;
     AnnounceReboot();
     return result;
   }
-  return autoLaunch::launchUpgrade() ? 1 : 0;
+  return autoLaunch::launchUpgrade(context) ? 1 : 0;
 }
 
 void provisorObject::AnnounceReboot() {
@@ -173,7 +173,7 @@ bool provisorObject::OnPnpResponseMessage(msgObject& msg) {
   if (msg.message == MSG_THREAD_TIMER && waiting) {
     KillTimer(timerPnpRequest);
     LOG_DEB("Pnp request timer has reached.kill timerPnpRequest timer!!");
-    result = autoLaunch::launchUpgrade() ? 1 : 0;
+    result = autoLaunch::launchUpgrade(context) ? 1 : 0;
   } else if (msg.message == MSG_RESPOND_URL && waiting) {
     LOG_DEB("Pnp,Receive MSG_RESPOND_URL MSG,timerPnpRequest is not NULL!!");
     KillTimer(timerPnpRequest);
@@ -182,22 +182,22 @@ bool provisorObject::OnPnpResponseMessage(msgObject& msg) {
       LOG_WAR("The PNP URL is empty !!");
     } else {
       LOG_DEB("PNP url=%s", urlForLog(url).c_str());
-      result = autoLaunch::launchUrlUpgrade(url) ? 1 : 0;
+      result = autoLaunch::launchUrlUpgrade(context, url) ? 1 : 0;
     }
     // A bad or empty answer still leaves the phone its power-on run.
-    if (result <= 0) result = autoLaunch::launchUpgrade() ? 1 : 0;
+    if (result <= 0) result = autoLaunch::launchUpgrade(context) ? 1 : 0;
   } else if (msg.message == MSG_RESPOND_URL) {
     LOG_DEB("Pnp,Receive MSG_RESPOND_URL MSG,timerPnpRequest is NULL!!");
     std::string url = messageExtraText(msg);
     if (url.empty()) {
       LOG_WAR("The PNP URL is empty !!");
-      runState = 0;
+      context.runState = 0;
       return true;
     }
-    result = autoLaunch::launchUrlUpgrade(url) ? 1 : 0;
+    result = autoLaunch::launchUrlUpgrade(context, url) ? 1 : 0;
   } else {
     LOG_WAR("Unknown PNP response !!");
-    runState = 0;
+    context.runState = 0;
     return true;
   }
   FinishPnpRun(msg, result);
@@ -205,8 +205,8 @@ bool provisorObject::OnPnpResponseMessage(msgObject& msg) {
 }
 
 int32_t provisorObject::FinishPnpRun(const msgObject& msg, int32_t result) {
-  if (powerOnState != 2) {
-    powerOnState = 2;
+  if (context.powerOnState != 2) {
+    context.powerOnState = 2;
     LOG_DEB("OnLaunchAutoProvision AUTOP_POWER_ON_END");
   }
   resultPending = 1;
@@ -219,15 +219,15 @@ int32_t provisorObject::FinishPnpRun(const msgObject& msg, int32_t result) {
 
 bool provisorObject::OnStartAutoProvisionUrl(msgObject& msg) {
   if (!BeginRun()) return false;
-  if (powerOnState == 0) powerOnState = 1;
-  int32_t result = autoLaunch::launchUrlUpgrade(messageExtraText(msg)) ? 1 : 0;
+  if (context.powerOnState == 0) context.powerOnState = 1;
+  int32_t result = autoLaunch::launchUrlUpgrade(context, messageExtraText(msg)) ? 1 : 0;
   LOG_IFO("Upgrade finished [%s] !", resultWord(result));
   warnIfAfterFailed(AfterAutoProvision(result));
   return true;
 }
 
 bool provisorObject::OnWeeklyCheck(msgObject&) {
-  g_policyManager.WeeklyCheck();
+  policies.WeeklyCheck();
   return true;
 }
 
@@ -241,22 +241,22 @@ bool provisorObject::OnCwmpDownloadRom(msgObject&) {
 
 int provisorObject::AfterAutoProvision(int32_t result) {
   LOG_IFO("Upgrade finished [%s] !", resultWord(result));
-  if (runState == 1) runState = 0;
-  if (runState == 2) {
+  if (context.runState == 1) context.runState = 0;
+  if (context.runState == 2) {
     LOG_IFO("Wait for pnp request ...");
     return 1;
   }
-  powerOnState = 2;
+  context.powerOnState = 2;
   resultPending = 1;
   msgBroadpostThreadMsg(BROAD_MSG_AUTOP_RESULT, 0, static_cast<uint32_t>(result));
-  if (result && g_zeroTouch) {
+  if (result && context.zeroTouch) {
     // Found by the zero-touch start: the redirection service is not needed any more.
     LOG_IFO("Autop Success,Close Redirect!");
     brisaSetProfileInt(kSystemIni, "Redirect", "Enable", 0);
   }
   if (rebootPending) RebootNow();
   // The next repeat counts from the end of this run; settings the run changed take effect now.
-  g_policyManager.ReloadAfterRun();
+  policies.ReloadAfterRun();
   LOG_IFO("<<<<<< Autoprovision End >>>>>>");
   LOG_IFO("%s", "");
   return 1;

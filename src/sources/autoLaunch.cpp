@@ -33,12 +33,8 @@ constexpr int32_t kWiredNetwork = 0;
 constexpr uint32_t kNetworkPollMs = 1000;
 constexpr uint32_t kNetworkWaitMs = 120000;
 
-const int32_t* g_powerOnState = nullptr;
-const int32_t* g_zeroTouch = nullptr;
-
-bool zeroTouch() { return g_zeroTouch && *g_zeroTouch; }
 // Set once a run has finished since power-on (or a zero-touch or URL run began before that).
-bool powerOnMarkSet() { return g_powerOnState && *g_powerOnState != 0; }
+bool powerOnMarkSet(const autopContext& context) { return context.powerOnState != 0; }
 
 std::string setting(const char* key, const char* defaultValue = "") {
   return brisaGetProfileString(kSystemIni, kAutoProvisionSection, key, defaultValue);
@@ -48,7 +44,9 @@ int32_t settingInt(const char* key, int32_t defaultValue) {
 }
 
 // At power-on the configured server is used only when bEnablePoweron allows it.
-bool configUrlAllowed() { return powerOnMarkSet() || settingInt(autop_key::kEnablePowerOn, 0) != 0; }
+bool configUrlAllowed(const autopContext& context) {
+  return powerOnMarkSet(context) || settingInt(autop_key::kEnablePowerOn, 0) != 0;
+}
 
 bool isHexDigits(const std::string& text) {
   for (char c : text)
@@ -70,22 +68,17 @@ std::vector<std::string> splitOptions(const std::string& list) {
 }
 
 // Tries one DHCP option of the store; false when it has no value or reaches no server.
-bool tryDhcpOption(const iniFile& store, const std::string& option, const char* kind) {
+bool tryDhcpOption(const autopContext& context, const iniFile& store, const std::string& option, const char* kind) {
   if (option.empty()) return false;
   std::string value = store.GetTextValue(kDhcpSection, option, "");
   if (value.empty()) return false;
   LOG_DEB("URL = %s\n", urlForLog(value).c_str());
   std::string url = dhcpOptionText(value);
   LOG_IFO("%s option %s = %s", kind, logEscaped(option).c_str(), urlForLog(url).c_str());
-  return autoUpgrade::UpgradeFromURL(url);
+  return autoUpgrade::UpgradeFromURL(context, url);
 }
 
 }  // namespace
-
-void bindServiceState(const int32_t* powerOnState, const int32_t* zeroTouchFlag) {
-  g_powerOnState = powerOnState;
-  g_zeroTouch = zeroTouchFlag;
-}
 
 bool waitNetworkReady() {
   for (uint32_t waited = 0;; waited += kNetworkPollMs) {
@@ -127,15 +120,15 @@ std::string composeUrl(const std::string& url, const std::string& user, const st
   return parsed.ToText();
 }
 
-bool launchConfigUrlUpgrade() {
+bool launchConfigUrlUpgrade(const autopContext& context) {
   LOG_IFO("***** Launch Config URL Upgrade *****");
   std::string url =
       composeUrl(setting(autop_key::kServerUrl), setting(autop_key::kUserName), setting(autop_key::kPassword), true);
-  return autoUpgrade::UpgradeFromURL(url);
+  return autoUpgrade::UpgradeFromURL(context, url);
 }
 
-bool launchDhcpUpgrade(bool waitNetwork) {
-  if (zeroTouch()) {
+bool launchDhcpUpgrade(const autopContext& context, bool waitNetwork) {
+  if (context.zeroTouch) {
     LOG_IFO("Zero-sp-touch launch Autop,do not update by DHCP!!");
     return false;
   }
@@ -148,32 +141,32 @@ bool launchDhcpUpgrade(bool waitNetwork) {
   if (!readSharedTmpFile(kDhcpOptionStore, kMaxDhcpOptionStore, storeText) || storeText.size() > kMaxDhcpOptionStore)
     return false;
   store.LoadFromText(storeText);
-  if (tryDhcpOption(store, setting(autop_key::kUserDhcpOptions), "user")) return true;
+  if (tryDhcpOption(context, store, setting(autop_key::kUserDhcpOptions), "user")) return true;
   for (const std::string& option : splitOptions(setting(autop_key::kSystemDhcpOptions, kDefaultSystemOptions)))
-    if (tryDhcpOption(store, option, "system")) return true;
+    if (tryDhcpOption(context, store, option, "system")) return true;
   return false;
 }
 
-bool launchUpgrade() {
+bool launchUpgrade(const autopContext& context) {
   LOG_IFO("%s", "");
   LOG_IFO("***** Launch Upgrade *****");
   if (!waitNetworkReady()) return false;
   LOG_DEB("Not launch pnp upgrade by policy!");
   if (settingInt(autop_key::kUrlPriority, 0) == 0) {
-    if (launchDhcpUpgrade(false)) return true;
-    return configUrlAllowed() && launchConfigUrlUpgrade();
+    if (launchDhcpUpgrade(context, false)) return true;
+    return configUrlAllowed(context) && launchConfigUrlUpgrade(context);
   }
-  if (configUrlAllowed() && launchConfigUrlUpgrade()) return true;
-  return launchDhcpUpgrade(false);
+  if (configUrlAllowed(context) && launchConfigUrlUpgrade(context)) return true;
+  return launchDhcpUpgrade(context, false);
 }
 
-bool launchUrlUpgrade(const std::string& url) {
+bool launchUrlUpgrade(const autopContext& context, const std::string& url) {
   LOG_IFO("***** Launch URL Upgrade *****");
   if (!waitNetworkReady()) return false;
-  return url.empty() ? launchConfigUrlUpgrade() : autoUpgrade::UpgradeFromURL(url);
+  return url.empty() ? launchConfigUrlUpgrade(context) : autoUpgrade::UpgradeFromURL(context, url);
 }
 
-bool launchUpgradeWithInfo(const AutopInfo* info) {
+bool launchUpgradeWithInfo(const autopContext& context, const AutopInfo* info) {
   LOG_IFO("***** %-30s *****", "Launch Upgrade With AutopInfo");
   if (!info) {
     LOG_ERR("The AutopInfo pointer is NULL !");
@@ -182,13 +175,13 @@ bool launchUpgradeWithInfo(const AutopInfo* info) {
   if (!waitNetworkReady()) return false;
   std::string url =
       composeUrl(autopInfoText(info->url), autopInfoText(info->userName), autopInfoText(info->password), true);
-  return autoUpgrade::UpgradeFromURL(url, info);
+  return autoUpgrade::UpgradeFromURL(context, url, info);
 }
 
 bool tr069Update() { return tr069DownloadRom() != 0; }
 
-bool launchPnpUpgrade() {
-  if (zeroTouch()) {
+bool launchPnpUpgrade(const autopContext& context) {
+  if (context.zeroTouch) {
     LOG_IFO("Zero-sp-touch launch Autop,do not update by PNP!!");
     return false;
   }

@@ -3,32 +3,30 @@
 // another application, the plug-and-play answer). Every source ends in autoUpgrade::UpgradeFromURL.
 // Each entry returns true when a server was reached.
 //
-// The service owns the two facts the sequence reads but never changes: whether a run has finished
-// since power-on (the power-on mark) and the zero-touch mode. It binds them once at start.
+// Every entry takes the run's context (autopContext.h): the sequence reads the power-on mark and the
+// zero-touch mode from it and hands it on to every download.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
+#include "autopContext.h"
 #include "autopInfo.h"
 
 namespace autoLaunch {
 
-// Where the sequence reads the service's state; nullptr reads as 0.
-void bindServiceState(const int32_t* powerOnState, const int32_t* zeroTouch);
-
 // The default sequence of a run (also the power-on and the network-change run).
-bool launchUpgrade();
+bool launchUpgrade(const autopContext& context);
 // A given URL, or the configured one when the text is empty.
-bool launchUrlUpgrade(const std::string& url);
+bool launchUrlUpgrade(const autopContext& context, const std::string& url);
 // The URL, credentials and AES keys of a record another application sent.
-bool launchUpgradeWithInfo(const AutopInfo* info);
+bool launchUpgradeWithInfo(const autopContext& context, const AutopInfo* info);
 // Hands the multicast address to the plug-and-play thread; its answer comes back as a URL message.
-bool launchPnpUpgrade();
+bool launchPnpUpgrade(const autopContext& context);
 // The DHCP options: the user's option first, then listSystemOptions in order.
-bool launchDhcpUpgrade(bool waitNetwork);
+bool launchDhcpUpgrade(const autopContext& context, bool waitNetwork);
 // strServerURL with strUserName and strPassword.
-bool launchConfigUrlUpgrade();
+bool launchConfigUrlUpgrade(const autopContext& context);
 // The firmware image a TR-069 request names: header checked, safe mode armed for the next start.
 bool tr069Update();
 

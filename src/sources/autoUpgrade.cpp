@@ -7,7 +7,6 @@
 
 #include "autoParser.h"
 #include "autopSettings.h"
-#include "autopTranslator.h"
 #include "device.h"
 #include "log.h"
 #include "redact.h"
@@ -17,16 +16,6 @@ namespace {
 
 constexpr const char* kMacMark = "$mac";
 constexpr const char* kDefaultScheme = "tftp://";
-
-std::function<void()>& rebootHandler() {
-  static std::function<void()> handler;
-  return handler;
-}
-
-const autopTranslator*& translatorOverride() {
-  static const autopTranslator* table = nullptr;
-  return table;
-}
 
 std::string withTrailingSlash(const std::string& text) {
   return !text.empty() && text.back() == '/' ? text : text + "/";
@@ -95,10 +84,6 @@ std::string replaceMacMarks(const std::string& text, const std::string& macText)
   return out + text.substr(start);
 }
 
-void autoUpgrade::setRebootHandler(std::function<void()> handler) { rebootHandler() = std::move(handler); }
-
-void autoUpgrade::setTranslator(const autopTranslator* table) { translatorOverride() = table; }
-
 ns_net::autopUrl autoUpgrade::UrlFromText(const std::string& urlText) {
   std::string text = replaceMacMarks(urlText, netGetMACText());
   // The text may carry credentials: only the masked form reaches the log.
@@ -110,7 +95,7 @@ ns_net::autopUrl autoUpgrade::UrlFromText(const std::string& urlText) {
   return url;
 }
 
-bool autoUpgrade::UpgradeFromURL(const std::string& urlText, const AutopInfo* info) {
+bool autoUpgrade::UpgradeFromURL(const autopContext& context, const std::string& urlText, const AutopInfo* info) {
   ns_net::autopUrl url = UrlFromText(urlText);
   LOG_IFO("type = %s,hostname = %s, username = %s, psw = ******, port = %d", logEscaped(url.scheme).c_str(),
           logEscaped(url.host).c_str(), logEscaped(url.user).c_str(), url.port);
@@ -119,9 +104,7 @@ bool autoUpgrade::UpgradeFromURL(const std::string& urlText, const AutopInfo* in
     return false;
   }
 
-  autoParser parser(info);
-  if (translatorOverride()) parser.setTranslator(translatorOverride());
-  if (rebootHandler()) parser.setRebootHandler(rebootHandler());
+  autoParser parser(context, info);
   if (namesSingleFile(url)) {
     if (parser.OpenDownloadStream(url)) {
       int code = parser.updateConfig(false);

@@ -4,27 +4,21 @@
 // (<MAC>.cfg, or the custom location the common file gave), so per-device values win.
 #pragma once
 
-#include <functional>
 #include <string>
 
+#include "autopContext.h"
 #include "autopInfo.h"
 #include "autopUrl.h"
-
-class autopTranslator;
 
 class autoUpgrade {
  public:
   // True when at least one configuration file was downloaded, whatever became of it afterwards;
-  // false for an invalid URL or when nothing could be downloaded. `info` brings the request's keys.
-  static bool UpgradeFromURL(const std::string& urlText, const AutopInfo* info = nullptr);
+  // false for an invalid URL or when nothing could be downloaded. `context` is the run's (table,
+  // reboot request); `info` brings the request's keys.
+  static bool UpgradeFromURL(const autopContext& context, const std::string& urlText, const AutopInfo* info = nullptr);
   // The record UpgradeFromURL downloads from: "$mac" marks replaced, "tftp://" put before a text
   // without a scheme that is no local path; cleared when the text does not parse.
   static ns_net::autopUrl UrlFromText(const std::string& urlText);
-
-  // Called when an applied item needs a reboot (the service arranges it); none by default.
-  static void setRebootHandler(std::function<void()> handler);
-  // The table the parsers use (tests give their own); nullptr restores the process's table.
-  static void setTranslator(const autopTranslator* table);
 };
 
 // True when the text after the last "." is "cfg", "ini", "php" or "xml", ignoring case.

@@ -8,6 +8,7 @@
 #include "paths.h"
 #include "privateTmp.h"
 #include "servers.h"
+#include "runContext.h"
 #include "testRoot.h"
 
 using namespace testing_support;
@@ -35,8 +36,9 @@ class BinUpgraderTest : public RootedTest {
   // Applies a configuration file of the given lines (the same lines twice make an unchanged file).
   void provision(const std::string& lines) {
     root->write("/srv/p.cfg", "#!version:1.0.0.1\n" + lines + "\n");
-    autoParser parser;
-    parser.setTranslator(&table);
+    autopContext context;
+    context.translator = &table;
+    autoParser parser(context);
     ns_net::autopUrl url;
     ASSERT_TRUE(url.Parse("/srv/p.cfg") && parser.OpenDownloadStream(url));
     EXPECT_EQ(parser.updateConfig(false), kUpdateDone);

@@ -13,6 +13,7 @@
 #include "autopTranslator.h"
 #include "netPeers.h"
 #include "registry.h"
+#include "runContext.h"
 #include "testRoot.h"
 
 using namespace testing_support;
@@ -30,8 +31,9 @@ class ConfigUpdateTest : public RootedTest {
   }
   // Applies one URL through a fresh parser; the update's code (-3 when it could not be opened).
   int update(const std::string& urlText, bool* reboot = nullptr) {
-    autoParser parser;
-    parser.setTranslator(&table);
+    autopContext context;
+    context.translator = &table;
+    autoParser parser(context);
     ns_net::autopUrl url;
     int code = url.Parse(urlText) && parser.OpenDownloadStream(url) ? parser.updateConfig(false) : kUpdateNotDownloaded;
     if (reboot) *reboot = parser.rebootRequested();

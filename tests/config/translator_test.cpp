@@ -6,6 +6,7 @@
 #include <tuple>
 
 #include "autopTranslator.h"
+#include "runContext.h"
 #include "testRoot.h"
 
 using testing_support::LogCapture;
@@ -164,7 +165,7 @@ TEST_F(TranslatorTest, DeepNestingAndAdjacentMasks) {
 
 TEST_F(TranslatorTest, LoadingChoosesTheFileAndReportsFailures) {
   LogCapture log;
-  autopTranslator& single = *autopTranslator::getInstance();
+  autopTranslator single;
   // logical file, its contents, then: load result, log lines, whether the phone's table ("p.x") is in use
   const std::tuple<const char*, std::string, bool, std::vector<std::string>, bool> cases[] = {
       {kTranslatorPhonePath, wrapped(R"(<object name="p"><item name="x" path="/a" section="s" key="k"/></object>)"), true,
@@ -184,7 +185,6 @@ TEST_F(TranslatorTest, LoadingChoosesTheFileAndReportsFailures) {
     EXPECT_EQ(single.findItem("p.x", item), phoneTable) << xml;
     EXPECT_EQ(single.objectCount() + single.itemCount(), loaded ? 2u : 0u);
   }
-  autopTranslator::releaseInstance();
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include "firmwareUrl.h"
 #include "registry.h"
 #include "romInstaller.h"
+#include "runContext.h"
 #include "servers.h"
 
 using namespace testing_support;
@@ -145,12 +146,9 @@ TEST_F(FirmwareChecksTest, VerifyTellsTheRunningVersionAndWhatThisPhoneWouldDo) 
 // Power-on after power-on with the same configuration file: the running firmware is named each
 // time. Nothing happens until a newer one is named; that one installs exactly once.
 TEST_F(FirmwareChecksTest, RunsNamingTheRunningFirmwareNeitherInstallNorRebootAndANewerOneInstallsOnce) {
-  autopTranslator table;
-  root->write("/tmp/table.xml", readHostFile(PROVISOR_SOURCE_DIR "/data/autopTranslator.xml"));
-  ASSERT_TRUE(table.loadTransData("/tmp/table.xml"));
-  autoUpgrade::setTranslator(&table);
-  int reboots = 0;
-  autoUpgrade::setRebootHandler([&] { ++reboots; });
+  testing_support::TestRunContext run;
+  ASSERT_TRUE(run.loadShippedTable());
+  int& reboots = run.reboots;
   for (const std::string family : {"lyra", "orin", "duna"}) {
     SCOPED_TRACE(family);
     reboots = 0;
@@ -158,7 +156,7 @@ TEST_F(FirmwareChecksTest, RunsNamingTheRunningFirmwareNeitherInstallNorRebootAn
     unlink(root->host(kFirmwareSlotPath).c_str());
     std::string running = serve(family + "-running.rom", kit->image(family, kPayload, false, "3.1.0.9"));
     root->write("/srv/p/common.cfg", "#!version:1.0.0.1\nfirmware.url = " + running + "\n");
-    for (int boot = 0; boot < 3; ++boot) EXPECT_TRUE(autoUpgrade::UpgradeFromURL("/srv/p"));
+    for (int boot = 0; boot < 3; ++boot) EXPECT_TRUE(autoUpgrade::UpgradeFromURL(run.context, "/srv/p"));
     EXPECT_EQ(reboots, 0);
     EXPECT_FALSE(root->exists(kHostActionsLog)) << root->read(kHostActionsLog);
     EXPECT_EQ(userenv_get("BOOTMODE"), "");
@@ -167,7 +165,7 @@ TEST_F(FirmwareChecksTest, RunsNamingTheRunningFirmwareNeitherInstallNorRebootAn
     std::string newer = serve(family + "-newer.rom", kit->image(family, kPayload, false, "3.1.0.10"));
     root->write("/srv/p/common.cfg", "#!version:1.0.0.1\nfirmware.url = " + newer + "\n");
     for (int boot = 0; boot < 3; ++boot) {
-      EXPECT_TRUE(autoUpgrade::UpgradeFromURL("/srv/p"));
+      EXPECT_TRUE(autoUpgrade::UpgradeFromURL(run.context, "/srv/p"));
       std::string out;
       if (family == "duna" && boot == 0) {
         EXPECT_EQ(tool("safemode-install", &out), 0) << out;
@@ -181,8 +179,6 @@ TEST_F(FirmwareChecksTest, RunsNamingTheRunningFirmwareNeitherInstallNorRebootAn
     }
     unlink(root->host(kHostActionsLog).c_str());
   }
-  autoUpgrade::setRebootHandler(nullptr);
-  autoUpgrade::setTranslator(nullptr);
 }
 
 // A TR-069 request for the running firmware is done as asked: no safe mode and no restart.

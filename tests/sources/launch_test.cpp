@@ -59,7 +59,8 @@ TEST_F(LaunchTest, NetworkWaitGivesUpAfterTwoMinutes) {
   LogCapture log;
   EXPECT_FALSE(autoLaunch::waitNetworkReady());
   EXPECT_EQ(fakeClock.elapsedMs(), 120000u);
-  EXPECT_FALSE(autoLaunch::launchUrlUpgrade("http://127.0.0.1:1/x.cfg"));
+  autopContext context;
+  EXPECT_FALSE(autoLaunch::launchUrlUpgrade(context, "http://127.0.0.1:1/x.cfg"));
   EXPECT_FALSE(log.contains("UpgradeFromURL"));
 }
 

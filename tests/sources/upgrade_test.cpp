@@ -19,6 +19,7 @@
 #include "log.h"
 #include "registry.h"
 #include "servers.h"
+#include "runContext.h"
 #include "testRoot.h"
 
 using namespace testing_support;
@@ -33,17 +34,9 @@ class UpgradeTest : public RootedTest {
  protected:
   void SetUp() override {
     RootedTest::SetUp();
-    root->write("/tmp/table.xml", readHostFile(PROVISOR_SOURCE_DIR "/data/autopTranslator.xml"));
-    ASSERT_TRUE(table.loadTransData("/tmp/table.xml"));
-    autoUpgrade::setTranslator(&table);
-    autoUpgrade::setRebootHandler([this] { ++reboots; });
+    ASSERT_TRUE(run.loadShippedTable());
     root->write("/host/device.ini", std::string("[device]\nmac = ") + kMac + "\nip = 127.0.0.1\nnetwork_type = 0\n");
     root->write("/config/system/system.ini", "[AutoProvision]\nstrCommName = common.cfg\n");
-  }
-  void TearDown() override {
-    autoUpgrade::setTranslator(nullptr);
-    autoUpgrade::setRebootHandler(nullptr);
-    RootedTest::TearDown();
   }
   std::string ini(const std::string& file, const std::string& section, const std::string& key) {
     registryResetCache();
@@ -55,8 +48,7 @@ class UpgradeTest : public RootedTest {
   // features.dnd.on_code: a plain setting whose object has a call.
   std::string dnd() { return ini("/config/user/user.ini", "Features", "DND_OnCode"); }
 
-  autopTranslator table;
-  int reboots = 0;
+  TestRunContext run;
 };
 
 }  // namespace
@@ -67,36 +59,36 @@ TEST_F(UpgradeTest, LocalDirectoryAppliesCommonThenPerDeviceFile) {
   root->write(std::string("/srv/prov/") + kMac + ".cfg",
               m7("account.1.label = Mine\nnetwork.internet_port.mtu = 1400\n"));
   LogCapture log;
-  EXPECT_TRUE(autoUpgrade::UpgradeFromURL("/srv/prov"));
+  EXPECT_TRUE(autoUpgrade::UpgradeFromURL(run.context, "/srv/prov"));
   EXPECT_EQ(account(0), "Mine");  // the per-device file came second and wins
   EXPECT_EQ(account(1), "Shared");
   EXPECT_EQ(dnd(), "12");
   EXPECT_EQ(ini("/config/system/system.ini", "WAN", "MTU"), "1400");
-  EXPECT_EQ(reboots, 1);
+  EXPECT_EQ(run.reboots, 1);
   // Each changed object's calls run once at the end of its file.
   EXPECT_TRUE(log.contains("call text method [msgPostMessage(\"app_vpPhone\",0x60003,0,0)]"));
 
   // Only the per-device file present: still reached.
   root->write("/srv/only/" + std::string(kMac) + ".cfg", m7("account.3.label = Alone\n"));
-  EXPECT_TRUE(autoUpgrade::UpgradeFromURL("/srv/only/"));
+  EXPECT_TRUE(autoUpgrade::UpgradeFromURL(run.context, "/srv/only/"));
   EXPECT_EQ(account(2), "Alone");
   // Nothing there at all: not reached.
-  EXPECT_FALSE(autoUpgrade::UpgradeFromURL("/srv/none/"));
+  EXPECT_FALSE(autoUpgrade::UpgradeFromURL(run.context, "/srv/none/"));
 
   // A custom per-device location that names the file itself is used as it stands, and collected
   // where the phone reads it.
   root->write("/srv/devs/mine.cfg", m7("account.4.label = Named\n"));
   root->write("/srv/c/common.cfg", m7("custom_mac_cfg.url = /srv/devs/mine.cfg\n"));
-  EXPECT_TRUE(autoUpgrade::UpgradeFromURL("/srv/c/"));
+  EXPECT_TRUE(autoUpgrade::UpgradeFromURL(run.context, "/srv/c/"));
   EXPECT_EQ(account(3), "Named");
   EXPECT_EQ(ini("/tmp/provisor.d/autop_tmp_config.cfg", "CUSTOM_MAC_CFG_PATH", "server_address"), "/srv/devs/mine.cfg");
 }
 
 TEST_F(UpgradeTest, InvalidUrlsAndFileNames) {
   LogCapture log;
-  EXPECT_FALSE(autoUpgrade::UpgradeFromURL("http:///x.cfg"));
+  EXPECT_FALSE(autoUpgrade::UpgradeFromURL(run.context, "http:///x.cfg"));
   EXPECT_TRUE(log.contains("Invalid URL !"));
-  EXPECT_FALSE(autoUpgrade::UpgradeFromURL("tftp://10.0.0.1:0/x"));
+  EXPECT_FALSE(autoUpgrade::UpgradeFromURL(run.context, "tftp://10.0.0.1:0/x"));
   for (const char* name : {"/p/boot.PHP", "a.Xml"}) EXPECT_TRUE(isConfigFileName(name)) << name;
   for (const char* name : {"/dir/file.txt", "/dir/file", static_cast<const char*>(nullptr)})
     EXPECT_FALSE(isConfigFileName(name));
@@ -123,11 +115,11 @@ TEST_F(UpgradeTest, HttpAndHttpsUrlsWithNoPasswordInTheLog) {
   http.put(std::string("auth/devices/") + kMac + ".cfg", m7("account.2.label = Reached\n"));
 
   LogCapture log;
-  EXPECT_TRUE(autoUpgrade::UpgradeFromURL("http://" + server + "/files/$mac.cfg"));
+  EXPECT_TRUE(autoUpgrade::UpgradeFromURL(run.context, "http://" + server + "/files/$mac.cfg"));
   EXPECT_EQ(account(0), "ViaMac");
   // Twice: the second run also logs the unchanged files by their URLs.
-  for (int run = 0; run < 2; ++run)
-    EXPECT_TRUE(autoUpgrade::UpgradeFromURL("https://user:secret@" + tlsServer + "/auth"));
+  for (int round = 0; round < 2; ++round)
+    EXPECT_TRUE(autoUpgrade::UpgradeFromURL(run.context, "https://user:secret@" + tlsServer + "/auth"));
   EXPECT_EQ(account(1), "Reached");
   EXPECT_EQ(ini("/config/system/system.ini", "AutoProvision", "strServerURL"),
             "ftp://admin:secret@" + server + "/prov/");
@@ -140,7 +132,7 @@ TEST_F(UpgradeTest, HttpAndHttpsUrlsWithNoPasswordInTheLog) {
   EXPECT_EQ(leak, std::string::npos) << text.substr(leak > 200 ? leak - 200 : 0, 400);
 
   // A missing file is not reached (the trust of HTTPS servers is the stream's own test).
-  EXPECT_FALSE(autoUpgrade::UpgradeFromURL("http://" + server + "/files/absent.cfg?x=1"));
+  EXPECT_FALSE(autoUpgrade::UpgradeFromURL(run.context, "http://" + server + "/files/absent.cfg?x=1"));
 }
 
 TEST_F(UpgradeTest, UnchangedFilesApplyOnlyResourceAndFirmwareItems) {
@@ -151,14 +143,14 @@ TEST_F(UpgradeTest, UnchangedFilesApplyOnlyResourceAndFirmwareItems) {
          "firmware.url = http://127.0.0.1:9/fw.rom\n");
   root->write("/srv/p/common.cfg", common);
   root->write(std::string("/srv/p/") + kMac + ".cfg", m7("account.1.label = Dev\n"));
-  ASSERT_TRUE(autoUpgrade::UpgradeFromURL("/srv/p"));
+  ASSERT_TRUE(autoUpgrade::UpgradeFromURL(run.context, "/srv/p"));
   const std::string commonDigest = ini("/config/system/system.ini", "OLD_VER", "MD5_CFG");
 
   // Somebody changes the values on the phone; the same files again do not overwrite them.
   brisaSetProfileString("/config/user/user.ini", "Features", "DND_OnCode", "99");
   brisaSetProfileString("/config/user/voip/sipAccount0.cfg", "account", "Label", "Local");
   LogCapture log;
-  ASSERT_TRUE(autoUpgrade::UpgradeFromURL("/srv/p"));
+  ASSERT_TRUE(autoUpgrade::UpgradeFromURL(run.context, "/srv/p"));
   EXPECT_EQ(dnd(), "99");
   EXPECT_EQ(account(0), "Local");
   // Resources and firmware are still dispatched, firmware last; passwords are not.
@@ -168,7 +160,7 @@ TEST_F(UpgradeTest, UnchangedFilesApplyOnlyResourceAndFirmwareItems) {
 
   // A changed common file applies again and makes the per-device file apply again too.
   root->write("/srv/p/common.cfg", common + "features.dnd.off_code = 6\n");
-  ASSERT_TRUE(autoUpgrade::UpgradeFromURL("/srv/p"));
+  ASSERT_TRUE(autoUpgrade::UpgradeFromURL(run.context, "/srv/p"));
   EXPECT_EQ(dnd(), "5");
   EXPECT_EQ(account(0), "Dev");
   EXPECT_NE(ini("/config/system/system.ini", "OLD_VER", "MD5_CFG"), commonDigest);
@@ -178,7 +170,7 @@ TEST_F(UpgradeTest, FileModelsValuesAndTheSizeLimit) {
   // The older model with a byte-order mark; "!boolean" is taken as plain boolean there.
   root->write("/srv/m2.cfg",
               "\xEF\xBB\xBF[cfg:/config/user/voip/sipAccount1.cfg]\naccount.Label = Old Model\naccount.HideLine = 1\n");
-  ASSERT_TRUE(autoUpgrade::UpgradeFromURL("/srv/m2.cfg"));
+  ASSERT_TRUE(autoUpgrade::UpgradeFromURL(run.context, "/srv/m2.cfg"));
   EXPECT_EQ(account(1), "Old Model");
   EXPECT_EQ(account(1, "HideLine"), "1");
 
@@ -189,7 +181,7 @@ TEST_F(UpgradeTest, FileModelsValuesAndTheSizeLimit) {
   root->write("/srv/m7.cfg", m7("features.dnd.on_code = %NULL%\naccount.1.label =\nno.such.key = 1\n"
                                 "account.1.hide_unregister_line = 1\n"));
   LogCapture log;
-  ASSERT_TRUE(autoUpgrade::UpgradeFromURL("/srv/m7.cfg"));
+  ASSERT_TRUE(autoUpgrade::UpgradeFromURL(run.context, "/srv/m7.cfg"));
   EXPECT_EQ(dnd(), "");
   EXPECT_EQ(account(0), "keep me");
   EXPECT_EQ(account(0, "HideLine"), "0");
@@ -200,7 +192,7 @@ TEST_F(UpgradeTest, FileModelsValuesAndTheSizeLimit) {
     std::string body = m7(std::string("account.4.label = ") + value + "\n");
     std::string padded = body + std::string(kMaxConfigFileSize - body.size() - 1, '#') + "\n";
     root->write("/srv/big.cfg", value == std::string("Big") ? padded : padded + "#");
-    autoUpgrade::UpgradeFromURL("/srv/big.cfg");
+    autoUpgrade::UpgradeFromURL(run.context, "/srv/big.cfg");
     EXPECT_EQ(account(3), "Big");
   }
   EXPECT_TRUE(log.contains("The Model Config File is larger than 2097152"));
@@ -211,7 +203,7 @@ TEST_F(UpgradeTest, OpeningIsRetriedOnlyOnAWiredNetwork) {
     root->write("/host/device.ini", "[device]\nnetwork_type = " + std::to_string(type) + "\n");
     registryResetCache();
     LogCapture log;
-    EXPECT_FALSE(autoUpgrade::UpgradeFromURL("/srv/absent.cfg"));
+    EXPECT_FALSE(autoUpgrade::UpgradeFromURL(run.context, "/srv/absent.cfg"));
     EXPECT_TRUE(log.contains("Failed connect to server ! Try [" + std::to_string(tries) + "] times ... ")) << type;
     EXPECT_FALSE(log.contains("Try [" + std::to_string(tries + 1) + "] times")) << type;
   }
@@ -241,9 +233,9 @@ TEST_F(UpgradeTest, SameFilesRebootOnlyOnceWhereverTheMacIs) {
   for (const Layout& layout : layouts) {
     root->write("/config/system/system.ini", "[AutoProvision]\nstrCommName = common.cfg\n");
     for (const auto& [path, contents] : layout.files) root->write(path, contents);
-    reboots = 0;
-    for (int boot = 0; boot < 3; ++boot) ASSERT_TRUE(autoUpgrade::UpgradeFromURL(layout.url)) << layout.name;
-    EXPECT_EQ(reboots, 1) << layout.name;
+    run.reboots = 0;
+    for (int boot = 0; boot < 3; ++boot) ASSERT_TRUE(autoUpgrade::UpgradeFromURL(run.context, layout.url)) << layout.name;
+    EXPECT_EQ(run.reboots, 1) << layout.name;
     EXPECT_EQ(account(0), "Mine") << layout.name;
   }
 }
@@ -270,7 +262,7 @@ TEST_F(UpgradeTest, EachFileOfAMacDirectoryIsDecryptedWithTheKeyOfItsRole) {
                          root->host("/tmp/plain.in") + "' -out '" + root->host(directory + name) + "'"),
               0);
   }
-  EXPECT_TRUE(autoUpgrade::UpgradeFromURL("/srv/$mac/"));
+  EXPECT_TRUE(autoUpgrade::UpgradeFromURL(run.context, "/srv/$mac/"));
   EXPECT_EQ(account(1), "Shared");
   EXPECT_EQ(account(0), "Mine");
 }
@@ -281,9 +273,9 @@ TEST_F(UpgradeTest, EachFileOfAMacDirectoryIsDecryptedWithTheKeyOfItsRole) {
 TEST_F(UpgradeTest, LinksPlantedAtFixedNamesInTmpAreNeverFollowed) {
   root->write("/srv/devs/mine.cfg", m7("account.4.label = Named\n"));
   root->write("/srv/c/common.cfg", m7("custom_mac_cfg.url = /srv/devs/mine.cfg\n"));
-  auto upgrade = [] { return autoUpgrade::UpgradeFromURL("/srv/c/"); };
-  auto pushed = [] { return autoParser().updateConfig(true) == kUpdateDone; };
-  auto dhcp = [] { return autoLaunch::launchDhcpUpgrade(false); };
+  auto upgrade = [this] { return autoUpgrade::UpgradeFromURL(run.context, "/srv/c/"); };
+  auto pushed = [this] { return autoParser(run.context).updateConfig(true) == kUpdateDone; };
+  auto dhcp = [this] { return autoLaunch::launchDhcpUpgrade(run.context, false); };
   auto tr069 = [] { return tr069DownloadRom() != 0; };
   auto backup = [this] { return backupLog() == 0 && !root->exists("/config/autop_log/log.0"); };
   const std::string request = "[firmware]\nhttp_url = http://127.0.0.1:1/fw.rom\nfirmware_name = fw.rom\n";
