@@ -20,6 +20,15 @@ build_and_test() {
 
 echo "== normal build =="
 build_and_test build
+echo "== normal build: each test program alone, in a shuffled order =="
+# No test may lean on what an earlier one left behind: every program runs by itself with its tests
+# in a random order (the seed is printed, so a failure can be replayed with --gtest_random_seed).
+start=$SECONDS
+seed=$(( (RANDOM % 9999) + 1 ))
+echo "-- shuffle seed $seed"
+ls build/test_* | xargs -P "$jobs" -I{} sh -c \
+  '{} --gtest_shuffle --gtest_random_seed='"$seed"' >"{}.shuffled.log" 2>&1 || { tail -40 "{}.shuffled.log"; echo "FAILED: {}"; exit 1; }'
+echo "-- shuffled runs took $((SECONDS - start)) s"
 echo "== sanitizer build (ASan + UBSan) =="
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1

@@ -5,6 +5,8 @@
 // A file left beside the slot by a power loss is removed by the next install.
 #include <dirent.h>
 #include <gtest/gtest.h>
+
+#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -50,7 +52,8 @@ class SlotWriteTest : public RootedTest, public ::testing::WithParamInterface<Sw
 TEST_P(SlotWriteTest, AFileSwappedMidDownloadNeverReachesTheSlotAndPlantedLinksAreNotFollowed) {
   const SwapCase& c = GetParam();
   // Real time: the stall must outlast the test's swap, not a fake-clock moment.
-  setClock(nullptr);
+  RealClock realTime;
+  std::optional<ScopedClock> useRealTime(std::in_place, realTime);
   FirmwareKit kit(*root);
   ASSERT_TRUE(kit.ready());
   root->write("/host/device.ini", "[device]\nfamily = lyra\n");
@@ -90,7 +93,7 @@ TEST_P(SlotWriteTest, AFileSwappedMidDownloadNeverReachesTheSlotAndPlantedLinksA
   }
   root->write("/scratch/go", "");
   EXPECT_EQ(result.get(), c.expected);
-  setClock(&fakeClock);
+  useRealTime.reset();
 
   EXPECT_TRUE(root->read(kSlotFolder + "/firmware.bin") == (c.expected == FW_OK ? payload : "running firmware"));
   EXPECT_TRUE(root->read(kSystemIni) == "[AutoProvision]\nstrServerURL = keep\n")

@@ -11,13 +11,7 @@ using namespace testing_support;
 
 namespace {
 
-class BaseMethodTest : public RootedTest {
- protected:
-  void TearDown() override {
-    setPartitionStatfs(nullptr);
-    RootedTest::TearDown();
-  }
-};
+using BaseMethodTest = RootedTest;
 
 struct statfs gFakeStatfs;
 std::string gStatfsPath;
@@ -96,7 +90,7 @@ TEST_F(BaseMethodTest, PartitionFreeSize) {
   EXPECT_FALSE(root->exists("/tmp/deep"));  // /tmp is never asked
   EXPECT_EQ(partitionFreeSize("nofolder"), 0);
 
-  setPartitionStatfs(fakeStatfs);
+  ScopedStatfs fakeSpace(fakeStatfs);
   gFakeStatfs = {};
   gFakeStatfs.f_type = 0xEF53;  // ext4
   gFakeStatfs.f_bsize = 4096;

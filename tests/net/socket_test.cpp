@@ -44,11 +44,12 @@ TEST(NetSocket, EdgesOfSendsAndReceivesAndPackets) {
   netSocketUDP udp;
   ASSERT_TRUE(udp.Open("127.0.0.1", 0));
   netAddress address;
-  FakeClock fake;
-  Clock* previous = setClock(&fake);
-  EXPECT_EQ(udp.ReceiveFromTimed(3000), 0);
-  EXPECT_EQ(fake.elapsedMs(), 3000u) << "a silent wait moves the fake clock by the whole time-out";
-  setClock(previous);
+  {
+    FakeClock fake;
+    testing_support::ScopedClock useFake(fake);
+    EXPECT_EQ(udp.ReceiveFromTimed(3000), 0);
+    EXPECT_EQ(fake.elapsedMs(), 3000u) << "a silent wait moves the fake clock by the whole time-out";
+  }
 
   netSocketTCP idle, client;
   ASSERT_TRUE(idle.CreateStream(AF_INET) && client.CreateStream(AF_INET));

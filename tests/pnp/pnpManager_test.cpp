@@ -17,6 +17,8 @@
 #include "sipHelper.h"
 
 using testing_support::LogCapture;
+using testing_support::ScopedClock;
+using testing_support::ScopedStatfs;
 
 namespace {
 
@@ -133,11 +135,8 @@ std::string cutOut(std::string& text, const std::string& after, const std::strin
 // clock, which only moves for a thread's wait, stands still) and the port refuses a late NOTIFY.
 TEST(PnpDiscovery, NoAnswerGivesFourFreshSubscribesThenThePortCloses) {
   RUN_IN_OWN_NETWORK();
-  struct FakeTime {
-    FakeClock clock;
-    Clock* previous = setClock(&clock);
-    ~FakeTime() { setClock(previous); }
-  } fakeTime;
+  FakeClock clock;
+  ScopedClock useFake(clock);
   LogCapture log;
   GroupPeer server(5060);
   Phone phone;
@@ -164,10 +163,10 @@ TEST(PnpDiscovery, NoAnswerGivesFourFreshSubscribesThenThePortCloses) {
   EXPECT_EQ("", server.receive(0)) << "a fifth SUBSCRIBE";
   EXPECT_EQ(12u, fresh.size()) << "a branch, tag or Call-ID used twice";
 
-  const uint64_t closedAt = fakeTime.clock.elapsedMs();
+  const uint64_t closedAt = clock.elapsedMs();
   server.reply(notify(callIds[3], 1, kUrl));
   EXPECT_EQ("", server.receive(300, false)) << "a NOTIFY after the window was answered";
-  EXPECT_EQ(closedAt, fakeTime.clock.elapsedMs()) << "a timer still runs";
+  EXPECT_EQ(closedAt, clock.elapsedMs()) << "a timer still runs";
   EXPECT_TRUE(phone.urls().empty());
 }
 

@@ -15,6 +15,8 @@ namespace {
 
 using parser_test::ParserTest;
 using testing_support::LogCapture;
+using testing_support::ScopedClock;
+using testing_support::ScopedStatfs;
 
 // add() writes one entry to the archive open as `t`.
 const char* const kTarHelper =
@@ -133,7 +135,7 @@ TEST_F(ArchiveTest, PackagesAreAnArchiveOrOneConfigurationFileWithinTheirSpace) 
       root->write(std::string("/tmp/") + name, contents);
   }
   makeTars(tars);
-  setPartitionStatfs(&fakeStatfs);
+  ScopedStatfs fakeSpace(&fakeStatfs);
   for (const auto& [name, makeParser, contents, installed] : cases) {
     SCOPED_TRACE(name);
     std::unique_ptr<autoBinParser> parser(makeParser());
@@ -146,7 +148,6 @@ TEST_F(ArchiveTest, PackagesAreAnArchiveOrOneConfigurationFileWithinTheirSpace) 
     else
       EXPECT_EQ(tree(), before);
   }
-  setPartitionStatfs(nullptr);
 }
 
 }  // namespace

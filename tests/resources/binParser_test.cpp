@@ -21,6 +21,8 @@ namespace {
 
 using parser_test::ParserTest;
 using testing_support::LogCapture;
+using testing_support::ScopedClock;
+using testing_support::ScopedStatfs;
 
 // The class a parser was made of; void for none.
 std::type_index classOf(const std::unique_ptr<autoBinParser>& parser) {
@@ -111,15 +113,16 @@ TEST_F(BinParserTest, FileLargerThanASmallPartitionIsRefused) {
   EXPECT_EQ(root->read("/config/small/dp.xml"), "<DialRule/>");
   EXPECT_FALSE(root->exists("/tmp/dp.xml"));
   // Past the space check (its answer faked), the full partition fails the copy and nothing changes.
-  setPartitionStatfs([](const char*, struct statfs* s) {
-    *s = {};
-    s->f_bsize = 4096;
-    s->f_bfree = 1 << 20;
-    return 0;
-  });
-  root->write("/tmp/dp.xml", "<DialRule>" + std::string(200 * 1024, ' ') + "</DialRule>");
-  EXPECT_EQ(autoDialPlan().installFile("/tmp/dp.xml", "/config/small/dp.xml"), 0);
-  setPartitionStatfs(nullptr);
+  {
+    ScopedStatfs plentyOfSpace([](const char*, struct statfs* s) {
+      *s = {};
+      s->f_bsize = 4096;
+      s->f_bfree = 1 << 20;
+      return 0;
+    });
+    root->write("/tmp/dp.xml", "<DialRule>" + std::string(200 * 1024, ' ') + "</DialRule>");
+    EXPECT_EQ(autoDialPlan().installFile("/tmp/dp.xml", "/config/small/dp.xml"), 0);
+  }
   // The old file as it was, and no temporary left behind.
   EXPECT_EQ(tree("/config/small"), (std::map<std::string, std::string>{{"/config/small/dp.xml", "<DialRule/>"}}));
   umount2(root->host("/config/small").c_str(), MNT_DETACH);

@@ -160,13 +160,12 @@ TEST_F(PolicyTest, WeeklyRunsFallOnTheMaskedDaysAtTheirLocalMoment) {
     SCOPED_TRACE(c.mask + std::string(" ") + c.begin + " " + c.zone);
     zone(c.zone);
     FakeClock clock(c.startUtc);
-    Clock* previous = setClock(&clock);
+    ScopedClock useFake(clock);
     keys(std::string("bEnableWeekly = 1\nstrWeeklyMask = ") + c.mask + "\nstrWeeklyBeginTime = " + c.begin +
          "\nstrWeeklyEndTime = " + c.end + "\n");
     policyManger manager;
     PolicyThread thread(manager, c.expected.size());
     EXPECT_EQ(thread.run(), 0);
-    setClock(previous);
     std::vector<std::string> seen;
     for (int32_t s : thread.starts) seen.push_back(chTime(s).Format("%Y-%m-%d %H:%M"));
     EXPECT_EQ(seen, c.expected);
@@ -204,14 +203,13 @@ TEST_F(PolicyTest, AChangeOfTheSectionByAnotherProcessReloadsBothPolicies) {
 // next weekly moment is that same evening, not a day later.
 TEST_F(PolicyTest, AWeeklyMomentHandledAfterMidnightKeepsTheNextDay) {
   FakeClock clock(1700000000);  // Tuesday 2023-11-14 22:13:20
-  Clock* previous = setClock(&clock);
+  ScopedClock useFake(clock);
   keys("bEnableRepeat = 1\nnRepeatMinutes = 60\nbEnableWeekly = 1\nstrWeeklyMask = 0123456\n"
        "strWeeklyBeginTime = 23:30\nstrWeeklyEndTime = 23:31\n");
   LogCapture log;
   policyManger manager;
   PolicyThread thread(manager, 2, 98 * 60);
   EXPECT_EQ(thread.run(), 0);
-  setClock(previous);
   std::vector<std::string> seen;
   for (int32_t s : thread.starts) seen.push_back(chTime(s).Format("%Y-%m-%d %H:%M"));
   EXPECT_EQ(seen, (std::vector<std::string>{"2023-11-14 23:13", "2023-11-15 00:51"}));

@@ -1,6 +1,8 @@
 #define LOG_MODULE "./tests/support"
 #include "testRoot.h"
 
+#include "scopedGlobals.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -80,15 +82,21 @@ void writeHostFile(const std::string& path, const std::string& contents) {
 }
 
 // The settings store caches files by host path and outlives a test: every test starts and ends empty.
-void RootedTest::SetUp() {
-  root = std::make_unique<TempRoot>();
-  previousClock = setClock(&fakeClock);
+void resetProcessWideState() {
+  setClock(nullptr);
+  setPartitionStatfs(nullptr);
   registryResetCache();
 }
 
+// Whatever an earlier test left behind is reset first, and again after this one.
+void RootedTest::SetUp() {
+  resetProcessWideState();
+  root = std::make_unique<TempRoot>();
+  setClock(&fakeClock);
+}
+
 void RootedTest::TearDown() {
-  registryResetCache();
-  setClock(previousClock);
+  resetProcessWideState();
   root.reset();
 }
 

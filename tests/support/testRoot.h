@@ -10,6 +10,7 @@
 #include "clock.h"
 #include "fakeClock.h"
 #include "launcher.h"
+#include "scopedGlobals.h"
 
 namespace testing_support {
 
@@ -59,14 +60,14 @@ class TempRoot {
   bool hadEnv_ = false;
 };
 
-// A test with its own root and a fake clock installed for the platform.
+// A test with its own root and a fake clock installed for the platform; every process-wide setting
+// is reset before and after it (scopedGlobals.h), so no test depends on the order tests run in.
 class RootedTest : public ::testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
   std::unique_ptr<TempRoot> root;
   FakeClock fakeClock;
-  Clock* previousClock = nullptr;
 };
 
 // Lines written to the log while the capture lives (the logger's test sink).
