@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the dependencies, builds the project three times (normal; with AddressSanitizer and
 # UndefinedBehaviorSanitizer; cross-built for the phone's 32-bit ARM) and runs the whole test suite
-# in each. The ARM suite runs under the user-mode emulator against a sysroot cached in
+# in each (the normal one also each test program alone, shuffled). The ARM suite runs under the user-mode emulator against a sysroot cached in
 # $ARMHF_SYSROOT (default ~/.cache/provisor/armhf-sysroot); PROVISOR_SKIP_ARMHF=1 leaves it out.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -26,7 +26,7 @@ echo "== normal build: each test program alone, in a shuffled order =="
 start=$SECONDS
 seed=$(( (RANDOM % 9999) + 1 ))
 echo "-- shuffle seed $seed"
-ls build/test_* | xargs -P "$jobs" -I{} sh -c \
+find build -maxdepth 1 -name 'test_*' -type f -perm -u+x | xargs -P "$jobs" -I{} sh -c \
   '{} --gtest_shuffle --gtest_random_seed='"$seed"' >"{}.shuffled.log" 2>&1 || { tail -40 "{}.shuffled.log"; echo "FAILED: {}"; exit 1; }'
 echo "-- shuffled runs took $((SECONDS - start)) s"
 echo "== sanitizer build (ASan + UBSan) =="
