@@ -59,7 +59,7 @@ TEST_F(BinUpgraderTest, InstallSkipByMd5DirectoriesOneResourcePerObjectAndDelete
   const std::string plan = "<DialRule>" + std::string(5000, ' ') + "</DialRule>\n";
   http.put("files/dp.xml", plan);
   for (const char* name : {"bar.xml", "baz.xml", "qux.xml"}) http.put(name, std::string("<R n=\"") + name + "\"/>");
-  ASSERT_TRUE(http.start());
+  START_PEER(http);
   const std::string server = "http://127.0.0.1:" + std::to_string(http.port()) + "/";
   const std::string dest = "/config/data/DialPlan.xml", dir = "/config/data/xml/";
 
@@ -126,7 +126,7 @@ TEST_F(BinUpgraderTest, ServerNamesNeverReachTheFilesOfTmp) {
   http.put("ring.wav", wav);
   http.put("valdrun_dhcp_options", "<R/>");
   http.put("XML.cfg", "<R/>");
-  ASSERT_TRUE(http.start());
+  START_PEER(http);
   const std::string server = "http://127.0.0.1:" + std::to_string(http.port()) + "/";
 
   provision("ringtone.url = " + server + "ring.wav");

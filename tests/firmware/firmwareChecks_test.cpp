@@ -29,7 +29,7 @@ class FirmwareChecksTest : public RootedTest {
     RootedTest::SetUp();
     kit = std::make_unique<FirmwareKit>(*root);
     ASSERT_TRUE(kit->ready());
-    ASSERT_TRUE(http.start());
+    START_PEER(http);
   }
   // A family of "" leaves the family to the hardware version (/proc/hwversion, when given).
   void useDevice(const std::string& family, const std::string& running, bool allowDowngrade = false) {

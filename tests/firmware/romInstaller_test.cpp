@@ -62,7 +62,7 @@ TEST_F(RomInstallerTest, LyraWaitsOutTheCallStopsTheListedProcessesAndHandsOverT
   useFamily("lyra");
   std::string payload = testBytes(300000, 7);
   HttpServer http;
-  ASSERT_TRUE(http.start());
+  START_PEER(http);
   http.put("fw/lyra.rom", kit->image("lyra", payload));
   addProcess(4100, std::string("/bin/sh\0/etc/init.d/GuiApp.sh", 29), "sh");  // application: killed
   addProcess(4200, "/sbin/syslogd", "syslogd");                               // kept
@@ -90,7 +90,7 @@ TEST_F(RomInstallerTest, ARefusingServerGetsFiveAttemptsAndDunaChecksTheHeaderBe
 
   useFamily("duna");
   TftpServer tftp;
-  ASSERT_TRUE(tftp.start());
+  START_PEER(tftp);
   tftp.put("duna.rom", kit->image("duna", testBytes(5000, 3)));
   tftp.put("lyra.rom", kit->image("lyra", testBytes(5000, 3)));
   std::string base = "tftp://127.0.0.1:" + std::to_string(tftp.port()) + "/";

@@ -19,6 +19,7 @@ std::string on(int port) { return "127.0.0.1:" + std::to_string(port) + "/"; }
 
 // One peer per stream, started for a test's root: `put` serves a file, `url` names it.
 struct LocalFiles {
+  static constexpr const char* kProgram = "/bin/sh";  // no peer program: always there
   bool start(const TempRoot& served) { return (root = &served); }
   void put(const std::string& name, const std::string& bytes) { root->write("/srv/" + name, bytes); }
   std::string url(const std::string& name) const { return "/srv/" + name; }
@@ -63,7 +64,7 @@ TYPED_TEST(DownloadStreams, FilesOfEveryEdgeSizeArriveWholeAndMissingOnesFail) {
   TempRoot root;
   LogCapture log;
   TypeParam peer;
-  ASSERT_TRUE(peer.start(root)) << "the peer did not start";
+  START_PEER(peer, root);
   for (size_t size : {size_t(0), size_t(511), size_t(512), size_t(513), size_t(512) * 65540 + 100}) {
     std::string name = "f" + std::to_string(size) + ".cfg", bytes = testBytes(size, static_cast<unsigned>(size));
     peer.put(name, bytes);

@@ -167,7 +167,7 @@ TEST(FtpServer, UserLogInPassiveAndActiveOverIPv4AndIPv6) {
       SCOPED_TRACE(std::string(ipv6 ? "IPv6 " : "IPv4 ") + (passive ? "passive" : "active"));
       FtpServer server;
       server.put("dir/f.cfg", bytes);
-      ASSERT_TRUE(server.start({passive, ipv6}));  // passive off: PASV is refused, the client falls back to PORT
+      START_PEER(server, {passive, ipv6});  // passive off: PASV is refused, the client falls back to PORT
       fileDownload d;
       EXPECT_EQ(downloadToOut("ftp://nobody:secret@" + std::string(ipv6 ? "[::1]:" : "127.0.0.1:") +
                                   std::to_string(server.port()) + "/dir/f.cfg",

@@ -33,7 +33,8 @@ TEST(HttpServer, RedirectsBasicAuthenticationAndTheTrustedDirectory) {
   server.put("files/redirected.bin", "after the redirect");
   server.put("auth/secret.cfg", "behind a password");
   ASSERT_TRUE(ca.create() && ca.issueServerCertificate("server") && otherCa.create() &&
-              otherCa.issueServerCertificate("server") && server.start(&ca, &otherCa));
+              otherCa.issueServerCertificate("server"));
+  START_PEER(server, &ca, &otherCa);
   const std::string web = "127.0.0.1:" + std::to_string(server.port());
   const std::string tls = "127.0.0.1:" + std::to_string(server.tlsPort());
   // Before its fetch, a row names the file the test CA is then trusted as ("" for no change); the

@@ -52,7 +52,7 @@ TEST(PnpDaemon, LateNotifiesAreTakenAndEachAnsweredWhereItsViaSays) {
     SCOPED_TRACE(run.notifies);
     TempRoot root;
     TftpServer tftp;
-    ASSERT_TRUE(tftp.start(69));
+    START_PEER(tftp, 69);
     tftp.put("pnp/common.cfg", "#!version:1.0.0.1\n");
     tftp.put("pnp/001565aabbcc.cfg", "#!version:1.0.0.1\nmarker.source = plug-and-play\n");
     root.write("/phone/resource/autopTranslator.xml", kTable);

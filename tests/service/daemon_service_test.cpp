@@ -37,7 +37,7 @@ bool contains(const std::string& text, const std::string& needle) { return text.
 class ServiceDaemonTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(http.start());
+    START_PEER(http);
     root.write("/phone/resource/autopTranslator.xml", kPolicyTable);
     root.write("/host/device.ini", std::string("[device]\nmac = ") + kMac + "\nip = 127.0.0.1\n");
   }

@@ -64,7 +64,7 @@ const char* kResultOk = "id=0x10201 wparam=0 lparam=1 extra=\n";
 class DaemonRunTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(http.start());
+    START_PEER(http);
     root.write("/phone/resource/autopTranslator.xml", kTable);
     root.write("/host/device.ini", std::string("[device]\nmac = ") + kMac + "\nip = 127.0.0.1\n");
     for (const char* dir : {"prov", "dhcp66", "dhcp43", "given"}) publish(dir, dir);
@@ -338,10 +338,11 @@ struct GroupMembership {
 // multicast SUBSCRIBE, answers 200 and sends a NOTIFY whose body is the URL of an nginx directory;
 // the daemon provisions from it and tells the discovery thread it is done.
 TEST(DaemonPnpRun, SippAnswerIsProvisionedAndTheManagerToldItIsDone) {
+  REQUIRE_PEER_PROGRAM("/usr/bin/sipp");
   RUN_IN_OWN_NETWORK();
   TempRoot root;
   HttpServer http;
-  ASSERT_TRUE(http.start());
+  START_PEER(http);
   http.put("pnp/common.cfg", markerFile("plug-and-play"));
   const std::string url = "http://127.0.0.1:" + std::to_string(http.port()) + "/pnp/";
   root.write("/phone/resource/autopTranslator.xml", kTable);

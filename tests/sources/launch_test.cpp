@@ -69,7 +69,7 @@ TEST_F(LaunchTest, OnlyAGoodRomHeaderOfARemoteManagementRequestSwitchesToSafeMod
   ASSERT_TRUE(kit.ready());
   root->write(kHostDeviceIni, std::string("[device]\nmac = ") + kMac + "\nfamily = duna\n");
   HttpServer http;
-  ASSERT_TRUE(http.start());
+  START_PEER(http);
   std::string good = kit.image("duna", testBytes(70000, 5));
   std::string base = "http://127.0.0.1:" + std::to_string(http.port()) + "/";
 

@@ -101,7 +101,7 @@ TEST_F(UpgradeTest, HttpAndHttpsUrlsWithNoPasswordInTheLog) {
   TestCa ca("prov-ca");
   ASSERT_TRUE(ca.create() && ca.issueServerCertificate("server"));
   HttpServer http;
-  ASSERT_TRUE(http.start(&ca));
+  START_PEER(http, &ca);
   root->write("/config/certs/trusted/prov-ca.pem", readHostFile(ca.caCertificate()));
   const std::string server = "127.0.0.1:" + std::to_string(http.port());
   const std::string tlsServer = "127.0.0.1:" + std::to_string(http.tlsPort());

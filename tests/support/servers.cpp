@@ -34,11 +34,12 @@ bool listening(int port, const std::string& table) {
 }  // namespace
 
 bool pollFor(const std::function<bool()>& done, int timeoutMs) {
-  for (auto deadline = Steady::now() + std::chrono::milliseconds(timeoutMs); Steady::now() < deadline;) {
+  // Looked at once even with no time at all, and once more at the deadline.
+  for (auto deadline = Steady::now() + std::chrono::milliseconds(timeoutMs);;) {
     if (done()) return true;
+    if (Steady::now() >= deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  return false;
 }
 
 bool ServerProcess::start(const std::vector<std::string>& argv, const std::string& logFile,
@@ -99,24 +100,54 @@ std::string testBytes(size_t size, unsigned seed) {
   return bytes;
 }
 
+bool programInstalled(const char* path) { return access(path, X_OK) == 0; }
+
 bool ipv6LoopbackAvailable() { return readHostFile("/proc/net/if_inet6").find(" lo\n") != std::string::npos; }
+
+namespace {
+
+constexpr int kStartAttempts = 5;
+
+// The servers below cannot bind port 0 and tell their port, so each gets a port that was free a
+// moment before; another test program running at the same time may take it first. The server then
+// exits (or never listens) and is started again on another port.
+bool startOnFreshPorts(ServerProcess& process, const std::function<bool()>& attempt) {
+  for (int i = 0; i < kStartAttempts; ++i) {
+    if (attempt()) return true;
+    process.stop();
+  }
+  return false;
+}
+
+// Listening on `port` and still our own process (not a stranger that holds the port).
+bool ownListener(ServerProcess& process, int port, const char* protocol) {
+  return pollFor([&] { return process.wait(0) == -2 && listening(port, protocol); }, 5000) && process.wait(0) == -2;
+}
+
+}  // namespace
 
 TftpServer::TftpServer() : dir_("tftp") { mkdir(dir_.file("files").c_str(), 0755); }
 
 bool TftpServer::start(int port) {
-  port_ = port > 0 ? port : freePort(true);
-  // A fixed port is for a network of the test's own, which has nothing but loopback: there
-  // tftpd's resolver refuses "127.0.0.1", so it listens on every address of that network.
-  const std::string address = (port > 0 ? ":" : "127.0.0.1:") + std::to_string(port_);
-  std::vector<std::string> argv = {"/usr/sbin/in.tftpd", "--foreground", "--listen", "--user", "root",
-                                   "--address", address, "--secure", dir()};
-  return process_.start(argv, dir_.file("tftpd.log")) && pollFor([&] { return listening(port_, "udp"); }, 5000);
+  return startOnFreshPorts(process_, [&] {
+    port_ = port > 0 ? port : freePort(true);
+    // A fixed port is for a network of the test's own, which has nothing but loopback: there
+    // tftpd's resolver refuses "127.0.0.1", so it listens on every address of that network.
+    const std::string address = (port > 0 ? ":" : "127.0.0.1:") + std::to_string(port_);
+    std::vector<std::string> argv = {kProgram, "--foreground", "--listen", "--user", "root",
+                                     "--address", address, "--secure", dir()};
+    return process_.start(argv, dir_.file("tftpd.log")) && ownListener(process_, port_, "udp");
+  });
 }
 
 FtpServer::FtpServer() : dir_("ftp") { mkdir(dir_.file("files").c_str(), 0755); }
 
 bool FtpServer::start(const Options& options) {
-  port_ = freePort();
+  return startOnFreshPorts(process_, [&] { return startOn(freePort(), options); });
+}
+
+bool FtpServer::startOn(int port, const Options& options) {
+  port_ = port;
   const std::string files = dir_.file("files");
   std::ostringstream conf;
   conf << "listen=" << (options.ipv6 ? "NO" : "YES") << "\nlisten_ipv6=" << (options.ipv6 ? "YES" : "NO")
@@ -131,8 +162,8 @@ bool FtpServer::start(const Options& options) {
   dir_.write("vsftpd.conf", conf.str());
   mkdir("/var/run/vsftpd", 0755);
   mkdir("/var/run/vsftpd/empty", 0755);
-  return process_.start({"/usr/sbin/vsftpd", dir_.file("vsftpd.conf")}, dir_.file("server.out")) &&
-         pollFor([&] { return listening(port_, options.ipv6 ? "tcp6" : "tcp"); }, 5000);
+  return process_.start({kProgram, dir_.file("vsftpd.conf")}, dir_.file("server.out")) &&
+         ownListener(process_, port_, options.ipv6 ? "tcp6" : "tcp");
 }
 
 std::string FtpServer::log() const { return readHostFile(dir_.file("vsftpd.log")); }
@@ -158,6 +189,10 @@ bool TestCa::issueServerCertificate(const std::string& base) const {
 HttpServer::HttpServer() : dir_("http") { mkdir(dir_.file("www").c_str(), 0755); }
 
 bool HttpServer::start(const TestCa* ca, const TestCa* otherCa) {
+  return startOnFreshPorts(process_, [&] { return startOnce(ca, otherCa); });
+}
+
+bool HttpServer::startOnce(const TestCa* ca, const TestCa* otherCa) {
   port_ = freePort();
   const std::string d = dir_.path();
   dir_.write("htpasswd", "user:{PLAIN}secret\n");
@@ -180,10 +215,10 @@ bool HttpServer::start(const TestCa* ca, const TestCa* otherCa) {
   if (ca) conf += server(tlsPort_ = freePort(), ca, authorised);
   if (otherCa) conf += server(otherTlsPort_ = freePort(), otherCa, "");
   dir_.write("nginx.conf", conf + "}\n");
-  bool started = process_.start({"/usr/sbin/nginx", "-p", d, "-c", d + "/nginx.conf", "-g", "daemon off;"},
+  bool started = process_.start({kProgram, "-p", d, "-c", d + "/nginx.conf", "-g", "daemon off;"},
                                 dir_.file("server.out"));
   for (int port : {port_, tlsPort_, otherTlsPort_})
-    started = started && (port < 0 || pollFor([&] { return listening(port, "tcp"); }, 5000));
+    started = started && (port < 0 || ownListener(process_, port, "tcp"));
   return started;
 }
 

@@ -49,9 +49,27 @@ std::string testBytes(size_t size, unsigned seed = 1);
 bool pollFor(const std::function<bool()>& done, int timeoutMs);
 // Whether this machine can use IPv6 loopback.
 bool ipv6LoopbackAvailable();
+// Whether a peer program is installed (executable at that path).
+bool programInstalled(const char* path);
+
+// Starts a peer server; on a machine without its program the test is skipped, with the reason,
+// instead of failed.
+#define START_PEER(server, ...)                                                                    \
+  do {                                                                                              \
+    if (!testing_support::programInstalled((server).kProgram))                                      \
+      GTEST_SKIP() << (server).kProgram << " is not installed: this test needs it as its peer";     \
+    ASSERT_TRUE((server).start(__VA_ARGS__));                                                       \
+  } while (0)
+// Skips the test, with the reason, when a peer program it runs itself is not installed.
+#define REQUIRE_PEER_PROGRAM(path)                                                                 \
+  do {                                                                                              \
+    if (!testing_support::programInstalled(path))                                                   \
+      GTEST_SKIP() << (path) << " is not installed: this test needs it as its peer";                \
+  } while (0)
 
 class TftpServer {
  public:
+  static constexpr const char* kProgram = "/usr/sbin/in.tftpd";
   TftpServer();
   // On a free port, or on `port` (69 in a network of the test's own).
   bool start(int port = 0);
@@ -68,6 +86,7 @@ class TftpServer {
 
 class FtpServer {
  public:
+  static constexpr const char* kProgram = "/usr/sbin/vsftpd";
   struct Options {
     bool passive = true;  // false: PASV is refused, so clients must use active mode
     bool ipv6 = false;    // listen on ::1 instead of 127.0.0.1
@@ -80,6 +99,7 @@ class FtpServer {
   std::string log() const;
 
  private:
+  bool startOn(int port, const Options& options);
   ScratchDir dir_;
   ServerProcess process_;
   int port_ = -1;
@@ -105,6 +125,7 @@ class TestCa {
 // /redirect answers 302 to /files/redirected.bin.
 class HttpServer {
  public:
+  static constexpr const char* kProgram = "/usr/sbin/nginx";
   HttpServer();
   bool start(const TestCa* ca = nullptr, const TestCa* otherCa = nullptr);
   int port() const { return port_; }
@@ -113,6 +134,7 @@ class HttpServer {
   void put(const std::string& path, const std::string& contents) const { dir_.write("www/" + path, contents); }
 
  private:
+  bool startOnce(const TestCa* ca, const TestCa* otherCa);
   ScratchDir dir_;
   ServerProcess process_;
   int port_ = -1;

@@ -176,7 +176,7 @@ TEST(Autoptool, VerifyPrintsTheHeaderAndSafeModeInstallFlashesOnlyAWholeGoodImag
   ASSERT_TRUE(kit.ready());
   root.write(kHostDeviceIni, "[device]\nmac = 001565aabbcc\nfamily = duna\n");
   HttpServer http;
-  ASSERT_TRUE(http.start());
+  START_PEER(http);
   std::string payload = testBytes(150000, 4);
   std::string good = kit.image("duna", payload);
   std::string base = "http://127.0.0.1:" + std::to_string(http.port()) + "/", out;
