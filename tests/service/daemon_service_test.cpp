@@ -26,12 +26,6 @@ const char* kPolicyTable = R"XML(<?xml version="1.0"?>
 </cfg></autopTranslator>
 )XML";
 
-std::string msgctl(const std::string& args) {
-  std::string out;
-  runCommand(programCommand("msgctl") + " " + args, &out);
-  return out;
-}
-
 bool contains(const std::string& text, const std::string& needle) { return text.find(needle) != std::string::npos; }
 
 class ServiceDaemonTest : public ::testing::Test {
@@ -70,8 +64,8 @@ TEST_F(ServiceDaemonTest, SettingsTheDaemonAppliesItselfArmBothPolicies) {
   EXPECT_FALSE(contains(daemon.log(), "Set repeatPolicy timer"));
 
   root.write("/tmp/XML.cfg", "#!version:1.0.0.1\nautoprovision.repeat = 1\nautoprovision.minutes = 7\n");
-  EXPECT_EQ(msgctl("post provisor 0xa1003"), "");
-  EXPECT_EQ(msgctl("send provisor 0xa0001"), "0\n");  // the reparse before it has been handled
+  EXPECT_TRUE(postMessage(AP_MSG_REPARSE_CONFIG));
+  EXPECT_EQ(runState(), 0);  // the reparse before it has been handled
   EXPECT_TRUE(contains(daemon.log(), "Set repeatPolicy timer [7m]")) << daemon.log();
   EXPECT_EQ(daemon.stop(SIGTERM), 0);
 }
@@ -123,7 +117,7 @@ TEST_F(ServiceDaemonTest, SigtermEndsTheDaemonPromptlyWhereverItWaits) {
     }
     DaemonProcess daemon(root.path(), {"-byzero"});
     ASSERT_TRUE(daemon.waitReachable());
-    EXPECT_EQ(msgctl("post provisor 0xa0002 0 0 --extra " + url), "");
+    EXPECT_TRUE(postMessage(MSG_START_AUTO_PROVISION_URL, 0, 0, "--extra " + url));
     if (c.silentServer)
       ASSERT_TRUE(pollFor([&] { return !readHostFile(peers.file("accepted")).empty(); }, 10000));
     else
