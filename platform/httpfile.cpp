@@ -91,13 +91,15 @@ class httpTransfer {
   }
   ~httpTransfer() {
     if (multi_ && easy_ && added_) curl_multi_remove_handle(multi_, easy_);
+    if (requestHeaders_) curl_slist_free_all(requestHeaders_);
     if (easy_) curl_easy_cleanup(easy_);
     if (multi_) curl_multi_cleanup(multi_);
   }
   httpTransfer(const httpTransfer&) = delete;
   httpTransfer& operator=(const httpTransfer&) = delete;
 
-  bool open(const char* url, int32_t timeoutMs, bool tls, const std::string& range);
+  bool open(const char* url, int32_t timeoutMs, bool tls, const std::string& range,
+            const httpValidators& validators);
   int read(uint8_t* out, size_t wanted, size_t unit, int32_t timeoutMs);
 
   bool broken = false;
@@ -105,6 +107,7 @@ class httpTransfer {
   std::string error;
   long responseCode = 0;
   std::string contentRange;  // of the final answer
+  httpValidators answerValidators;  // of the final answer
 
  private:
   void configure(const char* url, int32_t timeoutMs, bool tls);
@@ -120,6 +123,7 @@ class httpTransfer {
 
   CURL* easy_ = nullptr;
   CURLM* multi_ = nullptr;
+  curl_slist* requestHeaders_ = nullptr;
   static constexpr size_t kHighWaterBytes = 512 * 1024;
 
   // The bytes a closed range "a-b" can want of a whole-file answer: b + 1; -1 for any other request.
@@ -138,7 +142,26 @@ class httpTransfer {
 
 namespace {
 bool isSuccessCode(long code) { return code >= 200 && code < 300; }
+// An answer whose headers end the open: a success, or "not modified" (which has no body).
+bool endsHeaders(long code) { return isSuccessCode(code) || code == 304; }
+
+// The value of `name:` when `line` is that header, trimmed; false otherwise.
+bool headerValue(const char* line, size_t bytes, const char* name, std::string& value) {
+  const size_t length = strlen(name);
+  if (bytes <= length || strncasecmp(line, name, length) != 0) return false;
+  std::string text(line + length, bytes - length);
+  size_t first = text.find_first_not_of(" \t"), last = text.find_last_not_of(" \t\r\n");
+  value = first == std::string::npos ? "" : text.substr(first, last - first + 1);
+  return true;
+}
 }  // namespace
+
+bool isSafeValidator(const std::string& value) {
+  if (value.size() > kMaxValidatorLength) return false;
+  for (unsigned char c : value)
+    if (c < 0x20 || c > 0x7e) return false;
+  return true;
+}
 
 size_t httpTransfer::onBody(char* data, size_t size, size_t count, void* self) {
   auto* t = static_cast<httpTransfer*>(self);
@@ -177,19 +200,21 @@ size_t httpTransfer::onHeader(char* data, size_t size, size_t count, void* self)
   bool blankLine = (bytes == 2 && data[0] == '\r' && data[1] == '\n') || (bytes == 1 && data[0] == '\n');
   // Each answer's own: a redirect's header must not stand for the final one.
   static constexpr char kStatusLine[] = "HTTP/";
-  static constexpr char kContentRange[] = "content-range:";
-  if (bytes >= sizeof kStatusLine - 1 && strncmp(data, kStatusLine, sizeof kStatusLine - 1) == 0)
+  if (bytes >= sizeof kStatusLine - 1 && strncmp(data, kStatusLine, sizeof kStatusLine - 1) == 0) {
     t->contentRange.clear();
-  if (bytes > sizeof kContentRange - 1 && strncasecmp(data, kContentRange, sizeof kContentRange - 1) == 0) {
-    std::string value(data + sizeof kContentRange - 1, bytes - (sizeof kContentRange - 1));
-    size_t first = value.find_first_not_of(" \t"), last = value.find_last_not_of(" \t\r\n");
-    t->contentRange = first == std::string::npos ? "" : value.substr(first, last - first + 1);
+    t->answerValidators = httpValidators();
   }
+  std::string value;
+  if (headerValue(data, bytes, "content-range:", value)) t->contentRange = value;
+  // A validator that could not go back into a header safely is not kept.
+  if (headerValue(data, bytes, "etag:", value)) t->answerValidators.etag = isSafeValidator(value) ? value : "";
+  if (headerValue(data, bytes, "last-modified:", value))
+    t->answerValidators.lastModified = isSafeValidator(value) ? value : "";
   if (blankLine) {
     long code = 0;
     curl_easy_getinfo(t->easy_, CURLINFO_RESPONSE_CODE, &code);
     // Redirects, authentication challenges and interim answers are followed by further headers.
-    if (isSuccessCode(code)) t->headersDone_ = true;
+    if (endsHeaders(code)) t->headersDone_ = true;
   }
   return bytes;
 }
@@ -228,7 +253,8 @@ void httpTransfer::configure(const char* url, int32_t timeoutMs, bool tls) {
 #endif
 }
 
-bool httpTransfer::open(const char* url, int32_t timeoutMs, bool tls, const std::string& range) {
+bool httpTransfer::open(const char* url, int32_t timeoutMs, bool tls, const std::string& range,
+                        const httpValidators& validators) {
   if (!easy_ || !multi_) {
     error = "no HTTP client";
     return false;
@@ -240,6 +266,11 @@ bool httpTransfer::open(const char* url, int32_t timeoutMs, bool tls, const std:
   }
   configure(url, timeoutMs, tls);
   if (!range.empty()) curl_easy_setopt(easy_, CURLOPT_RANGE, range.c_str());
+  if (!validators.etag.empty() && isSafeValidator(validators.etag))
+    requestHeaders_ = curl_slist_append(requestHeaders_, ("If-None-Match: " + validators.etag).c_str());
+  if (!validators.lastModified.empty() && isSafeValidator(validators.lastModified))
+    requestHeaders_ = curl_slist_append(requestHeaders_, ("If-Modified-Since: " + validators.lastModified).c_str());
+  if (requestHeaders_) curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, requestHeaders_);
   long long first = -1, last = -1;
   char rest = 0;
   if (sscanf(range.c_str(), "%lld-%lld%c", &first, &last, &rest) == 2 && first >= 0 && last >= first)
@@ -351,7 +382,7 @@ int httpFileBase::Open(const char* url, int32_t timeoutMs, bool tls) {
     return 0;
   }
   transfer_ = std::make_unique<httpTransfer>();
-  return transfer_->open(url, timeoutMs < 0 ? 5000 : timeoutMs, tls, range_) ? 1 : 0;
+  return transfer_->open(url, timeoutMs < 0 ? 5000 : timeoutMs, tls, range_, validators_) ? 1 : 0;
 }
 
 int httpFileBase::ReadFile(void* buffer, int elementSize, int count, int32_t timeoutMs) {
@@ -367,5 +398,9 @@ bool httpFileBase::TransferBroken() const { return transfer_ && transfer_->broke
 int64_t httpFileBase::MissingBytes() const { return transfer_ ? transfer_->missing : -1; }
 std::string httpFileBase::ErrorText() const { return transfer_ ? transfer_->error : ""; }
 long httpFileBase::ResponseCode() const { return transfer_ ? transfer_->responseCode : 0; }
+
+httpValidators httpFileBase::AnswerValidators() const {
+  return transfer_ ? transfer_->answerValidators : httpValidators();
+}
 
 std::string httpFileBase::ContentRange() const { return transfer_ ? transfer_->contentRange : ""; }

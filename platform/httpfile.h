@@ -17,6 +17,18 @@
 #include <string>
 
 constexpr const char* kTrustedCertDir = "/config/certs/trusted";
+// Longest validator (ETag, Last-Modified) taken from or sent to a server.
+constexpr size_t kMaxValidatorLength = 256;
+
+// What tells a server's version of a resource from another: sent back with If-None-Match and
+// If-Modified-Since so that an unchanged resource is answered 304 without its body.
+struct httpValidators {
+  std::string etag;
+  std::string lastModified;
+  bool empty() const { return etag.empty() && lastModified.empty(); }
+};
+// True for a value that may go into a request header: printable ASCII, no line break, bounded.
+bool isSafeValidator(const std::string& value);
 
 class httpTransfer;
 
@@ -44,6 +56,13 @@ class httpFileBase {
   // header without moving the whole image, and a cut transfer resumes where it stopped. A server
   // may still answer with the whole resource (200 instead of 206); ResponseCode tells which.
   void SetByteRange(const std::string& range) { range_ = range; }
+  // Asks the next open to be answered 304 (no body) when the resource still has these validators.
+  // Values that are not safe in a header are left out.
+  void SetValidators(const httpValidators& validators) { validators_ = validators; }
+  // The final answer's validators (each empty when it had none, or one not safe to keep).
+  httpValidators AnswerValidators() const;
+  // The server said the resource has not changed since the validators sent: there is no body.
+  bool NotModified() const { return ResponseCode() == 304; }
 
  protected:
   httpFileBase();
@@ -51,6 +70,7 @@ class httpFileBase {
   void CloseTransfer();
   std::unique_ptr<httpTransfer> transfer_;
   std::string range_;
+  httpValidators validators_;
 };
 
 class httpFile : public httpFileBase {

@@ -11,6 +11,7 @@
 #include "baseMethod.h"
 #include "binParser.h"
 #include "callMethod.h"
+#include "configCache.h"
 #include "device.h"
 #include "fileUpgrader.h"
 #include "log.h"
@@ -59,7 +60,12 @@ autoParser::autoParser(const autopContext& context, const AutopInfo* info) : m_c
 
 bool autoParser::OpenDownloadStream(const ns_net::autopUrl& url) {
   LOG_IFO("autoParser::OpenDownloadStream ... ");
+  m_url = url;
   for (int attempt = 1;; ++attempt) {
+    // A file kept from an earlier answer of this URL is asked for only if it changed since.
+    httpValidators kept;
+    if ((url.scheme == "http" || url.scheme == "https") && configCache::lookup(url.ToText(), kept))
+      m_download.SetValidators(kept);
     if (m_download.OpenDownloadStream(url, kOpenTimeoutMs)) return true;
     LOG_IFO("Failed connect to server ! Try [%d] times ... ", attempt);
     // Only a wired network (type 2) is worth retrying: others give up at once, deliberately.
@@ -71,9 +77,26 @@ bool autoParser::OpenDownloadStream(const ns_net::autopUrl& url) {
 
 void autoParser::CloseDownloadStream() { m_download.Close(); }
 
+// The server said the file did not change: the kept bytes stand in for it. A kept copy that went
+// missing or bad since the question means asking again, for the whole file.
+bool autoParser::takeKeptCopy() {
+  const std::string url = m_url.ToText();
+  if (configCache::restore(url, kDownloadedConfigPath)) {
+    LOG_IFO("[%s] not modified: the kept copy is used", urlForLog(url).c_str());
+    return true;
+  }
+  LOG_WAR("[%s] not modified, but the kept copy is gone: downloading it whole", urlForLog(url).c_str());
+  m_download.Close();
+  return false;
+}
+
 int autoParser::fetchDownloaded() {
   ensurePrivateTmpDir();
   unlink(hostPath(kDownloadedConfigPath).c_str());
+  if (m_download.NotModified()) {
+    if (takeKeptCopy()) return checkDownloadedSize();
+    if (!m_download.OpenDownloadStream(m_url, kOpenTimeoutMs)) return kUpdateNotDownloaded;
+  }
   // The file may hold passwords in clear (before and after decryption): the owner's only.
   createPrivateFile(kDownloadedConfigPath);
   // /tmp lives in RAM: a server that sends without end is cut off just past the limit.
@@ -83,7 +106,10 @@ int autoParser::fetchDownloaded() {
     LOG_ERR("Fail to download Autop Config Model !!");
     return kUpdateNotDownloaded;
   }
-  return checkDownloadedSize();
+  int checked = checkDownloadedSize();
+  // Kept as received (cipher text stays cipher text), for the next question to this URL.
+  if (checked == kUpdateDone) configCache::remember(m_url.ToText(), m_download.AnswerValidators(), kDownloadedConfigPath);
+  return checked;
 }
 
 // A file whose size cannot be read is not loaded either: it may be any size.

@@ -66,6 +66,7 @@ class autoParser {
 
  private:
   int fetchDownloaded();
+  bool takeKeptCopy();
   int fetchPushed();
   int checkDownloadedSize();
   int loadModel(const std::string& path);
@@ -92,6 +93,7 @@ class autoParser {
 
   const autopContext& m_context;
   ns_net::fileDownload m_download;
+  ns_net::autopUrl m_url;  // of the open download
   AesKeySources m_keys;
   std::string m_modelVersion;
   M7PairReader m_m7Pairs;

@@ -102,10 +102,12 @@ std::unique_ptr<pipeStream> fileDownload::openStream(const autopUrl& url, int32_
   if (url.scheme == "https") {
     auto stream = std::make_unique<httpsStream>();
     stream->SetByteRange(byteRange);
+    stream->SetValidators(m_validators);
     if (stream->Open(url.ToText(), httpTimeout)) return stream;
   } else if (url.scheme == "http") {
     auto stream = std::make_unique<httpStream>();
     stream->SetByteRange(byteRange);
+    stream->SetValidators(m_validators);
     if (stream->Open(url.ToText(), httpTimeout)) return stream;
   } else if (url.scheme == "ftp") {
     std::string host = resolvedHost(url.host);
@@ -134,6 +136,7 @@ bool fileDownload::OpenDownloadStream(const autopUrl& url, int32_t timeoutMs, co
   }
   startTransfer();
   m_pCurrentStream = openStream(url, timeoutMs, byteRange);
+  m_validators = httpValidators();
   if (m_pCurrentStream) m_urlText = url.ToText();
   LOG_IFO("Open URL %s", m_pCurrentStream ? "OK" : "Fail");
   return m_pCurrentStream != nullptr;

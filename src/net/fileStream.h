@@ -30,6 +30,8 @@ class httpStreamBase : public pipeStream, public Library {
   int Read(void* buffer, int elementSize, int count) override;
   bool IsPartAnswer() const override { return Library::ResponseCode() == 206; }
   std::string PartAnswered() const override { return Library::ContentRange(); }
+  bool NotModified() const override { return Library::NotModified(); }
+  httpValidators AnswerValidators() const override { return Library::AnswerValidators(); }
 
  protected:
   byteArray m_data;
@@ -67,6 +69,13 @@ class fileDownload {
   // `byteRange` ("0-339", "1048576-") asks an HTTP(S) server for part of the file; other transports
   // send the whole file. The stream's IsPartAnswer tells which came.
   bool OpenDownloadStream(const autopUrl& url, int32_t timeoutMs, const std::string& byteRange = "");
+  // Validators the next HTTP(S) open sends (cleared by that open); see pipeStream::NotModified.
+  void SetValidators(const httpValidators& validators) { m_validators = validators; }
+  // The open stream's answer: not modified (no body), and the validators it carried.
+  bool NotModified() const { return m_pCurrentStream && m_pCurrentStream->NotModified(); }
+  httpValidators AnswerValidators() const {
+    return m_pCurrentStream ? m_pCurrentStream->AnswerValidators() : httpValidators();
+  }
   // Reads up to nBytes into the buffer; the bytes read.
   int Read(void* pBuffer, int nBytes);
   // The whole stream into a file (logical path); the bytes written, 0 when the file cannot be
@@ -106,6 +115,7 @@ class fileDownload {
   int32_t m_lastErrorCategory = 0;
   int32_t m_lastErrorCode = 0;
   bool m_breakLogged = false;
+  httpValidators m_validators;
 };
 
 }  // namespace ns_net

@@ -2,6 +2,8 @@
 // through this interface, so the user of a download never knows which protocol is underneath.
 #pragma once
 
+#include "httpfile.h"
+
 #include <cstdint>
 #include <string>
 
@@ -26,6 +28,10 @@ class pipeStream {
   // which part ("bytes 340-999/1000"). Transports without parts send the whole file from its start.
   virtual bool IsPartAnswer() const { return false; }
   virtual std::string PartAnswered() const { return ""; }
+  // After an open that sent validators: true when the server said the file has not changed (HTTP
+  // 304: no body follows). The validators of the answer, for the next open. Only HTTP has them.
+  virtual bool NotModified() const { return false; }
+  virtual httpValidators AnswerValidators() const { return httpValidators(); }
 
   // The per-operation time-out the stream passes to its transport; returns the previous one.
   int32_t SetTimeout(int32_t ms) {

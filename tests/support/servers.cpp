@@ -188,6 +188,8 @@ bool TestCa::issueServerCertificate(const std::string& base) const {
 
 HttpServer::HttpServer() : dir_("http") { mkdir(dir_.file("www").c_str(), 0755); }
 
+std::string HttpServer::accessLog() const { return readHostFile(dir_.file("access.log")); }
+
 bool HttpServer::start(const TestCa* ca, const TestCa* otherCa) {
   return startOnFreshPorts(process_, [&] { return startOnce(ca, otherCa); });
 }

@@ -128,6 +128,8 @@ class HttpServer {
   static constexpr const char* kProgram = "/usr/sbin/nginx";
   HttpServer();
   bool start(const TestCa* ca = nullptr, const TestCa* otherCa = nullptr);
+  // The server's access log: one line per request, with its status.
+  std::string accessLog() const;
   int port() const { return port_; }
   int tlsPort() const { return tlsPort_; }
   int otherTlsPort() const { return otherTlsPort_; }
