@@ -1,12 +1,15 @@
 #define LOG_MODULE "./src/fileUpgrader"
 #include "binUpgrader.h"
 
+#include "downloadCache.h"
+
 #include <cstdio>
 #include <cstring>
 
 #include "binParser.h"
 #include "descriptor.h"
 #include "log.h"
+#include "redact.h"
 #include "paths.h"
 #include "privateTmp.h"
 
@@ -78,8 +81,14 @@ int autoBinUpgrader::coverItem(autopItem& item, autoBinParser& parser) {
     LOG_WAR("Fail to download bin file");
     return 0;
   }
+  if (!m_destPath.empty() && m_destPath.back() == '/') m_destPath += name;
   int downloaded = downloadTo(item.value, file.get());
   file.reset();
+  if (downloaded == kNotModified) {
+    remove(hostPath(m_tmpPath).c_str());
+    LOG_IFO("[%s] not modified: the installed copy stays", urlForLog(item.value).c_str());
+    return 0;
+  }
   if (downloaded < 1) {
     remove(hostPath(m_tmpPath).c_str());
     LOG_WAR("Fail to download bin file");
@@ -87,14 +96,16 @@ int autoBinUpgrader::coverItem(autopItem& item, autoBinParser& parser) {
   }
   LOG_IFO("The bin file size : %dB", downloaded);
   parser.setKey(item.key);
-  if (!m_destPath.empty() && m_destPath.back() == '/') m_destPath += name;
   int result = 0;
-  if (!isNewFile()) {
+  const bool fresh = isNewFile();
+  if (!fresh) {
     LOG_IFO("[%s](MD5) is same as old!", m_tmpPath.c_str());
   } else if ((result = parser.installFile(m_tmpPath.c_str(), m_destPath)) != 0) {
     // Written after the install's rename: a crash in between only costs one more install.
     saveMd5();
   }
+  // The next question for this file names the version now installed (or found the same).
+  if (!fresh || result != 0) downloadCache::resources().remember(item.value, m_answerValidators);
   remove(hostPath(m_tmpPath).c_str());
   return result;
 }
@@ -102,7 +113,18 @@ int autoBinUpgrader::coverItem(autopItem& item, autoBinParser& parser) {
 int autoBinUpgrader::downloadTo(const std::string& urlText, int file) {
   ns_net::autopUrl url;
   if (urlText.empty() || !url.Parse(urlText) || !url.IsValid()) return -1;
+  // Asked conditionally only while the installed copy is the one its companion names: a companion
+  // removed on the phone asks for the file whole.
+  httpValidators kept;
+  if ((url.scheme == "http" || url.scheme == "https") && pathFileExist(m_destPath + ".MD5") &&
+      downloadCache::resources().lookup(urlText, kept))
+    SetValidators(kept);
   if (!OpenDownloadStream(url, -1)) return 0;
+  if (NotModified()) {
+    Close();
+    return kNotModified;
+  }
+  m_answerValidators = AnswerValidators();
   int64_t written = 0;
   char chunk[kDownloadChunk];
   for (int n; (n = Read(chunk, sizeof chunk)) > 0; written += n) {

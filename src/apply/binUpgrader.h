@@ -34,6 +34,8 @@ class autoBinUpgrader : public autoFileUpgrader, public ns_net::fileDownload {
 
   // 1 when fetched and saved (no size limit) through `file`, opened for writing, 0 when it could not
   // be opened, delivered nothing or broke off, -1 when the URL is missing or does not parse.
+  // 1 downloaded whole, 0 failed, -1 no valid URL, kNotModified the server's copy is the installed one.
+  static constexpr int kNotModified = 2;
   int downloadTo(const std::string& url, int file);
   // 1 when the download differs from the installed file or no MD5 is remembered; 0 when it is the
   // same or its MD5 can't be computed.
@@ -48,6 +50,7 @@ class autoBinUpgrader : public autoFileUpgrader, public ns_net::fileDownload {
   int coverItem(autopItem& item, autoBinParser& parser);
 
   std::string m_tmpPath;
+  httpValidators m_answerValidators;  // of the last download, kept once it is installed
   std::string m_destPath;
   char m_md5[33] = {};
 };

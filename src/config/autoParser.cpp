@@ -11,7 +11,7 @@
 #include "baseMethod.h"
 #include "binParser.h"
 #include "callMethod.h"
-#include "configCache.h"
+#include "downloadCache.h"
 #include "device.h"
 #include "fileUpgrader.h"
 #include "log.h"
@@ -64,7 +64,7 @@ bool autoParser::OpenDownloadStream(const ns_net::autopUrl& url) {
   for (int attempt = 1;; ++attempt) {
     // A file kept from an earlier answer of this URL is asked for only if it changed since.
     httpValidators kept;
-    if ((url.scheme == "http" || url.scheme == "https") && configCache::lookup(url.ToText(), kept))
+    if ((url.scheme == "http" || url.scheme == "https") && downloadCache::configFiles().lookup(url.ToText(), kept))
       m_download.SetValidators(kept);
     if (m_download.OpenDownloadStream(url, kOpenTimeoutMs)) return true;
     LOG_IFO("Failed connect to server ! Try [%d] times ... ", attempt);
@@ -81,7 +81,8 @@ void autoParser::CloseDownloadStream() { m_download.Close(); }
 // missing or bad since the question means asking again, for the whole file.
 bool autoParser::takeKeptCopy() {
   const std::string url = m_url.ToText();
-  if (configCache::restore(url, kDownloadedConfigPath)) {
+  std::string bytes;
+  if (downloadCache::configFiles().keptBytes(url, bytes) && writePrivateFile(kDownloadedConfigPath, bytes)) {
     LOG_IFO("[%s] not modified: the kept copy is used", urlForLog(url).c_str());
     return true;
   }
@@ -108,7 +109,7 @@ int autoParser::fetchDownloaded() {
   }
   int checked = checkDownloadedSize();
   // Kept as received (cipher text stays cipher text), for the next question to this URL.
-  if (checked == kUpdateDone) configCache::remember(m_url.ToText(), m_download.AnswerValidators(), kDownloadedConfigPath);
+  if (checked == kUpdateDone) downloadCache::configFiles().remember(m_url.ToText(), m_download.AnswerValidators(), kDownloadedConfigPath);
   return checked;
 }
 

@@ -5,6 +5,7 @@
 
 #include "autoParser.h"
 #include "autopTranslator.h"
+#include "downloadCache.h"
 #include "paths.h"
 #include "privateTmp.h"
 #include "servers.h"
@@ -66,9 +67,14 @@ TEST_F(BinUpgraderTest, InstallSkipByMd5DirectoriesOneResourcePerObjectAndDelete
   provision("dialplan.url = " + server + "files/dp.xml");
   EXPECT_EQ(root->read(dest), plan);
   EXPECT_EQ(root->read(dest + ".MD5"), md5sum(dest));
-  // The same download again is skipped by its MD5, until the companion goes.
+  // The same file again: the server answers 304 to the validators of the install, which stays.
   root->write(dest, "edited on the phone");
   LogCapture log;
+  provision("dialplan.url = " + server + "files/dp.xml");
+  EXPECT_TRUE(log.contains("files/dp.xml] not modified: the installed copy stays")) << log.text();
+  EXPECT_EQ(root->read(dest), "edited on the phone");
+  // Without kept validators it is downloaded and skipped by its MD5, until the companion goes.
+  downloadCache::resources().forget(server + "files/dp.xml");
   provision("dialplan.url = " + server + "files/dp.xml");
   // The download was the daemon's own file in its private folder, removed afterwards.
   EXPECT_TRUE(log.contains("[" + std::string(kPrivateTmpDir) + "/dl-")) << log.text();
