@@ -18,6 +18,7 @@
 #include "log.h"
 #include "paths.h"
 #include "privateTmp.h"
+#include "randomSpread.h"
 #include "registry.h"
 #include "termination.h"
 
@@ -219,7 +220,7 @@ int provisorMain(int argc, char** argv) {
   // The entry's own records carry the entry module's path.
   ::log(1, LOG_PREFIX "provisor version = %s build at %s %s", kMainModule, __LINE__, kVersion, kBuildDate,
         kBuildTime);
-  srand(static_cast<unsigned>(serviceClock().nowSeconds()));
+  seedRandomGenerator();
   preparePrivateTmpDir();
   // Every firmware check and install of this process reads images through the download streams.
   installFirmwareStreams();
