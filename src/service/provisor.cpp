@@ -35,7 +35,6 @@ constexpr const char* kDefaultHostName = "ORIN-PH";
 constexpr int32_t kNetworkWaitSeconds = 30;
 constexpr uint64_t kConsoleKeyPollMs = 100;
 constexpr int32_t kPnpWaitMs = 10000;
-constexpr int32_t kPowerOnDelayMs = 500;
 
 enum ConsoleKey { kKeyBack = 8, kKeyTab = 9, kKeyEsc = 27 };
 
@@ -181,7 +180,15 @@ void provisorObject::StartPnpOrPowerOn() {
     }
     LOG_WAR("PNP Check Network Fail");
   }
-  SetPnpTimer(kPowerOnDelayMs);
+  ArmPowerOnTimer();
+}
+
+void provisorObject::ArmPowerOnTimer() {
+  const int32_t spreadSeconds =
+      brisaGetProfileInt(kSystemIni, kAutoProvisionSection, autop_key::kPowerOnRandomDelay, 0);
+  const uint32_t delayMs = powerOnDelayMs(spreadSeconds);
+  if (spreadSeconds > 0) LOG_IFO("Power-on run in %u ms (spread over %d s)", delayMs, spreadSeconds);
+  SetPnpTimer(static_cast<int32_t>(delayMs));
 }
 
 int provisorObject::Start() {

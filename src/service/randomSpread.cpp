@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "clock.h"
@@ -36,3 +37,10 @@ void seedRandomGenerator() {
   srand(mixedRandomSeed(serviceClock().nowSeconds(), netGetMACText(), static_cast<uint32_t>(getpid())));
 }
 
+uint32_t powerOnDelayMs(int32_t configuredSeconds) {
+  if (configuredSeconds <= 0) return kPowerOnDelayMs;
+  const uint32_t boundMs = static_cast<uint32_t>(std::min(configuredSeconds, kMaxPowerOnRandomDelaySeconds)) * 1000u;
+  if (boundMs <= kPowerOnDelayMs) return kPowerOnDelayMs;
+  // At most 86 400 000 + 1 values: well inside rand()'s 31 bits, so the bias of the modulo is tiny.
+  return kPowerOnDelayMs + static_cast<uint32_t>(rand()) % (boundMs - kPowerOnDelayMs + 1);
+}

@@ -8,6 +8,11 @@
 #include <cstdint>
 #include <string>
 
+// The longest spread of the power-on run nPowerOnRandomDelay may ask for: one day.
+constexpr int32_t kMaxPowerOnRandomDelaySeconds = 86400;
+// The power-on run without a spread starts this long after start-up.
+constexpr uint32_t kPowerOnDelayMs = 500;
+
 // A 32-bit seed in which every bit of the time, of the MAC text and of the process id counts, so
 // that phones differing in any one of them start their generators apart.
 uint32_t mixedRandomSeed(int32_t seconds, const std::string& macText, uint32_t processId);
@@ -15,3 +20,6 @@ uint32_t mixedRandomSeed(int32_t seconds, const std::string& macText, uint32_t p
 // Seeds rand() from the service clock, this device's MAC and this process.
 void seedRandomGenerator();
 
+// The wait before the power-on run for nPowerOnRandomDelay = `configuredSeconds`: 500 ms when 0 or
+// less; otherwise a draw of rand() between 500 ms and that many seconds, at most one day.
+uint32_t powerOnDelayMs(int32_t configuredSeconds);

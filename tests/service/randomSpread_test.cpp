@@ -2,6 +2,8 @@
 // mixes the time with the MAC and the process id, so the weekly moments they draw differ.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <set>
@@ -9,6 +11,7 @@
 
 #include "autoPolicy.h"
 #include "daemon.h"
+#include "provisor.h"
 #include "randomSpread.h"
 #include "registry.h"
 #include "testRoot.h"
@@ -83,6 +86,85 @@ TEST(RandomSpreadDaemon, TwoPhonesBootedInTheSameSecondDrawDifferentWeeklyMoment
     moments[i] = log.substr(log.find(marker) + marker.size(), 19);
   }
   EXPECT_NE(moments[0], moments[1]);
+}
+
+// The service as started in normal mode, in this process on the fake clock: it notes how much fake
+// time passed when its plug-and-play wait timer (which starts the power-on run) fired, and stops.
+class PowerOnProbe : public provisorObject {
+ public:
+  explicit PowerOnProbe(FakeClock& clock) : clock_(clock) {}
+  bool TryThreadMessage(msgObject& msg) override {
+    if (msg.message != MSG_THREAD_TIMER) return provisorObject::TryThreadMessage(msg);
+    firedAfterMs = clock_.elapsedMs() - startMs_;
+    Quit(0);
+    return true;
+  }
+  // Milliseconds of fake time from Start to the first timer, or -1 when Start failed.
+  int64_t run() {
+    uCSystemShareHelper::CreateLocalThread(*this);
+    startMs_ = clock_.elapsedMs();
+    const bool started = Start();
+    if (started) Run();
+    Stop();
+    uCSystemShareHelper::DestroyLocalThread(*this);
+    return started ? static_cast<int64_t>(firedAfterMs) : -1;
+  }
+  uint64_t firedAfterMs = 0;
+
+ private:
+  FakeClock& clock_;
+  uint64_t startMs_ = 0;
+};
+
+class PowerOnDelayTest : public RootedTest {
+ protected:
+  int64_t powerOnAfterMs(const std::string& keys, unsigned seed) {
+    root->write("/config/system/system.ini", "[AutoProvision]\n" + keys);
+    registryResetCache();
+    srand(seed);
+    PowerOnProbe service(fakeClock);
+    return service.run();
+  }
+};
+
+// Without a spread the power-on run starts half a second after start; a spread draws a moment up to
+// its bound, and a bound past a day is held to one day.
+TEST_F(PowerOnDelayTest, ThePowerOnRunWaitsARandomMomentUpToItsBound) {
+  const struct {
+    const char* keys;
+    int64_t atLeastMs, atMostMs;
+  } cases[] = {
+      {"", 500, 500},
+      {"nPowerOnRandomDelay = 0\n", 500, 500},
+      {"nPowerOnRandomDelay = -30\n", 500, 500},
+      {"nPowerOnRandomDelay = x\n", 500, 500},
+      {"nPowerOnRandomDelay = 60\n", 500, 60000},
+      {"nPowerOnRandomDelay = 2000000000\n", 500, 86400000},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.keys);
+    for (unsigned seed : {1u, 2u, 3u}) {
+      const int64_t ms = powerOnAfterMs(c.keys, seed);
+      EXPECT_GE(ms, c.atLeastMs);
+      EXPECT_LE(ms, c.atMostMs);
+    }
+  }
+}
+
+// Forty phones with a one-minute spread: their runs cover the minute rather than bunching.
+TEST_F(PowerOnDelayTest, PhonesWithASpreadStartAcrossTheWholeWindow) {
+  std::set<int64_t> seconds;
+  int64_t first = INT64_MAX, last = 0;
+  for (unsigned phone = 0; phone < 40; ++phone) {
+    const int64_t ms = powerOnAfterMs("nPowerOnRandomDelay = 60\n", mixedRandomSeed(1700000000, "001565aabbcc", phone));
+    ASSERT_GE(ms, 500);
+    seconds.insert(ms / 1000);
+    first = std::min(first, ms);
+    last = std::max(last, ms);
+  }
+  EXPECT_GE(seconds.size(), 25u);
+  EXPECT_LT(first, 15000);
+  EXPECT_GT(last, 45000);
 }
 
 }  // namespace
