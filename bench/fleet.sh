@@ -228,10 +228,22 @@ make_roots "bEnableWeekly = 1\nstrWeeklyMask = 0123456\nstrWeeklyBeginTime = 00:
 start_stand_in
 start_daemons PROVISOR_FAKE_CLOCK=1
 marker="Weekly AutoProvision will active at : "
-deadline=$((SECONDS + 120))
-while [ "$(grep -l "$marker" "$work"/phones/*/autop.log | wc -l)" -lt "$phones" ] && [ $SECONDS -lt $deadline ]; do
-  sleep 0.5
+# On the fake clock a daemon's weekly timer fires at once and again for every next day: each daemon
+# is stopped (SIGSTOP) as soon as it has logged its first moment, so that the ones still starting
+# get the processors.
+deadline=$((SECONDS + settle_seconds))
+while :; do
+  drawn=0
+  while read -r log; do
+    n=${log%/autop.log}
+    kill -STOP "${daemon_pids[$((10#${n##*/p}))]}" 2>/dev/null || true
+    drawn=$((drawn + 1))
+  done < <(grep -l "$marker" "$work"/phones/*/autop.log)
+  [ $drawn -lt "$phones" ] && [ $SECONDS -lt $deadline ] || break
+  sleep 0.2
 done
+kill -TERM "${daemon_pids[@]}" 2>/dev/null || true
+kill -CONT "${daemon_pids[@]}" 2>/dev/null || true
 # The first moment each daemon drew: on the fake clock its timer fires at once and the next day's
 # moment follows.
 weekly_after=$(for log in "$work"/phones/*/autop.log; do grep -m1 "$marker" "$log"; done | sed "s/.*$marker//" |
