@@ -186,6 +186,15 @@ power_cut() {
   applied=$(awk '$3 == 1' "$work/results" | wc -l)
   failed=$(awk '$3 != 1' "$work/results" | wc -l)
   last_applied_s=$(awk -v t0="$t0" '$3 == 1 && $2 > m { m = $2 } END { printf "%.1f", (m - t0) / 1000 }' "$work/results")
+  causes=$(failure_causes)
+  first_request_s=$(head -1 "$rate_file" | awk '{ print $1 }')
+}
+
+# The last warning or error line of each phone whose run failed, counted: why the runs failed.
+failure_causes() {
+  awk '$3 != 1 { print $1 }' "$work/results" | sort -un | while read -r i; do
+    grep -E '\] (WAR|ERR) ' "$(sed -n "$((i + 1))p" "$roots_file")/autop.log" | tail -1 | sed 's/^\[[^]]*\] //'
+  done | sort | uniq -c | sort -rn | head -3 | awk '{ $1 = $1 " x"; print }' | paste -sd ';' -
 }
 
 # The conditional-download half of the quiet round. The daemon does not keep validators yet, so
@@ -207,7 +216,8 @@ echo "fleet of $phones phones, $(date -u '+%Y-%m-%d %H:%M UTC'), $(nproc) cores,
 
 # --- power cut with the defaults, then the quiet round, then the cost of idle daemons -----------
 power_cut "" "$work/rate-default"
-default_row="$peak_rps $requests $last_applied_s $applied $failed $launch_s"
+default_row="$peak_rps $requests $last_applied_s $applied $failed $launch_s ${first_request_s:-0}"
+default_causes=$causes
 read -r quiet_requests quiet_bytes < <(quiet_round)
 read -r conditional_requests conditional_bytes < <(quiet_round_conditional)
 read -r full_requests full_bytes < <(awk '{ n++; b += $3 } END { printf "%d %d\n", n, b }' "$work/access.log")
@@ -219,7 +229,8 @@ stop_stand_in
 
 # --- power cut spread over a minute ---------------------------------------------------------------
 power_cut "nPowerOnRandomDelay = 60\n" "$work/rate-spread"
-spread_row="$peak_rps $requests $last_applied_s $applied $failed $launch_s"
+spread_row="$peak_rps $requests $last_applied_s $applied $failed $launch_s ${first_request_s:-0}"
+spread_causes=$causes
 stop_daemons
 stop_stand_in
 
@@ -253,19 +264,21 @@ stop_stand_in
 weekly_before=$(PROVISOR_ROOT="" "$build/bench_fleet_moments" "$phones" 2>&1 >/dev/null | awk -F'[: ]+' '/^time only/ { print $3 }')
 
 # --- the table and the picture --------------------------------------------------------------------
-read -r d_peak d_requests d_last d_applied d_failed d_launch <<<"$default_row"
-read -r s_peak s_requests s_last s_applied s_failed s_launch <<<"$spread_row"
+read -r d_peak d_requests d_last d_applied d_failed d_launch d_first <<<"$default_row"
+read -r s_peak s_requests s_last s_applied s_failed s_launch s_first <<<"$spread_row"
 cat <<TABLE
 
 | scenario | figure |
 |---|---|
-| power cut, defaults (500 ms) | peak $d_peak requests/s, $d_requests requests, last phone applied after $d_last s ($d_applied applied, $d_failed failed; all started within $d_launch s) |
-| power cut, nPowerOnRandomDelay 60 | peak $s_peak requests/s (target at most $(awk -v n="$phones" 'BEGIN { printf "%.1f", 3 * n / 60 }')), $s_requests requests, last phone applied after $s_last s ($s_applied applied, $s_failed failed; started within $s_launch s) |
+| power cut, defaults (500 ms) | peak $d_peak requests/s, $d_requests requests, last phone applied after $d_last s ($d_applied applied, $d_failed failed; every daemon running after $d_launch s, first request after $d_first s) |
+| power cut, nPowerOnRandomDelay 60 | peak $s_peak requests/s (target at most $(awk -v n="$phones" 'BEGIN { printf "%.1f", 3 * n / 60 }')), $s_requests requests, last phone applied after $s_last s ($s_applied applied, $s_failed failed; every daemon running after $s_launch s, first request after $s_first s) |
 | quiet second round, full downloads | $quiet_requests requests, $quiet_bytes bytes |
 | quiet second round, conditional downloads | $conditional_requests requests, $conditional_bytes bytes |
 | weekly moments of $phones phones booted in one second, window 00:00-06:00 | before (time only): $weekly_before distinct; after (time, MAC, process id): $weekly_after distinct |
 | $phones idle daemons after their run | RSS $((rss_kb / 1024)) MiB in all ($((rss_kb / phones)) kB each), PSS $((pss_kb / 1024)) MiB ($((pss_kb / phones)) kB each), $threads threads, CPU $cpu_s s in all |
 TABLE
+[ -z "$default_causes" ] || echo "failed runs, defaults: $default_causes"
+[ -z "$spread_causes" ] || echo "failed runs, spread: $spread_causes"
 
 # One line a second from the start on: seconds, requests with the defaults, with the spread.
 awk 'FNR == 1 { f++ } { r[f, $1] = $2; if ($1 > m) m = $1 }
