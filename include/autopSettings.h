@@ -16,6 +16,7 @@ inline constexpr const char* kServerUrl = "strServerURL";
 inline constexpr const char* kUserName = "strUserName";
 inline constexpr const char* kPassword = "strPassword";
 inline constexpr const char* kEnablePowerOn = "bEnablePoweron";
+inline constexpr const char* kPowerOnRandomDelay = "nPowerOnRandomDelay";
 inline constexpr const char* kEnablePnp = "bEnablePNP";
 inline constexpr const char* kPnpMulticastIp = "strPNPMulticastIP";
 inline constexpr const char* kPnpOutDialogMessages = "PNPOutDialogMSGEnable";
@@ -42,6 +43,7 @@ inline constexpr const char* kAutoProvisionKeysRead[] = {
     autop_key::kUserName,
     autop_key::kPassword,
     autop_key::kEnablePowerOn,
+    autop_key::kPowerOnRandomDelay,
     autop_key::kEnablePnp,
     autop_key::kPnpMulticastIp,
     autop_key::kPnpOutDialogMessages,

@@ -18,6 +18,7 @@
 #include "log.h"
 #include "paths.h"
 #include "privateTmp.h"
+#include "randomSpread.h"
 #include "registry.h"
 #include "termination.h"
 
@@ -31,7 +32,6 @@ constexpr const char* kDefaultHostName = "ORIN-PH";
 constexpr int32_t kNetworkWaitSeconds = 30;
 constexpr uint64_t kConsoleKeyPollMs = 100;
 constexpr int32_t kPnpWaitMs = 10000;
-constexpr int32_t kPowerOnDelayMs = 500;
 
 enum ConsoleKey { kKeyBack = 8, kKeyTab = 9, kKeyEsc = 27 };
 
@@ -179,7 +179,15 @@ void provisorObject::StartPnpOrPowerOn() {
     }
     LOG_WAR("PNP Check Network Fail");
   }
-  SetPnpTimer(kPowerOnDelayMs);
+  ArmPowerOnTimer();
+}
+
+void provisorObject::ArmPowerOnTimer() {
+  const int32_t spreadSeconds =
+      brisaGetProfileInt(kSystemIni, kAutoProvisionSection, autop_key::kPowerOnRandomDelay, 0);
+  const uint32_t delayMs = powerOnDelayMs(spreadSeconds);
+  if (spreadSeconds > 0) LOG_IFO("Power-on run in %u ms (spread over %d s)", delayMs, spreadSeconds);
+  SetPnpTimer(static_cast<int32_t>(delayMs));
 }
 
 int provisorObject::Start() {
@@ -213,7 +221,7 @@ int provisorMain(int argc, char** argv) {
   // The entry's own records carry the entry module's path.
   ::log(1, LOG_PREFIX "provisor version = %s build at %s %s", kMainModule, __LINE__, kVersion, kBuildDate,
         kBuildTime);
-  srand(static_cast<unsigned>(serviceClock().nowSeconds()));
+  seedRandomGenerator();
   preparePrivateTmpDir();
 
   const bool zeroTouch = argc == 2 && strcmp(argv[1], "-byzero") == 0;

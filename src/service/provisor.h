@@ -32,6 +32,8 @@ class provisorObject : public chThreadLocal, public autoTimerInc {
 
   // Arms the plug-and-play wait timer (-1 means 10 000 ms) and marks the service as waiting.
   void SetPnpTimer(int32_t milliseconds);
+  // Arms the power-on run: 500 ms after start, or a random moment up to nPowerOnRandomDelay seconds.
+  void ArmPowerOnTimer();
 
   // The run frame (provisorRun.cpp). Asks the phone application every `stepSeconds` whether a call
   // is in progress, for at most an hour: true once it is not, false when the hour ran out.
