@@ -6,8 +6,8 @@
 #   - power cut: all N daemons started at once, with the defaults and with nPowerOnRandomDelay = 60:
 #     peak requests per second and the time until the last phone reported its applied files;
 #   - quiet second round: every phone asked for a run again with nothing changed on the server:
-#     requests and bytes served (full downloads; the conditional-download column stays "n/a" until
-#     the daemon keeps validators, see quiet_round_conditional below);
+#     requests and bytes served, first with what each phone kept of earlier answers removed (full
+#     downloads), then with it (conditional downloads: the server answers 304);
 #   - weekly moments: N daemons booted in the same second (the fake clock starts them all at the
 #     same moment) with one weekly window of 6 hours: distinct moments drawn; "before" is the same
 #     draw seeded with the time alone (build/bench_fleet_moments);
@@ -204,10 +204,12 @@ failure_causes() {
   done | sort | uniq -c | sort -rn | head -3 | awk '{ $1 = $1 " x"; print }' | paste -sd ';' -
 }
 
-# The conditional-download half of the quiet round. The daemon does not keep validators yet, so
-# there is nothing to compare with: when it does, run quiet_round again here with conditional
-# downloads on (the round above then with them off) and print its requests and bytes.
-quiet_round_conditional() { echo "n/a n/a"; }
+# The quiet round without conditional downloads: what each phone kept of earlier answers (the
+# validators and bytes under /config/provisor.d/cache) is removed first, so every file comes whole.
+quiet_round_full() {
+  while read -r phone_root; do rm -rf "$phone_root/config/provisor.d/cache"; done <"$roots_file"
+  quiet_round
+}
 
 # Every phone asked for a run again, nothing changed on the server: requests and bytes served.
 quiet_round() {
@@ -225,8 +227,8 @@ echo "fleet of $phones phones, $(date -u '+%Y-%m-%d %H:%M UTC'), $(nproc) cores,
 power_cut "" "$work/rate-default"
 default_row="$peak_rps $requests $last_applied_s $applied $failed $launch_s ${first_request_s:-0}"
 default_causes=$causes
-read -r quiet_requests quiet_bytes < <(quiet_round)
-read -r conditional_requests conditional_bytes < <(quiet_round_conditional)
+read -r quiet_requests quiet_bytes < <(quiet_round_full)
+read -r conditional_requests conditional_bytes < <(quiet_round)
 read -r full_requests full_bytes < <(awk '{ n++; b += $3 } END { printf "%d %d\n", n, b }' "$work/access.log")
 sleep 2  # let the last runs' threads settle before the cost is read
 read -r rss_kb pss_kb cpu_s < <(daemon_cost)
