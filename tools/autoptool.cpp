@@ -21,6 +21,8 @@ const autoptoolCommand kCommands[] = {
      "make a signed firmware image, or check one (prints its header; exit 1 with the reason)", autoptoolImage},
     {"safemode-install", "", "the boot loader's safe-mode install: fetch strUpgradeURL, verify, flash",
      autoptoolSafemodeInstall},
+    {"status", "[--json]", "what the daemon's last run did: trigger, source, each file's outcome, what is next",
+     autoptoolStatus},
 };
 
 int usage(FILE* out) {

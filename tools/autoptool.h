@@ -23,3 +23,5 @@ int autoptoolProvision(int argc, char** argv);
 int autoptoolImage(int argc, char** argv);
 // autoptool safemode-install: the boot loader's install after a switch to safe mode
 int autoptoolSafemodeInstall(int argc, char** argv);
+// autoptool status [--json]: the record of the daemon's last run
+int autoptoolStatus(int argc, char** argv);

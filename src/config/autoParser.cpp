@@ -84,6 +84,7 @@ bool autoParser::takeKeptCopy() {
   std::string bytes;
   if (downloadCache::configFiles().keptBytes(url, bytes) && writePrivateFile(kDownloadedConfigPath, bytes)) {
     LOG_IFO("[%s] not modified: the kept copy is used", urlForLog(url).c_str());
+    m_fromKeptCopy = true;
     return true;
   }
   LOG_WAR("[%s] not modified, but the kept copy is gone: downloading it whole", urlForLog(url).c_str());
@@ -231,15 +232,17 @@ int autoParser::updateConfig(bool pushed) {
   struct RemoveAfterUse {
     ~RemoveAfterUse() { unlink(hostPath(kDownloadedConfigPath).c_str()); }
   } removeAfterUse;
+  const std::string fileUrl = pushed ? std::string(kPushedConfigPath) : m_url.ToText();
+  m_fromKeptCopy = false;
   int fetched = pushed ? fetchPushed() : fetchDownloaded();
-  if (fetched != kUpdateDone) return fetched;
+  if (fetched != kUpdateDone) return recordRefusal(fileUrl, fetched);
   LOG_IFO("");
   if (!decryptIfNeeded(kDownloadedConfigPath, !pushed && isPerDeviceFile(), m_keys)) {
     LOG_ERR("DecryptionFile error!");
-    return kUpdateDecryptFailed;
+    return recordRefusal(fileUrl, kUpdateDecryptFailed);
   }
   int loaded = loadModel(kDownloadedConfigPath);
-  if (loaded != kUpdateDone) return loaded;
+  if (loaded != kUpdateDone) return recordRefusal(fileUrl, loaded);
 
   std::string memoryKey, digest;
   bool unchanged = !pushed && !isConfigChanged(kDownloadedConfigPath, memoryKey, digest);
@@ -247,6 +250,10 @@ int autoParser::updateConfig(bool pushed) {
   bool allWritten = applyBatches(unchanged);
   // A file some of whose settings could not be written must apply again next time.
   if (!digest.empty() && allWritten) rememberDigest(memoryKey, digest);
+  if (m_context.status)
+    m_context.status->addFile(fileUrl, !unchanged      ? fileOutcome::kApplied
+                                       : m_fromKeptCopy ? fileOutcome::kNotModified
+                                                        : fileOutcome::kUnchanged);
   LOG_IFO("Update Config Model Parse Finished !");
   return kUpdateDone;
 }
@@ -369,9 +376,19 @@ void autoParser::collectChanges(const autopItemList& batch) {
   for (const auto& item : batch) {
     if (!item || !item->changed) continue;
     queueActions(item->action, m_pendingMethods);
+    if (m_context.status) m_context.status->countApplied(item->type);
     needsReboot = needsReboot || item->reboot;
   }
   if (needsReboot) requestReboot();
+}
+
+int autoParser::recordRefusal(const std::string& fileUrl, int code) {
+  if (!m_context.status) return code;
+  const char* why = code == kUpdateNotDownloaded   ? "not downloaded"
+                    : code == kUpdateDecryptFailed ? "decryption failed"
+                                                   : "too large, or readable in no file model";
+  m_context.status->addFile(fileUrl, fileOutcome::kRefused, why);
+  return code;
 }
 
 void autoParser::runPendingMethods() {

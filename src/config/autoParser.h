@@ -67,6 +67,8 @@ class autoParser {
  private:
   int fetchDownloaded();
   bool takeKeptCopy();
+  // Records a refused file in the run's status; returns `code`.
+  int recordRefusal(const std::string& fileUrl, int code);
   int fetchPushed();
   int checkDownloadedSize();
   int loadModel(const std::string& path);
@@ -94,6 +96,7 @@ class autoParser {
   const autopContext& m_context;
   ns_net::fileDownload m_download;
   ns_net::autopUrl m_url;  // of the open download
+  bool m_fromKeptCopy = false;  // the file came from the kept copy of a 304 answer
   AesKeySources m_keys;
   std::string m_modelVersion;
   M7PairReader m_m7Pairs;

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <functional>
 
+#include "runStatus.h"
+
 class autopTranslator;
 
 struct autopContext {
@@ -17,4 +19,6 @@ struct autopContext {
   int32_t powerOnState = 0;
   int32_t runState = 0;  // 0 idle, 1 running, 2 waiting for plug-and-play
   bool zeroTouch = false;  // started with "-byzero"
+  // Where the run records what it did (nullptr: nothing is recorded).
+  runStatus* status = nullptr;
 };

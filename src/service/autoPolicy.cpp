@@ -79,6 +79,7 @@ void weeklyPolicy::Load(const REGHANDLE& handle) {
 }
 
 int weeklyPolicy::Schedule() {
+  nextMoment_.clear();
   if (mask_ == 0) return 0;
   if (!netIsTrustedLocalTime()) {
     LOG_IFO("Skip Weekly AutoPrivision for untrust local time.");
@@ -93,7 +94,8 @@ int weeklyPolicy::Schedule() {
     int32_t ahead = candidate.GetTime() - now.GetTime();
     if (!(mask_ & (1u << weekday)) || ahead <= 0) continue;
     timer_.SetTimer(static_cast<uint64_t>(ahead) * 1000u);
-    LOG_WAR("Weekly AutoProvision will active at : %s", candidate.Format("%Y-%m-%d %H:%M:%S").c_str());
+    nextMoment_ = candidate.Format("%Y-%m-%d %H:%M:%S");
+    LOG_WAR("Weekly AutoProvision will active at : %s", nextMoment_.c_str());
     return 1;
   }
   brisaTrace(2, "Assertion failed : %s", "FALSE");

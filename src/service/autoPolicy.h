@@ -48,10 +48,15 @@ class weeklyPolicy {
   int Schedule();
   // The timer fired: ask for a run and schedule the next one.
   void OnTimer();
-  void Stop() { timer_.KillTimer(); }
+  void Stop() {
+    timer_.KillTimer();
+    nextMoment_.clear();
+  }
   const chThreadTimer& timer() const { return timer_; }
   uint32_t mask() const { return mask_; }
   int32_t secondOfDay() const { return secondOfDay_; }
+  // The moment the timer is armed for ("" when it is not armed).
+  const std::string& nextMoment() const { return nextMoment_; }
 
   // "HH:MM" as seconds after midnight; -1 without a colon or when a part is not an integer.
   static int32_t parseTime(const std::string& text);
@@ -61,6 +66,7 @@ class weeklyPolicy {
  private:
   chThreadTimer timer_;
   uint32_t mask_ = 0;        // bit 0 Sunday .. bit 6 Saturday
+  std::string nextMoment_;
   int32_t secondOfDay_ = 0;  // the drawn moment
 };
 

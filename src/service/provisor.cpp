@@ -47,6 +47,7 @@ provisorObject::provisorObject(bool zeroTouch) : chThreadLocal(kThreadProvisor) 
   // An applied item that needs a restart announces it; the restart follows the run.
   context.requestReboot = [this] { AnnounceReboot(); };
   context.zeroTouch = zeroTouch;
+  context.status = &status;
 }
 
 int provisorObject::LoadTranslationTable() { return table.loadDefaultTable() ? 1 : 0; }

@@ -38,10 +38,13 @@ class provisorObject : public chThreadLocal, public autoTimerInc {
   // The run frame (provisorRun.cpp). Asks the phone application every `stepSeconds` whether a call
   // is in progress, for at most an hour: true once it is not, false when the hour ran out.
   bool WaitWhileTalking(int32_t stepSeconds);
-  // Opens a run: the Begin line, the busy wait, runState 1. False when the phone stayed busy.
-  bool BeginRun();
+  // Opens a run: the Begin line, the busy wait, runState 1, a fresh status record naming `trigger`.
+  // False when the phone stayed busy.
+  bool BeginRun(const char* trigger);
   // Ends a run: the result broadcast, the zero-touch switch, a pending reboot, the repeat re-arm.
   int AfterAutoProvision(int32_t result);
+  // Writes the run's status record (after the result broadcast, before any restart).
+  void RecordRunStatus(bool succeeded);
   // Marks that the phone must restart after this run (once), unless a call keeps it busy.
   void AnnounceReboot();
   // Flushes, unregisters and restarts the phone; 0 when a call kept it from doing so.
@@ -73,6 +76,7 @@ class provisorObject : public chThreadLocal, public autoTimerInc {
   int32_t FinishPnpRun(const msgObject& msg, int32_t result);
 
   autopTranslator table;
+  runStatus status;
   policyManger policies;
   chStdInput keyboard;
   PNPManger pnpManager;

@@ -11,11 +11,14 @@
 #include "baseMethod.h"
 #include "callMethod.h"
 #include "clock.h"
+#include "firmwareSource.h"
 #include "inifile.h"
 #include "log.h"
 #include "paths.h"
 #include "provisor.h"
 #include "redact.h"
+#include "timeutil.h"
+#include "device.h"
 #include "registry.h"
 
 namespace {
@@ -35,6 +38,19 @@ const char* resultWord(int32_t result) { return result ? "OK" : "FAIL"; }
 
 void warnIfAfterFailed(int handled) {
   if (handled == 0) LOG_WAR("Exception occur in AfterAutoProvision function !");
+}
+
+// The status record's name for what asked for a run. The policies ask with the same message as
+// another application does.
+const char* triggerOf(uint32_t message) {
+  switch (message) {
+    case MSG_NETWORK_CHANGED:
+      return "network change";
+    case AP_MSG_UPDATE_CONFIG:
+      return "update request";
+    default:
+      return "start request (another application, repeat or weekly)";
+  }
 }
 
 AutopInfo recordFromMessage(const msgObject& msg) { return autopInfoFromBytes(msg.GetExtraData(), msg.GetExtraSize()); }
@@ -90,7 +106,7 @@ bool provisorObject::WaitWhileTalking(int32_t stepSeconds) {
   }
 }
 
-bool provisorObject::BeginRun() {
+bool provisorObject::BeginRun(const char* trigger) {
   // A run that follows the plug-and-play wait already logged its Begin.
   if (context.runState == 0) {
     LOG_IFO("%s", "");
@@ -98,11 +114,14 @@ bool provisorObject::BeginRun() {
   }
   if (!WaitWhileTalking(kRunTalkStepSeconds)) return false;
   context.runState = 1;
+  status.clear();
+  status.startedAt = serviceClock().nowSeconds();
+  status.trigger = trigger;
   return true;
 }
 
 bool provisorObject::OnLaunchAutoProvision(msgObject& msg) {
-  if (!BeginRun()) return false;
+  if (!BeginRun(triggerOf(msg.message))) return false;
   LOG_IFO("***** Lanuch AutoProvision [X%X] *****", msg.message);
   if (context.powerOnState == 0) {
     // The first run after power-on is always the plug-and-play or power-on run.
@@ -165,7 +184,7 @@ void provisorObject::AnnounceReboot() {
 }
 
 bool provisorObject::OnPnpResponseMessage(msgObject& msg) {
-  if (!BeginRun()) return false;  // the wait timer stays armed and tries again
+  if (!BeginRun(msg.message == MSG_RESPOND_URL ? "plug-and-play" : "power-on")) return false;  // the timer stays armed
   LOG_IFO("%s", "");
   LOG_IFO("Receive Pnp AutoProvision request !!");
   const bool waiting = FindTimer(timerPnpRequest) != nullptr;
@@ -218,7 +237,7 @@ int32_t provisorObject::FinishPnpRun(const msgObject& msg, int32_t result) {
 }
 
 bool provisorObject::OnStartAutoProvisionUrl(msgObject& msg) {
-  if (!BeginRun()) return false;
+  if (!BeginRun("URL request")) return false;
   if (context.powerOnState == 0) context.powerOnState = 1;
   int32_t result = autoLaunch::launchUrlUpgrade(context, messageExtraText(msg)) ? 1 : 0;
   LOG_IFO("Upgrade finished [%s] !", resultWord(result));
@@ -249,6 +268,7 @@ int provisorObject::AfterAutoProvision(int32_t result) {
   context.powerOnState = 2;
   resultPending = 1;
   msgBroadpostThreadMsg(BROAD_MSG_AUTOP_RESULT, 0, static_cast<uint32_t>(result));
+  RecordRunStatus(result != 0);
   if (result && context.zeroTouch) {
     // Found by the zero-touch start: the redirection service is not needed any more.
     LOG_IFO("Autop Success,Close Redirect!");
@@ -260,6 +280,18 @@ int provisorObject::AfterAutoProvision(int32_t result) {
   LOG_IFO("<<<<<< Autoprovision End >>>>>>");
   LOG_IFO("%s", "");
   return 1;
+}
+
+void provisorObject::RecordRunStatus(bool succeeded) {
+  status.finished = true;
+  status.succeeded = succeeded;
+  status.rebootPending = rebootPending != 0;
+  status.firmwareVersion = currentFirmwareDevice().runningVersion;
+  // The repeat timer counts from the end of this run.
+  const int32_t repeatSeconds = static_cast<int32_t>(policies.repeat.interval() / 1000);
+  status.nextRepeat = repeatSeconds ? chTime(netGetLocalTime() + repeatSeconds).Format("%Y-%m-%d %H:%M:%S") : "";
+  status.nextWeekly = policies.weekly.nextMoment();
+  if (!writeRunStatus(status)) LOG_WAR("Can't write the run's status record");
 }
 
 int provisorObject::RebootNow() {

@@ -25,6 +25,11 @@
 namespace autoLaunch {
 namespace {
 
+// Names the source a run is trying in its status record.
+void noteSource(const autopContext& context, const std::string& source) {
+  if (context.status) context.status->source = source;
+}
+
 constexpr const char* kDhcpOptionStore = "/tmp/valdrun_dhcp_options";
 constexpr size_t kMaxDhcpOptionStore = 65536;
 constexpr const char* kDhcpSection = "DHCP";
@@ -75,6 +80,7 @@ bool tryDhcpOption(const autopContext& context, const iniFile& store, const std:
   LOG_DEB("URL = %s\n", urlForLog(value).c_str());
   std::string url = dhcpOptionText(value);
   LOG_IFO("%s option %s = %s", kind, logEscaped(option).c_str(), urlForLog(url).c_str());
+  noteSource(context, "dhcp option " + option);
   return autoUpgrade::UpgradeFromURL(context, url);
 }
 
@@ -124,6 +130,7 @@ bool launchConfigUrlUpgrade(const autopContext& context) {
   LOG_IFO("***** Launch Config URL Upgrade *****");
   std::string url =
       composeUrl(setting(autop_key::kServerUrl), setting(autop_key::kUserName), setting(autop_key::kPassword), true);
+  noteSource(context, "configured server");
   return autoUpgrade::UpgradeFromURL(context, url);
 }
 
@@ -163,7 +170,9 @@ bool launchUpgrade(const autopContext& context) {
 bool launchUrlUpgrade(const autopContext& context, const std::string& url) {
   LOG_IFO("***** Launch URL Upgrade *****");
   if (!waitNetworkReady()) return false;
-  return url.empty() ? launchConfigUrlUpgrade(context) : autoUpgrade::UpgradeFromURL(context, url);
+  if (url.empty()) return launchConfigUrlUpgrade(context);
+  noteSource(context, "given URL");
+  return autoUpgrade::UpgradeFromURL(context, url);
 }
 
 bool launchUpgradeWithInfo(const autopContext& context, const AutopInfo* info) {
@@ -175,6 +184,7 @@ bool launchUpgradeWithInfo(const autopContext& context, const AutopInfo* info) {
   if (!waitNetworkReady()) return false;
   std::string url =
       composeUrl(autopInfoText(info->url), autopInfoText(info->userName), autopInfoText(info->password), true);
+  noteSource(context, "request record");
   return autoUpgrade::UpgradeFromURL(context, url, info);
 }
 

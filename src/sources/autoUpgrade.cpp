@@ -22,9 +22,12 @@ std::string withTrailingSlash(const std::string& text) {
 }
 
 // Opens and applies one file of a directory; the update's code, -3 when it could not be opened.
-int updateOneFile(autoParser& parser, const std::string& urlText, ConfigFileRole role) {
+int updateOneFile(const autopContext& context, autoParser& parser, const std::string& urlText, ConfigFileRole role) {
   ns_net::autopUrl url;
-  if (!url.Parse(urlText) || !parser.OpenDownloadStream(url)) return kUpdateNotDownloaded;
+  if (!url.Parse(urlText) || !parser.OpenDownloadStream(url)) {
+    if (context.status) context.status->addFile(urlText, fileOutcome::kRefused, "not downloaded");
+    return kUpdateNotDownloaded;
+  }
   parser.setFileRole(role);
   int code = parser.updateConfig(false);
   parser.CloseDownloadStream();
@@ -37,11 +40,11 @@ bool namesSingleFile(const ns_net::autopUrl& url) {
   return hasFileName && (isConfigFileName(url.path.c_str()) || !url.query.empty());
 }
 
-bool upgradeDirectory(autoParser& parser, const std::string& urlText) {
+bool upgradeDirectory(const autopContext& context, autoParser& parser, const std::string& urlText) {
   const std::string directory = withTrailingSlash(urlText);
   const std::string commonName = getCommonConfigName();
   LOG_IFO("strCommName = [%s]", commonName.c_str());
-  int commonCode = updateOneFile(parser, directory + commonName, ConfigFileRole::kCommon);
+  int commonCode = updateOneFile(context, parser, directory + commonName, ConfigFileRole::kCommon);
 
   const std::string deviceFile = netGetMACText() + ".cfg";
   std::string deviceUrl = directory + deviceFile;
@@ -50,7 +53,7 @@ bool upgradeDirectory(autoParser& parser, const std::string& urlText) {
     LOG_IFO("Get Custom MAC.CFG's URL: %s", urlForLog(custom).c_str());
     deviceUrl = isConfigFileName(custom.c_str()) ? custom : withTrailingSlash(custom) + deviceFile;
   }
-  int deviceCode = updateOneFile(parser, deviceUrl, ConfigFileRole::kPerDevice);
+  int deviceCode = updateOneFile(context, parser, deviceUrl, ConfigFileRole::kPerDevice);
   return commonCode != kUpdateNotDownloaded || deviceCode != kUpdateNotDownloaded;
 }
 
@@ -104,6 +107,7 @@ bool autoUpgrade::UpgradeFromURL(const autopContext& context, const std::string&
     return false;
   }
 
+  if (context.status) context.status->url = url.ToText();
   autoParser parser(context, info);
   if (namesSingleFile(url)) {
     if (parser.OpenDownloadStream(url)) {
@@ -114,5 +118,5 @@ bool autoUpgrade::UpgradeFromURL(const autopContext& context, const std::string&
     }
     LOG_IFO("provisor: file[%s] can't be parsed ! look upon as DIR", url.LogText().c_str());
   }
-  return upgradeDirectory(parser, url.ToText());
+  return upgradeDirectory(context, parser, url.ToText());
 }

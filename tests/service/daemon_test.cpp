@@ -398,3 +398,51 @@ TEST_F(DaemonRunTest, ListenerPrintsMessagesWithTheirSecretsHidden) {
        {"s3cretpw", "73336372657470", "urlpw77", "textpw55", "0123456789abcdef", "fedcba9876543210", "30313233343536"})
     EXPECT_FALSE(contains(printed, secret)) << secret;
 }
+
+namespace {
+
+std::string autoptool(const std::string& args) {
+  std::string out;
+  runCommand(programCommand("autoptool") + " " + args, &out);
+  return out;
+}
+
+// The record of the last run, as a person and a fleet tool read it, after a run that applied a
+// file, one that found everything unchanged (answered 304) and one that reached nothing.
+TEST_F(DaemonRunTest, StatusTellsWhatTheLastRunDid) {
+  startPeers();
+  const std::string device = "/prov/" + std::string(kMac) + ".cfg";
+  const struct {
+    const char* name;
+    std::string server;  // "" keeps the settings (and the digests) of the run before
+    std::vector<std::string> lines;
+    std::string jsonCheck;  // a Python expression on the parsed record `r`
+  } runs[] = {
+      {"applied", url("prov"),
+       {"result:         ok", "power-on", "source:         configured server", device + ": applied",
+        "/prov/common.cfg: refused (not downloaded)", "items applied:  cfg 1 bin 0 pwd 0 rom 0"},
+       "r['files'][1]['outcome'] == 'applied' and r['applied']['cfg'] == 1 and r['result'] == 'ok'"},
+      {"unchanged", "", {"result:         ok", device + ": not modified", "items applied:  cfg 0"},
+       "r['files'][1]['outcome'] == 'not modified' and not r['reboot_pending']"},
+      {"failed", url("none"), {"result:         failed", "/none/" + std::string(kMac) + ".cfg: refused (not downloaded)"},
+       "r['result'] == 'failed' and all(f['outcome'] == 'refused' for f in r['files'])"},
+  };
+  for (const auto& run : runs) {
+    SCOPED_TRACE(run.name);
+    if (!run.server.empty())
+      root.write("/config/system/system.ini", "[AutoProvision]\nstrCommName = common.cfg\nbEnablePoweron = 1\n"
+                                              "strServerURL = " + run.server + "\n");
+    DaemonProcess daemon(root.path(), {}, true);
+    ASSERT_TRUE(daemon.waitForLog("<<<<<< Autoprovision End >>>>>>", 60000)) << daemon.log();
+    const std::string text = autoptool("status");
+    for (const std::string& line : run.lines) EXPECT_TRUE(contains(text, line)) << line << "\n" << text;
+    peers.write("status.json", autoptool("status --json"));
+    EXPECT_EQ(runCommand("python3 -c \"import json,sys; r = json.load(open(sys.argv[1])); sys.exit(0 if (" +
+                         run.jsonCheck + ") else 1)\" '" + peers.file("status.json") + "'"),
+              0)
+        << readHostFile(peers.file("status.json"));
+    EXPECT_EQ(daemon.stop(SIGTERM), 0);
+  }
+}
+
+}  // namespace
