@@ -32,6 +32,8 @@ sysroot=${ARMHF_SYSROOT:-$cache_home/armhf-sysroot}
 vm_cache=${PHONE_VM_CACHE:-$cache_home/phone-vm}
 vm_mac=001565aabbcc
 vm_mac_colons=00:15:65:aa:bb:cc
+# Device id 23 (a video model of the duna family), board revision 9: model RM410P.
+vm_hwversion=23.0.0.0.0.0.9
 boot_limit=180
 
 work=$(mktemp -d /tmp/phone-vm-XXXXXX)
@@ -66,6 +68,7 @@ cmake --build build -j "$jobs" --target autoptool > /dev/null
 
 kernel=$(ls "$vm_cache"/root/boot/vmlinuz-*-armmp | head -1)
 initramfs=$work/initramfs.cpio.gz
+build_hwversion_module "$vm_cache/kbuild"
 make_initramfs "$work/stage" "$vm_cache/root" "$sysroot" "$initramfs"
 initramfs_bytes=$(stat -c %s "$initramfs")
 unpacked_kib=$(du -sk "$work/initramfs" | cut -f1)

@@ -22,6 +22,15 @@ copy_libraries() {
   done
 }
 
+# The phone kernel's /proc/hwversion, built against the fetched kernel's headers.
+build_hwversion_module() {
+  local kbuild=$1 dir=$work/hwversion
+  rm -rf "$dir" && cp -a "$here/phone-vm/hwversion" "$dir"
+  make -s -C "$(cat "$kbuild/headers")" M="$dir" ARCH=arm CROSS_COMPILE=arm-linux-gnueabihf- \
+    DEB_BUILD_ARCH=amd64 DEB_HOST_ARCH=armhf DEB_HOST_GNU_TYPE=arm-linux-gnueabihf modules > "$work/hwversion.log" 2>&1 ||
+    { cat "$work/hwversion.log" >&2; return 1; }
+}
+
 # The initramfs: busybox, the kernel modules, the installed phone build with its libraries, init.
 make_initramfs() {
   local stage=$1 kernel_root=$2 sysroot=$3 out=$4
@@ -40,6 +49,7 @@ make_initramfs() {
     cp "$f" "$root/lib/phone-vm/"
     echo "$m" >> "$root/lib/phone-vm/modules.order"
   done
+  cp "$work/hwversion/hwversion.ko" "$root/lib/phone-vm/"
   cp -a "$stage/usr/bin/." "$root/usr/bin/"
   for f in "$root"/usr/bin/*; do copy_libraries "$sysroot" "$root" "$f"; done
   cp -L "$sysroot/lib/ld-linux-armhf.so.3" "$root/lib/ld-linux-armhf.so.3"
@@ -90,9 +100,9 @@ start_server() {
 boot() {
   local disk=$1 console=$2
   qemu-system-arm -M virt -m 256 -nographic -no-reboot \
-    -kernel "$kernel" -initrd "$initramfs" -append "console=ttyAMA0 panic=-1 quiet loglevel=4" \
+    -kernel "$kernel" -initrd "$initramfs" -append "console=ttyAMA0 panic=-1 quiet loglevel=4 hwversion=$vm_hwversion" \
     -drive "file=$disk,if=none,id=disk0,format=raw,cache=directsync" -device virtio-blk-device,drive=disk0 \
-    -netdev "user,id=net0,restrict=on,net=10.0.2.0/24,dhcpstart=10.0.2.15,bootfile=http://10.0.2.100/prov/,guestfwd=tcp:10.0.2.100:80-tcp:127.0.0.1:$port" \
+    -netdev "user,id=net0,restrict=on,net=10.0.2.0/24,dhcpstart=10.0.2.15,bootfile=http://10.0.2.100/prov/,guestfwd=tcp:10.0.2.100:80-cmd:python3 $here/phone-vm/relay.py $port" \
     -device "virtio-net-device,netdev=net0,mac=$vm_mac_colons" \
     < /dev/null > "$console" 2>&1 &
   vm_pid=$!
