@@ -56,6 +56,8 @@ int deviceRebootSyscall() {
 
 int deviceKill(int pid, int signal, const std::string&) { return kill(pid, signal); }
 
+int phoneCommand(const std::string& command) { return platformSystem(command); }
+
 bool DeviceFile::Open(const std::string& path, int flags) {
   Close();
   fd_ = open(path.c_str(), flags | O_CLOEXEC);
@@ -96,6 +98,11 @@ int deviceRebootSyscall() {
 
 int deviceKill(int pid, int signal, const std::string& name) {
   recordAction("kill " + std::to_string(pid) + " " + name + " " + std::to_string(signal));
+  return 0;
+}
+
+int phoneCommand(const std::string& command) {
+  recordAction("system " + command);
   return 0;
 }
 

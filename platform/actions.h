@@ -42,3 +42,7 @@ class DeviceFile {
 // Runs a shell command through /bin/sh -c; the wait status as system() gives it (-1 when no shell
 // could be started). Callers quote every value they put in it.
 int platformSystem(const std::string& command);
+// A command of the phone's own (its scripts, as a text method names them): run by platformSystem on
+// the phone; on the host, which has none of those scripts, recorded as "system <command>" and taken
+// as succeeded (status 0).
+int phoneCommand(const std::string& command);

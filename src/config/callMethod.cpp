@@ -126,16 +126,9 @@ bool sleepMethod(const Arguments& args, std::string& result) {
 }
 
 bool systemMethod(const Arguments& args, std::string& result) {
-#ifdef PROVISOR_PHONE_BUILD
-  int status = platformSystem(args[0]);
+  int status = phoneCommand(args[0]);
   result = decimal(status);
   return status == 0;
-#else
-  // The host has none of the phone's scripts: record the command, run nothing.
-  recordAction("system " + args[0]);
-  result = "0";
-  return true;
-#endif
 }
 
 bool regFlushAllFileMethod(const Arguments&, std::string& result) {
