@@ -2,7 +2,7 @@
 """Compares the phone's files between folders read out of its disk.
 
   compare.py same A B                 every tracked file of A and B is equal (exit 1 with the list)
-  compare.py cut OLD NEW CUT          every tracked file of CUT equals OLD's or NEW's (absent counts)
+  compare.py cut OLD NEW CUT          every tracked file of CUT is OLD's or NEW's (absent counts)
   compare.py temporaries DIR          lists what a writer cut short could leave behind
 
 Tracked: every regular file below config/, phone/ and valdrun/ except the log backups. Two kinds of
@@ -10,6 +10,12 @@ value differ by design between two runs that applied the same settings, and are 
 they stand for: values stored protected ("ENC:" + random IV and cipher text) and the salted hashes
 of the web password file, which are checked against the passwords the scenarios provision.
 Prints one line per differing file; the last line is a count.
+
+After a cut, a settings file (INI) is judged setting by setting: a run replaces some files more than
+once (the system file takes the settings, then the digest of each configuration file applied), each
+time whole and atomically, so a cut between two replacements leaves a file that is neither the first
+nor the last version but holds every setting either old or new. Such a file is whole; a torn one has
+a line that is no setting or a setting that is neither. Other files are judged whole.
 """
 import os
 import re
@@ -69,9 +75,37 @@ def same(a, b):
     return 1 if bad else 0
 
 
+def settings(data):
+    """(section, key) -> value of an INI text; None when a line is neither."""
+    out, section = {}, ""
+    for line in data.decode("latin-1").splitlines():
+        text = line.strip()
+        if not text or text[0] in "#;":
+            continue
+        if text.startswith("[") and text.endswith("]"):
+            section = text[1:-1]
+            continue
+        key, equals, value = text.partition("=")
+        if not equals:
+            return None
+        out[(section, key.strip())] = value.strip()
+    return out
+
+
+def whole(rel, old, new, after):
+    if after == old or after == new:
+        return True
+    if not (rel.endswith(".ini") or rel.endswith(".cfg")) or after is None:
+        return False
+    o, n, c = (settings(x) if x is not None else {} for x in (old, new, after))
+    if o is None or n is None or c is None:
+        return False
+    return all(c.get(k) in (o.get(k), n.get(k)) for k in set(o) | set(n) | set(c))
+
+
 def cut(old, new, after):
     o, n, c = contents(old), contents(new), contents(after)
-    bad = sorted(rel for rel in set(o) | set(n) | set(c) if c.get(rel) != o.get(rel) and c.get(rel) != n.get(rel))
+    bad = sorted(rel for rel in set(o) | set(n) | set(c) if not whole(rel, o.get(rel), n.get(rel), c.get(rel)))
     for rel in bad:
         print("torn: " + rel)
     changed = sum(1 for rel in set(o) | set(n) if o.get(rel) != n.get(rel))

@@ -62,7 +62,7 @@ make_initramfs() {
 make_disk() {
   local seed=$1 out=$2
   rm -f "$out"
-  mke2fs -q -t ext4 -L phone -d "$seed" "$out" 64M
+  mke2fs -q -t ext4 -L phone -d "$seed" "$out" 64M > /dev/null
 }
 
 # Copies the folders of the disk out to DIR, after replaying its journal on a copy as the kernel

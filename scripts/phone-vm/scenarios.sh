@@ -164,7 +164,8 @@ one_cut() {
   local verdict
   if ! verdict=$(python3 "$here/phone-vm/compare.py" cut "$work/state-old" "$work/state-new" "$work/after-cut"); then
     torn=$((torn + 1))
-    echo "cut $i after $delay s: $(echo "$verdict" | tr '\n' ' ')"
+    echo "cut $i after $delay s: $(echo "$verdict" | tr '\n' ' ')(files kept in $work/torn-$i)"
+    cp -a "$work/after-cut" "$work/torn-$i"
     return
   fi
   # Inside the writes: some changes made but not all, or a writer's temporary on the disk.
@@ -190,16 +191,19 @@ scenario_power_cuts() {
   cp --sparse=always "$work/disk.img" "$work/state-old.img"
   read_disk "$work/state-old.img" "$work/state-old"
   publish_v2
-  # The uncut run gives the new state and the length of the run's work.
+  # The uncut run gives the new state, the length of the run and where in it the writes begin.
   cp --sparse=always "$work/state-old.img" "$work/reference.img"
-  if ! boot_and_wait_run "$work/reference.img" "$console" ||
-    ! wait_console "$console" "Upgrade finished" "$boot_limit"; then
+  local writes_from="" run_seconds=""
+  if boot_and_wait_run "$work/reference.img" "$console" &&
+    wait_console "$console" "***** Upgrade CFG File" "$boot_limit"; then
+    writes_from=$(elapsed "$run_seen" "$(now)")
+    wait_console "$console" "Upgrade finished" "$boot_limit" && run_seconds=$(elapsed "$run_seen" "$(now)")
+  fi
+  if [ -z "$run_seconds" ]; then
     power_cut
     result 3 "$name" FAIL "the uncut run did not finish ($console)"
     return 1
   fi
-  local run_seconds
-  run_seconds=$(elapsed "$run_seen" "$(now)")
   wait_console "$console" "phone-vm: idle" "$boot_limit" || true
   power_cut
   vm_pid=""
@@ -212,10 +216,16 @@ scenario_power_cuts() {
     result 3 "$name" FAIL "the uncut run changed nothing or installed no ring tone"
     return 1
   fi
-  echo "phone-vm: the run takes about $run_seconds s from its start to its result; each cut falls at random within it"
+  # Every other cut falls anywhere in the run; the others within the part where the uncut run wrote
+  # (from its first settings file to its result), where a cut can tear something.
+  echo "phone-vm: the run takes about $run_seconds s from its start to its result, writing from $writes_from s"
   local i delay
   for i in $(seq 1 "$cuts_wanted"); do
-    delay=$(python3 -c "import random; print('%.3f' % random.uniform(0, $run_seconds))")
+    if [ $((i % 2)) -eq 1 ]; then
+      delay=$(python3 -c "import random; print('%.3f' % random.uniform(0, $run_seconds))")
+    else
+      delay=$(python3 -c "import random; print('%.3f' % random.uniform($writes_from, $run_seconds))")
+    fi
     one_cut "$i" "$delay"
   done
   if [ "$torn" -eq 0 ] && [ "$cuts_done" -eq "$cuts_wanted" ]; then
