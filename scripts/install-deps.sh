@@ -10,6 +10,7 @@ packages=(
   tftpd-hpa vsftpd nginx-light openssl curl sip-tester
   python3 perl-base procps iproute2 ca-certificates
   libarchive-dev imagemagick
+  qemu-system-arm cpio e2fsprogs
 )
 
 missing=()

@@ -79,8 +79,10 @@ read_disk() {
   rm -f "$copy"
 }
 
-# One nginx on a free loopback port serving $work/www; the guest reaches it as 10.0.2.100:80.
+# One nginx on a free loopback port serving $work/www; the guest reaches it as 10.0.2.100:80 through
+# a relay that QEMU starts for each connection.
 start_server() {
+  cc -O2 -o "$work/relay" "$here/phone-vm/relay.c"
   mkdir -p "$work/www" "$work/nginx"
   port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
   sed -e "s|@DIR@|$work/nginx|g" -e "s|@WWW@|$work/www|g" -e "s|@PORT@|$port|g" \
@@ -102,7 +104,7 @@ boot() {
   qemu-system-arm -M virt -m 256 -nographic -no-reboot \
     -kernel "$kernel" -initrd "$initramfs" -append "console=ttyAMA0 panic=-1 quiet loglevel=4 hwversion=$vm_hwversion" \
     -drive "file=$disk,if=none,id=disk0,format=raw,cache=directsync" -device virtio-blk-device,drive=disk0 \
-    -netdev "user,id=net0,restrict=on,net=10.0.2.0/24,dhcpstart=10.0.2.15,bootfile=http://10.0.2.100/prov/,guestfwd=tcp:10.0.2.100:80-cmd:python3 $here/phone-vm/relay.py $port" \
+    -netdev "user,id=net0,restrict=on,net=10.0.2.0/24,dhcpstart=10.0.2.15,bootfile=http://10.0.2.100/prov/,guestfwd=tcp:10.0.2.100:80-cmd:$work/relay $port" \
     -device "virtio-net-device,netdev=net0,mac=$vm_mac_colons" \
     < /dev/null > "$console" 2>&1 &
   vm_pid=$!

@@ -111,11 +111,11 @@ scenario_power_on() {
   fi
 }
 
-# Boots DISK until the first run is over and the daemon idles, then pulls the power.
+# Boots DISK until the first run is over (and with MARK until the daemon idles), then pulls the power.
 boot_until_idle() {
-  local disk=$1 console=$2
+  local disk=$1 console=$2 mark=${3:-"phone-vm: idle"}
   boot "$disk" "$console"
-  wait_console "$console" "phone-vm: idle" "$boot_limit"
+  wait_console "$console" "$mark" "$boot_limit"
   local status=$?
   power_cut
   vm_pid=""
@@ -173,7 +173,8 @@ one_cut() {
   summary=$(echo "$verdict" | tail -1)
   read -r _ _ _ made _ changed _ _ temps _ <<< "$summary"
   [ "$made" -gt 0 ] && [ "$made" -lt "$changed" ] || [ "$temps" -gt 0 ] && cuts_in_writes=$((cuts_in_writes + 1))
-  if ! boot_until_idle "$image" "$console.next"; then
+  # The power goes as soon as the run has ended: what it wrote is on the disk by then.
+  if ! boot_until_idle "$image" "$console.next" "phone-vm: first run ended"; then
     torn=$((torn + 1))
     echo "cut $i after $delay s: the next run did not finish"
     return
