@@ -15,7 +15,9 @@ After a cut, a settings file (INI) is judged setting by setting: a run replaces 
 once (the system file takes the settings, then the digest of each configuration file applied), each
 time whole and atomically, so a cut between two replacements leaves a file that is neither the first
 nor the last version but holds every setting either old or new. Such a file is whole; a torn one has
-a line that is no setting or a setting that is neither. Other files are judged whole.
+a line that is no setting or a setting that is neither. One more value is whole there: an empty
+digest in section OLD_VER, which the daemon stores for the per-device file when the common file
+changed, so that the per-device file applies again on top of it. Other files are judged whole.
 """
 import os
 import re
@@ -100,7 +102,10 @@ def whole(rel, old, new, after):
     o, n, c = (settings(x) if x is not None else {} for x in (old, new, after))
     if o is None or n is None or c is None:
         return False
-    return all(c.get(k) in (o.get(k), n.get(k)) for k in set(o) | set(n) | set(c))
+    def allowed(key):
+        return (o.get(key), n.get(key)) + (("",) if key[0] == "OLD_VER" else ())
+
+    return all(c.get(k) in allowed(k) for k in set(o) | set(n) | set(c))
 
 
 def cut(old, new, after):
