@@ -50,11 +50,11 @@ TEST_F(DeviceTest, KernelFactsFollowTheInterfaces) {
       {"true", 0, "", ""},  // loopback alone counts for nothing
       {"ip link add veth0 address 00:15:65:00:00:a0 type veth peer name veth1 address 00:15:65:00:00:a1 && "
        "ip link set veth0 up",
-       0, "0015650000a0", ""},                                   // up, no carrier: its peer is down
-      {"ip link set veth1 up", 1, "*", ""},                      // carrier, no address
+       0, "0015650000a0", ""},               // up, no carrier: its peer is down
+      {"ip link set veth1 up", 1, "*", ""},  // carrier, no address
       {"ip addr add 10.9.8.7/24 dev veth0", 2, "0015650000a0", "10.9.8.7"},
       {"ip addr del 10.9.8.7/24 dev veth0 && ip addr add 10.9.9.1/24 dev veth1", 2, "0015650000a1", "10.9.9.1"},
-      {"ip link set veth1 down", 0, "0015650000a0", ""},         // a down interface is not looked at
+      {"ip link set veth1 down", 0, "0015650000a0", ""},  // a down interface is not looked at
       {"ip link set veth0 down", 0, "", ""},
   };
   for (const Step& step : steps) {
