@@ -1,6 +1,7 @@
-// The device library on the host: facts from $PROVISOR_ROOT/host/device.ini (read on every call, so
-// a test or the demo can change them while the service runs), the boot-loader environment in
-// $PROVISOR_ROOT/host/bootenv.ini, name resolution, the platform trace.
+// The device library: device facts (on the host from $PROVISOR_ROOT/host/device.ini, read on every
+// call so that a test or the demo can change them while the service runs; on the phone from the
+// kernel), the boot-loader environment in $PROVISOR_ROOT/host/bootenv.ini (on the emulated phone a
+// file of its persistent disk, where its boot loader reads it), name resolution, the platform trace.
 #define LOG_MODULE "./platform/device"
 #include "device.h"
 
@@ -8,16 +9,19 @@
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netdb.h>
+#include <netpacket/packet.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <ctime>
 #include <mutex>
+#include <vector>
 
 #include "clock.h"
 #include "inifile.h"
@@ -30,6 +34,30 @@ constexpr const char* kDeviceSection = "device";
 constexpr const char* kBootEnvSection = "env";
 constexpr const char* kNoMac = "000000000000";
 constexpr const char* kNoIp = "127.0.0.1";
+constexpr size_t kMacBytes = 6;
+
+// "001565abcdef" from a 6-byte hardware address; "" for any other length or an all-zero address.
+std::string macText(const unsigned char* bytes, size_t length) {
+  if (length != kMacBytes) return "";
+  char text[2 * kMacBytes + 1];
+  for (size_t i = 0; i < kMacBytes; ++i) snprintf(text + 2 * i, 3, "%02x", bytes[i]);
+  return text == std::string(kNoMac) ? "" : text;
+}
+
+struct InterfaceFacts {
+  std::string name;
+  std::string mac;
+  std::string ip;
+  bool running = false;
+};
+
+int32_t stateOf(const InterfaceFacts& facts) {
+  if (!facts.running) return 0;
+  return facts.ip.empty() ? 1 : kNetworkUp;
+}
+
+#ifndef PROVISOR_PHONE_BUILD
+
 constexpr int32_t kDefaultNetworkState = 2;
 constexpr int32_t kDefaultNetworkType = 0;
 
@@ -58,43 +86,16 @@ std::string normalizeMac(const std::string& text) {
   return digits.size() == 12 ? digits : "";
 }
 
-// Walks the interfaces of the real machine that are up and not loopback.
-template <typename Visit>
-void forEachInterface(Visit visit) {
-  ifaddrs* list = nullptr;
-  if (getifaddrs(&list) != 0) return;
-  for (ifaddrs* it = list; it; it = it->ifa_next) {
-    if (!it->ifa_name || (it->ifa_flags & IFF_LOOPBACK)) continue;
-    if (visit(*it)) break;
-  }
-  freeifaddrs(list);
+#else
+
+// A clock that was never set starts in 1970; one past the build's own date has been set.
+bool clockWasSet() {
+  struct tm built {};
+  if (!strptime(__DATE__, "%b %d %Y", &built)) return true;
+  return static_cast<int64_t>(time(nullptr)) >= static_cast<int64_t>(timegm(&built));
 }
 
-std::string hostInterfaceMac() {
-  std::string mac;
-  forEachInterface([&mac](const ifaddrs& entry) {
-    std::ifstream in(std::string("/sys/class/net/") + entry.ifa_name + "/address");
-    std::string text;
-    in >> text;
-    mac = normalizeMac(text);
-    if (mac == kNoMac) mac.clear();
-    return !mac.empty();
-  });
-  return mac;
-}
-
-std::string hostInterfaceIp() {
-  std::string ip;
-  forEachInterface([&ip](const ifaddrs& entry) {
-    if (!entry.ifa_addr || entry.ifa_addr->sa_family != AF_INET) return false;
-    char text[INET_ADDRSTRLEN] = {0};
-    const auto* address = reinterpret_cast<const sockaddr_in*>(entry.ifa_addr);
-    if (!inet_ntop(AF_INET, &address->sin_addr, text, sizeof(text))) return false;
-    ip = text;
-    return true;
-  });
-  return ip;
-}
+#endif
 
 std::mutex& bootEnvMutex() {
   static std::mutex m;
@@ -113,21 +114,83 @@ const char* traceWord(int level) {
 
 }  // namespace
 
+KernelNetworkFacts kernelNetworkFacts() {
+  ifaddrs* list = nullptr;
+  if (getifaddrs(&list) != 0) return {};
+  std::vector<InterfaceFacts> interfaces;  // in the kernel's order
+  for (ifaddrs* it = list; it; it = it->ifa_next) {
+    if (!it->ifa_name || (it->ifa_flags & IFF_LOOPBACK) || !(it->ifa_flags & IFF_UP)) continue;
+    auto found = std::find_if(interfaces.begin(), interfaces.end(),
+                              [&](const InterfaceFacts& f) { return f.name == it->ifa_name; });
+    InterfaceFacts& facts = found != interfaces.end() ? *found : interfaces.emplace_back();
+    facts.name = it->ifa_name;
+    facts.running = (it->ifa_flags & IFF_RUNNING) != 0;
+    if (!it->ifa_addr) continue;
+    if (it->ifa_addr->sa_family == AF_PACKET) {
+      const auto* link = reinterpret_cast<const sockaddr_ll*>(it->ifa_addr);
+      facts.mac = macText(link->sll_addr, link->sll_halen);
+    } else if (it->ifa_addr->sa_family == AF_INET && facts.ip.empty()) {
+      char text[INET_ADDRSTRLEN] = {0};
+      const auto* address = reinterpret_cast<const sockaddr_in*>(it->ifa_addr);
+      if (inet_ntop(AF_INET, &address->sin_addr, text, sizeof(text))) facts.ip = text;
+    }
+  }
+  freeifaddrs(list);
+  // The first interface of the best state; an interface without a hardware address (a tunnel) is
+  // taken only when none has one.
+  const InterfaceFacts* best = nullptr;
+  for (const InterfaceFacts& facts : interfaces) {
+    auto rank = [](const InterfaceFacts& f) { return stateOf(f) * 2 + (f.mac.empty() ? 0 : 1); };
+    if (!best || rank(facts) > rank(*best)) best = &facts;
+  }
+  if (!best) return {};
+  return {best->mac, best->ip, stateOf(*best)};
+}
+
+#ifndef PROVISOR_PHONE_BUILD
+
 int32_t netGetNetworkSta() { return deviceInt("network_state", kDefaultNetworkState); }
 
 int32_t netGetNetworkType() { return deviceInt("network_type", kDefaultNetworkType); }
 
 std::string netGetMACText() {
   std::string mac = normalizeMac(deviceValue("mac"));
-  if (mac.empty()) mac = hostInterfaceMac();
+  if (mac.empty()) mac = kernelNetworkFacts().mac;
   return mac.empty() ? kNoMac : mac;
 }
 
 std::string netGetLocalIP() {
   std::string ip = deviceValue("ip");
-  if (ip.empty()) ip = hostInterfaceIp();
+  if (ip.empty()) ip = kernelNetworkFacts().ip;
   return ip.empty() ? kNoIp : ip;
 }
+
+bool netIsTrustedLocalTime() { return deviceInt("time_trusted", 1) != 0; }
+
+std::string deviceFamilyOverride() { return deviceValue("family"); }
+
+#else  // the phone: what the running system says
+
+int32_t netGetNetworkSta() { return kernelNetworkFacts().state; }
+
+// The phone's one network port is wired.
+int32_t netGetNetworkType() { return 0; }
+
+std::string netGetMACText() {
+  std::string mac = kernelNetworkFacts().mac;
+  return mac.empty() ? kNoMac : mac;
+}
+
+std::string netGetLocalIP() {
+  std::string ip = kernelNetworkFacts().ip;
+  return ip.empty() ? kNoIp : ip;
+}
+
+bool netIsTrustedLocalTime() { return clockWasSet(); }
+
+std::string deviceFamilyOverride() { return ""; }
+
+#endif
 
 std::string netGetHostIPString(const std::string& host, int family) {
   if (host.empty()) return "";
@@ -154,8 +217,6 @@ bool IsValidIPV6(const std::string& text) {
 }
 
 int32_t netGetLocalTime() { return serviceClock().nowSeconds(); }
-
-bool netIsTrustedLocalTime() { return deviceInt("time_trusted", 1) != 0; }
 
 int userenv_set(const std::string& name, const std::string& value) { return userenv_set_all({{name, value}}); }
 

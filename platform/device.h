@@ -1,7 +1,12 @@
-// Facts and services of the phone's device library. On the host, facts come from
-// $PROVISOR_ROOT/host/device.ini, section "device": mac (12 lower-case hexadecimal digits), ip,
-// network_state (default 2), network_type (default 0), time_trusted (default 1). A missing mac or
-// ip comes from the host's first non-loopback interface, else 000000000000 and 127.0.0.1.
+// Facts and services of the phone's device library.
+// Host build: facts come from $PROVISOR_ROOT/host/device.ini, section "device": mac (12 lower-case
+// hexadecimal digits), ip, network_state (default 2), network_type (default 0), time_trusted
+// (default 1), family (forces the device family). A missing mac or ip comes from the kernel's
+// interfaces as on the phone, else 000000000000 and 127.0.0.1.
+// Phone build (PROVISOR_PHONE_BUILD): no host file is read. MAC, address and network state come from
+// the kernel's interfaces (kernelNetworkFacts); the network type is 0 (wired: the phone's network
+// port); the local time is trusted once the clock is past the build's date; the device family
+// follows the hardware version alone.
 #pragma once
 
 #include <cstdint>
@@ -14,6 +19,19 @@ constexpr const char* kHostDeviceIni = "/host/device.ini";
 // The network state: kNetworkUp (2) when the phone can reach a server.
 constexpr int32_t kNetworkUp = 2;
 int32_t netGetNetworkSta();
+// What the kernel says about the network: the interface that is up and not loopback, preferring one
+// with carrier and an IPv4 address. `state`: kNetworkUp with carrier and an address, 1 with carrier
+// only, 0 when no interface is up with carrier. `mac` is "" when no up interface has a hardware
+// address, `ip` "" when there is no IPv4 address.
+struct KernelNetworkFacts {
+  std::string mac;
+  std::string ip;
+  int32_t state = 0;
+};
+KernelNetworkFacts kernelNetworkFacts();
+// The forced device family of the host build (section "device", key "family"); always "" on the
+// phone, whose family follows its hardware version.
+std::string deviceFamilyOverride();
 int32_t netGetNetworkType();
 std::string netGetMACText();
 std::string netGetLocalIP();

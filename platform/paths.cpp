@@ -31,9 +31,19 @@ std::string normalisedRoot(const char* value) {
   return root;
 }
 
+// The root a program starts with: $PROVISOR_ROOT on the host build; a phone is its own root, and
+// no variable of the environment may move where it writes.
+const char* startupRoot() {
+#ifdef PROVISOR_PHONE_BUILD
+  return nullptr;
+#else
+  return getenv("PROVISOR_ROOT");
+#endif
+}
+
 // Never destroyed: helper threads and exit handlers may still resolve paths during exit.
 std::string& rootStorage() {
-  static std::string* root = new std::string(normalisedRoot(getenv("PROVISOR_ROOT")));
+  static std::string* root = new std::string(normalisedRoot(startupRoot()));
   return *root;
 }
 

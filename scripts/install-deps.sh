@@ -11,6 +11,7 @@ packages=(
   python3 perl-base procps iproute2 ca-certificates
   libarchive-dev imagemagick
   gnuplot-nox
+  qemu-system-arm cpio e2fsprogs
 )
 
 missing=()

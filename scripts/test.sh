@@ -3,6 +3,9 @@
 # UndefinedBehaviorSanitizer; cross-built for the phone's 32-bit ARM) and runs the whole test suite
 # in each (the normal one also each test program alone, shuffled). The ARM suite runs under the user-mode emulator against a sysroot cached in
 # $ARMHF_SYSROOT (default ~/.cache/provisor/armhf-sysroot); PROVISOR_SKIP_ARMHF=1 leaves it out.
+# Fourth, the phone build boots on an emulated ARM phone (scripts/phone-vm.sh) with a few power cuts
+# (PHONE_VM_CUTS, default 4 here); its kernel and busybox are cached beside the sysroot;
+# PROVISOR_SKIP_VM=1 leaves it out.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -40,4 +43,8 @@ if [ "${PROVISOR_SKIP_ARMHF:-0}" != 1 ]; then
   bash scripts/armhf-sysroot.sh "$sysroot"
   build_and_test build-armhf -DCMAKE_TOOLCHAIN_FILE=cmake/armhf.cmake -DARMHF_SYSROOT="$sysroot" \
     -DPROVISOR_BENCH=OFF
+fi
+if [ "${PROVISOR_SKIP_VM:-0}" != 1 ]; then
+  echo "== the emulated ARM phone =="
+  PHONE_VM_CUTS=${PHONE_VM_CUTS:-4} bash scripts/phone-vm.sh
 fi

@@ -5,7 +5,6 @@
 
 #include "autoDefine.h"
 #include "device.h"
-#include "inifile.h"
 
 namespace {
 
@@ -28,11 +27,8 @@ std::string familyOfDeviceId(int deviceId) {
 }
 
 std::string deviceFamily() {
-  iniFile device;
-  if (device.LoadFromFile(kHostDeviceIni)) {
-    std::string forced = device.GetTextValue("device", "family", "");
-    if (!forced.empty()) return forced;
-  }
+  std::string forced = deviceFamilyOverride();
+  if (!forced.empty()) return forced;
   int deviceId = -1;
   if (sscanf(readHardwareVersion().c_str(), "%d", &deviceId) != 1) return "";
   return familyOfDeviceId(deviceId);

@@ -4,6 +4,7 @@
 #include <tuple>
 
 #include "device.h"
+#include "ownNetwork.h"
 #include "testRoot.h"
 
 using namespace testing_support;
@@ -32,6 +33,48 @@ TEST_F(DeviceTest, FactsComeFromDeviceIniWithDefaults) {
   fakeClock.advanceMs(5000);
   EXPECT_EQ(netGetLocalTime(), 1700000005);
 
+}
+
+// The phone's network facts from the kernel, stepped through the states of a real pair of virtual
+// Ethernet interfaces in a namespace of the test's own. The host build takes its MAC and address from
+// the same facts when device.ini names none.
+TEST_F(DeviceTest, KernelFactsFollowTheInterfaces) {
+  RUN_IN_OWN_NETWORK();
+  struct Step {
+    const char* commands;
+    int32_t state;
+    const char* mac;  // "*" either of the pair
+    const char* ip;
+  };
+  const Step steps[] = {
+      {"true", 0, "", ""},  // loopback alone counts for nothing
+      {"ip link add veth0 address 00:15:65:00:00:a0 type veth peer name veth1 address 00:15:65:00:00:a1 && "
+       "ip link set veth0 up",
+       0, "0015650000a0", ""},               // up, no carrier: its peer is down
+      {"ip link set veth1 up", 1, "*", ""},  // carrier, no address
+      {"ip addr add 10.9.8.7/24 dev veth0", 2, "0015650000a0", "10.9.8.7"},
+      {"ip addr del 10.9.8.7/24 dev veth0 && ip addr add 10.9.9.1/24 dev veth1", 2, "0015650000a1", "10.9.9.1"},
+      {"ip link set veth1 down", 0, "0015650000a0", ""},  // a down interface is not looked at
+      {"ip link set veth0 down", 0, "", ""},
+  };
+  for (const Step& step : steps) {
+    ASSERT_EQ(runCommand(step.commands), 0) << step.commands;
+    KernelNetworkFacts facts = kernelNetworkFacts();
+    EXPECT_EQ(facts.state, step.state) << step.commands;
+    if (std::string(step.mac) == "*")
+      EXPECT_TRUE(facts.mac == "0015650000a0" || facts.mac == "0015650000a1") << facts.mac;
+    else
+      EXPECT_EQ(facts.mac, step.mac) << step.commands;
+    EXPECT_EQ(facts.ip, step.ip) << step.commands;
+  }
+  ASSERT_EQ(runCommand("ip link set veth0 up && ip link set veth1 up && ip addr add 10.9.8.7/24 dev veth0 && "
+                       "ip addr del 10.9.9.1/24 dev veth1"),
+            0);
+  EXPECT_EQ(std::make_pair(netGetMACText(), netGetLocalIP()),
+            std::make_pair(std::string("0015650000a0"), std::string("10.9.8.7")));
+  root->write(kHostDeviceIni, "[device]\nmac=001565aabbcc\nip=10.1.2.3\nfamily=orin\n");
+  EXPECT_EQ(std::make_tuple(netGetMACText(), netGetLocalIP(), deviceFamilyOverride()),
+            std::make_tuple(std::string("001565aabbcc"), std::string("10.1.2.3"), std::string("orin")));
 }
 
 TEST_F(DeviceTest, BootEnvironmentPersistsAtomically) {
