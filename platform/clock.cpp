@@ -64,11 +64,6 @@ Clock& serviceClock() { return *installedClock().load(); }
 
 Clock* setClock(Clock* next) { return installedClock().exchange(next ? next : &realClock()); }
 
-#ifdef PROVISOR_PHONE_BUILD
-// A phone has only the real clock.
-void installStartupClock() {}
-#endif
-
 uint32_t brisaGetTickCount() { return serviceClock().tickMs(); }
 
 void brisaSleep(uint32_t ms) { serviceClock().sleepMs(ms); }

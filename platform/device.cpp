@@ -1,7 +1,7 @@
-// The device library: device facts (on the host from $PROVISOR_ROOT/host/device.ini, read on every
-// call so that a test or the demo can change them while the service runs; on the phone from the
-// kernel), the boot-loader environment in $PROVISOR_ROOT/host/bootenv.ini (on the emulated phone a
+// The device library: the kernel's network facts, the boot-loader environment in $PROVISOR_ROOT/host/bootenv.ini (on the emulated phone a
 // file of its persistent disk, where its boot loader reads it), name resolution, the platform trace.
+// Where the device facts come from is the backend's: platform/host/device.cpp reads
+// $PROVISOR_ROOT/host/device.ini, platform/phone/device.cpp asks the running system.
 #define LOG_MODULE "./platform/device"
 #include "device.h"
 
@@ -30,10 +30,8 @@
 
 namespace {
 
-constexpr const char* kDeviceSection = "device";
 constexpr const char* kBootEnvSection = "env";
 constexpr const char* kNoMac = "000000000000";
-constexpr const char* kNoIp = "127.0.0.1";
 constexpr size_t kMacBytes = 6;
 
 // "001565abcdef" from a 6-byte hardware address; "" for any other length or an all-zero address.
@@ -55,47 +53,6 @@ int32_t stateOf(const InterfaceFacts& facts) {
   if (!facts.running) return 0;
   return facts.ip.empty() ? 1 : kNetworkUp;
 }
-
-#ifndef PROVISOR_PHONE_BUILD
-
-constexpr int32_t kDefaultNetworkState = 2;
-constexpr int32_t kDefaultNetworkType = 0;
-
-std::string deviceValue(const std::string& key) {
-  iniFile ini;
-  ini.LoadFromFile(kHostDeviceIni);
-  return ini.GetTextValue(kDeviceSection, key, "");
-}
-
-int32_t deviceInt(const std::string& key, int32_t defaultValue) {
-  std::string text = deviceValue(key);
-  if (text.empty()) return defaultValue;
-  char* end = nullptr;
-  long value = strtol(text.c_str(), &end, 10);
-  return end == text.c_str() ? defaultValue : static_cast<int32_t>(value);
-}
-
-// "00:15:65:AB:CD:EF" or "001565abcdef" -> "001565abcdef"; "" when it is not a MAC address.
-std::string normalizeMac(const std::string& text) {
-  std::string digits;
-  for (char c : text) {
-    if (c == ':' || c == '-' || isspace(static_cast<unsigned char>(c))) continue;
-    if (!isxdigit(static_cast<unsigned char>(c))) return "";
-    digits += static_cast<char>(tolower(static_cast<unsigned char>(c)));
-  }
-  return digits.size() == 12 ? digits : "";
-}
-
-#else
-
-// A clock that was never set starts in 1970; one past the build's own date has been set.
-bool clockWasSet() {
-  struct tm built {};
-  if (!strptime(__DATE__, "%b %d %Y", &built)) return true;
-  return static_cast<int64_t>(time(nullptr)) >= static_cast<int64_t>(timegm(&built));
-}
-
-#endif
 
 std::mutex& bootEnvMutex() {
   static std::mutex m;
@@ -146,51 +103,6 @@ KernelNetworkFacts kernelNetworkFacts() {
   if (!best) return {};
   return {best->mac, best->ip, stateOf(*best)};
 }
-
-#ifndef PROVISOR_PHONE_BUILD
-
-int32_t netGetNetworkSta() { return deviceInt("network_state", kDefaultNetworkState); }
-
-int32_t netGetNetworkType() { return deviceInt("network_type", kDefaultNetworkType); }
-
-std::string netGetMACText() {
-  std::string mac = normalizeMac(deviceValue("mac"));
-  if (mac.empty()) mac = kernelNetworkFacts().mac;
-  return mac.empty() ? kNoMac : mac;
-}
-
-std::string netGetLocalIP() {
-  std::string ip = deviceValue("ip");
-  if (ip.empty()) ip = kernelNetworkFacts().ip;
-  return ip.empty() ? kNoIp : ip;
-}
-
-bool netIsTrustedLocalTime() { return deviceInt("time_trusted", 1) != 0; }
-
-std::string deviceFamilyOverride() { return deviceValue("family"); }
-
-#else  // the phone: what the running system says
-
-int32_t netGetNetworkSta() { return kernelNetworkFacts().state; }
-
-// The phone's one network port is wired.
-int32_t netGetNetworkType() { return 0; }
-
-std::string netGetMACText() {
-  std::string mac = kernelNetworkFacts().mac;
-  return mac.empty() ? kNoMac : mac;
-}
-
-std::string netGetLocalIP() {
-  std::string ip = kernelNetworkFacts().ip;
-  return ip.empty() ? kNoIp : ip;
-}
-
-bool netIsTrustedLocalTime() { return clockWasSet(); }
-
-std::string deviceFamilyOverride() { return ""; }
-
-#endif
 
 std::string netGetHostIPString(const std::string& host, int family) {
   if (host.empty()) return "";

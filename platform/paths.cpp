@@ -1,5 +1,6 @@
 #define LOG_MODULE "./platform/paths"
 #include "paths.h"
+#include "backend.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -29,16 +30,6 @@ std::string normalisedRoot(const char* value) {
   std::string root = value ? value : "";
   while (!root.empty() && root.back() == '/') root.pop_back();
   return root;
-}
-
-// The root a program starts with: $PROVISOR_ROOT on the host build; a phone is its own root, and
-// no variable of the environment may move where it writes.
-const char* startupRoot() {
-#ifdef PROVISOR_PHONE_BUILD
-  return nullptr;
-#else
-  return getenv("PROVISOR_ROOT");
-#endif
 }
 
 // Never destroyed: helper threads and exit handlers may still resolve paths during exit.

@@ -1,0 +1,5 @@
+#include <cstdlib>
+
+#include "backend.h"
+
+const char* startupRoot() { return getenv("PROVISOR_ROOT"); }
