@@ -30,6 +30,10 @@ with warnings.catch_warnings():
 
 TRACKED = ("config", "phone", "valdrun")
 SKIPPED = re.compile(r"^config/autop_log/")
+# What the daemon keeps of earlier HTTP answers (for conditional downloads) is its own, not a setting:
+# it names the server's URLs and validators, so it differs between any two servers. Its temporaries
+# still count.
+KEPT_ANSWERS = re.compile(r"^config/provisor\.d/cache/")
 # Names a writer gives its temporaries and staging: "<file>.tmp<pid>.<n>", firmware "<slot>.new-*",
 # archive staging ".unpack-*" / ".old-*", scratch pictures ".imageScale.*".
 TEMPORARY = re.compile(r"(\.tmp\d+\.\d+$|\.new-[^/]*$|/\.unpack-|/\.old-|/\.imageScale\.)")
@@ -65,7 +69,8 @@ def normalised(rel, path):
 
 
 def contents(top):
-    return {rel: normalised(rel, path) for rel, path in files_of(top).items() if not TEMPORARY.search("/" + rel)}
+    return {rel: normalised(rel, path) for rel, path in files_of(top).items()
+            if not TEMPORARY.search("/" + rel) and not KEPT_ANSWERS.match(rel)}
 
 
 def same(a, b):
