@@ -24,12 +24,6 @@ const char* kTable = R"XML(<autopTranslator><cfg>
   <object name="dialplan"><item name="url" fileType="xml" usage="cover.dialplan" path="/config/data/DialPlan.xml"/></object>
 </bin></autopTranslator>)XML";
 
-int occurrences(const std::string& text, const std::string& needle) {
-  int n = 0;
-  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-  return n;
-}
-
 class ConditionalDownloadTest : public RootedTest {
  protected:
   void SetUp() override {

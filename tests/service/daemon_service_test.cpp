@@ -26,8 +26,6 @@ const char* kPolicyTable = R"XML(<?xml version="1.0"?>
 </cfg></autopTranslator>
 )XML";
 
-bool contains(const std::string& text, const std::string& needle) { return text.find(needle) != std::string::npos; }
-
 class ServiceDaemonTest : public ::testing::Test {
  protected:
   void SetUp() override {

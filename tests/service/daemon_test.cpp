@@ -44,14 +44,6 @@ const char* kTable = R"XML(<?xml version="1.0"?>
 
 std::string markerFile(const std::string& source) { return "#!version:1.0.0.1\nmarker.source = " + source + "\n"; }
 
-int occurrences(const std::string& text, const std::string& needle) {
-  int n = 0;
-  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-  return n;
-}
-
-bool contains(const std::string& text, const std::string& needle) { return text.find(needle) != std::string::npos; }
-
 const char* kMac = "001565aabbcc";
 const std::string kResultOk = receivedLine(BROAD_MSG_AUTOP_RESULT, 0, 1) + "\n";
 

@@ -130,6 +130,12 @@ int runCommand(const std::string& command, std::string* output) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+int occurrences(const std::string& text, const std::string& needle) {
+  int n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
+}
+
 int freePort(bool udp) {
   int fd = socket(AF_INET, udp ? SOCK_DGRAM : SOCK_STREAM, 0);
   sockaddr_in addr{};

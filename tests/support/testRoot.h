@@ -80,6 +80,10 @@ class LogCapture {
   void clear();
 };
 
+// How often `needle` occurs in `text` (overlapping counted), and whether it does at all.
+int occurrences(const std::string& text, const std::string& needle);
+inline bool contains(const std::string& text, const std::string& needle) { return text.find(needle) != std::string::npos; }
+
 // Runs a command through /bin/sh, returns its exit status and fills `output` with stdout+stderr.
 int runCommand(const std::string& command, std::string* output = nullptr);
 // A free TCP (or UDP) port on 127.0.0.1.
